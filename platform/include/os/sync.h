@@ -1,0 +1,45 @@
+// Critical sections (in-process) and named mutexes (machine-wide).
+//
+// A named mutex is shared by every process of the simulated machine that
+// opens the same name. Ownership is per thread and recursive, as on Windows.
+#ifndef PLATFORM_INCLUDE_OS_SYNC_H_
+#define PLATFORM_INCLUDE_OS_SYNC_H_
+
+#include "os/types.h"
+
+namespace os {
+
+constexpr DWORD INFINITE = 0xFFFFFFFF;
+constexpr DWORD WAIT_OBJECT_0 = 0x00000000;
+constexpr DWORD WAIT_ABANDONED = 0x00000080;
+constexpr DWORD WAIT_TIMEOUT = 0x00000102;
+constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
+
+// Opaque storage for a recursive in-process lock; large enough for the
+// platform's implementation. Initialise before use, delete after.
+struct CRITICAL_SECTION {
+    alignas(8) unsigned char storage[64];
+};
+
+// Always succeeds on this platform (TRUE); the spin count is recorded only.
+BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spinCount);
+void EnterCriticalSection(CRITICAL_SECTION* section);
+void LeaveCriticalSection(CRITICAL_SECTION* section);
+void DeleteCriticalSection(CRITICAL_SECTION* section);
+
+// Creates or opens the named mutex `name` ("Global\" and "Local\" prefixes are
+// namespaces; names are case-sensitive). A null name makes an unnamed mutex.
+// Returns a handle; last error is ERROR_ALREADY_EXISTS when it existed, else
+// 0. NULL on failure with the reason in last error.
+HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES attributes, BOOL initialOwner, LPCWSTR name);
+// Waits until the object is signalled or `milliseconds` pass. For a mutex:
+// WAIT_OBJECT_0 (now owned), WAIT_ABANDONED (owned; its previous owner ended
+// while holding it), WAIT_TIMEOUT, or WAIT_FAILED with last error
+// ERROR_INVALID_HANDLE. Time-outs run on the platform clock.
+DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
+// FALSE with ERROR_NOT_OWNER when the calling thread does not own the mutex.
+BOOL ReleaseMutex(HANDLE mutex);
+
+}  // namespace os
+
+#endif  // PLATFORM_INCLUDE_OS_SYNC_H_

@@ -1,0 +1,103 @@
+// The simulated Windows machine: what the os:: functions answer from.
+//
+// A machine is described by a JSON file (docs/machine.md) named by the
+// environment variable FIKIV_MACHINE. Without it, a built-in default machine is
+// written on first use under $XDG_RUNTIME_DIR/fikiv-<uid>/default (or
+// /tmp/fikiv-<uid>/default) and used from there. The machine's state directory
+// (event log, pipes, mutexes, driver state, volume backing directories unless
+// the file names others) is the directory "<file stem>.state" next to the file.
+//
+// Machine::current() loads the description once per process; a malformed file
+// throws MachineError naming the file, the line and the field, and the os::
+// functions then fail with Win32 codes (ERROR_NOT_READY) instead of crashing.
+// The description is read-only after loading and safe to read from any thread.
+#ifndef PLATFORM_SIM_INCLUDE_SIM_MACHINE_H_
+#define PLATFORM_SIM_INCLUDE_SIM_MACHINE_H_
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sim {
+
+// Values of os::GetDriveTypeW.
+enum class DriveType : std::uint32_t {
+    Unknown = 0,
+    Removable = 2,
+    Fixed = 3,
+    Remote = 4,
+    CdRom = 5,
+    RamDisk = 6,
+};
+
+struct Volume {
+    std::u16string guidName;            // "\\?\Volume{...}\" with trailing backslash
+    std::vector<std::u16string> paths;  // "C:\", "C:\mnt\data\" (may be empty)
+    DriveType type = DriveType::Fixed;
+    std::u16string fileSystem;  // "NTFS", "ReFS", "FAT32"; "RAW" = unrecognised
+    std::u16string label;
+    std::uint32_t serialNumber = 0;
+    std::uint64_t totalBytes = 0;
+    std::uint64_t freeBytes = 0;
+    bool mediaPresent = true;               // false: empty removable or CD-ROM drive
+    std::uint32_t driverAttributes = 0;     // KIV attribute bits 0x1 .. 0x10
+    std::uint32_t driverValue = 0;          // second word of the driver's volume information
+    std::filesystem::path backingDirectory; // where the volume's files live on Linux
+};
+
+class MachineError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// A Windows path resolved onto a volume.
+struct ResolvedPath {
+    const Volume* volume = nullptr;
+    std::u16string rootPath;          // the drive root, mount point or GUID name used
+    std::u16string relative;          // rest of the path below that root, no leading '\'
+    std::filesystem::path hostPath;   // Linux path of the file (case-insensitively matched
+                                      // for the components that exist)
+};
+
+class Machine {
+public:
+    // The machine of this process, loaded on first use. Throws MachineError.
+    static const Machine& current();
+    // Forgets the loaded machine so the next current() loads anew (tests that
+    // switch FIKIV_MACHINE). Not safe while other threads use the machine.
+    static void reset();
+    // Loads a description without making it current (validation, tools).
+    static Machine load(const std::filesystem::path& file);
+    // Writes the built-in default machine to `file` (and its backing
+    // directories) when the file does not exist yet.
+    static void writeDefault(const std::filesystem::path& file);
+
+    const std::filesystem::path& file() const { return file_; }
+    const std::filesystem::path& stateDirectory() const { return stateDirectory_; }
+    std::uint32_t majorVersion() const { return majorVersion_; }
+    std::uint32_t minorVersion() const { return minorVersion_; }
+    std::uint32_t buildNumber() const { return buildNumber_; }
+    const std::vector<Volume>& volumes() const { return volumes_; }
+
+    // Volume by GUID name, with or without the trailing backslash, ignoring case.
+    const Volume* findVolume(std::u16string_view guidName) const;
+    // The volume whose root (drive root, mount point or GUID name) is the
+    // longest prefix of `path`, ignoring case; nullopt when none.
+    std::optional<ResolvedPath> resolve(std::u16string_view path) const;
+
+private:
+    std::filesystem::path file_;
+    std::filesystem::path stateDirectory_;
+    std::uint32_t majorVersion_ = 10;
+    std::uint32_t minorVersion_ = 0;
+    std::uint32_t buildNumber_ = 0;
+    std::vector<Volume> volumes_;
+};
+
+}  // namespace sim
+
+#endif  // PLATFORM_SIM_INCLUDE_SIM_MACHINE_H_

@@ -1,0 +1,38 @@
+// Cross-process tests: the test program starts itself again with
+// --child=<role>, runs the role's function instead of the tests, and exits
+// with its result (the number of failures; 0 is success).
+#ifndef TESTS_SUPPORT_CHILD_PROCESS_H_
+#define TESTS_SUPPORT_CHILD_PROCESS_H_
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+using ChildMain = int (*)(const std::vector<std::string>& arguments);
+
+// Registers a role; use FIKIV_CHILD_ROLE at namespace scope.
+struct ChildRole {
+    ChildRole(const char* name, ChildMain main);
+};
+
+#define FIKIV_CHILD_ROLE(name)                                                      \
+    static int name##ChildMain(const std::vector<std::string>& arguments);          \
+    static ::testsupport::ChildRole name##ChildRole(#name, &name##ChildMain);       \
+    static int name##ChildMain([[maybe_unused]] const std::vector<std::string>& arguments)
+
+// Starts this program as `role` with the arguments; the child inherits the
+// environment (so FIKIV_MACHINE too). Returns its process id.
+pid_t startChild(const std::string& role, const std::vector<std::string>& arguments = {});
+// Waits for the child; its exit code, or 128 + signal when it was killed.
+int waitChild(pid_t child);
+
+// Runs the role named by --child=<role> in argv, if any; called by main.
+// Returns true (and sets *exitCode) when this process is a child.
+bool runChildRole(int argc, char** argv, int* exitCode);
+
+}  // namespace testsupport
+
+#endif  // TESTS_SUPPORT_CHILD_PROCESS_H_
