@@ -1,0 +1,29 @@
+// Library load and unload of the plug-in.
+//
+// On load the lock that guards the driver binding is created. On unload the
+// coordinator goes first (it deletes the nodes still registered, which close
+// their driver handles while the driver library is still loaded, and both
+// catalogues), then ICU's cached data is released: ICU must not be cleaned up
+// while catalogues still hold its resource bundles. The driver library and the
+// provider mutex handle are released after this, by their own exit-time
+// destructors.
+#include <unicode/uclean.h>
+
+#include "kiv/cachefile/kivapi.h"
+#include "kiv/kivficoordinator.h"
+
+namespace {
+
+__attribute__((constructor)) void kivdllProcessAttach() {
+    // Linux delivers no per-thread attach notifications to libraries, so
+    // there is nothing to turn off here.
+    initKivApiLock();
+}
+
+__attribute__((destructor)) void kivdllProcessDetach() {
+    KivFiCoordinator::destroyInstance();
+    u_cleanup();
+    deleteKivApiLock();
+}
+
+}  // namespace

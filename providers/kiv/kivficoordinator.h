@@ -23,6 +23,8 @@ class tarp_MsgCatalog;
 
 // "<kiv>", the tag in front of the names of interposed objects.
 const std::u16string& kivTag();
+// True when the identity's name begins with the tag.
+bool hasKivTag(const tarn_objid* identity);
 // The record's node, or null for a null record.
 FrozenImageNode* nodeOf(const tarn_node* record);
 // The identity's name as a wide string, trailing NULs removed.
@@ -41,6 +43,10 @@ public:
     // error of the driver binding when it cannot be built; the next call tries
     // again.
     static KivFiCoordinator& instance();
+    // Deletes the coordinator (and with it every node still registered and
+    // both catalogues) when the plug-in is unloaded; a later instance() builds
+    // a new one.
+    static void destroyInstance();
     ~KivFiCoordinator() override;
 
     void setFrameworkContext(tarn_context* context) { frameworkContext_ = context; }
