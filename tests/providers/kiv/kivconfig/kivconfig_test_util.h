@@ -1,0 +1,140 @@
+// Records and documents shared by the configuration tests: the group object's
+// record and a volume's record, requests, settings documents, and taking over
+// the buffers the configuration hands to the host.
+#ifndef TESTS_PROVIDERS_KIV_KIVCONFIG_KIVCONFIG_TEST_UTIL_H_
+#define TESTS_PROVIDERS_KIV_KIVCONFIG_KIVCONFIG_TEST_UTIL_H_
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kiv/kivconfig/kivconfig.h"
+#include "kiv/kivficoordinator.h"
+#include "tarn/records.h"
+#include "tarn/tarnutil.h"
+
+namespace kivconfigtest {
+
+enum class Target { kGroup, kVolume };
+enum class Select { kSplit, kQuiesce, kNone, kBoth };
+
+inline const char* targetName(Target target) {
+    return target == Target::kGroup ? "group" : "volume";
+}
+
+inline tarn_config_request request(Select select, const char16_t* text) {
+    tarn_config_request request{};
+    request.split_selector = (select == Select::kSplit || select == Select::kBoth) ? 0x10 : 0;
+    request.quiesce_selector = (select == Select::kQuiesce || select == Select::kBoth) ? 0x20 : 0;
+    request.text = const_cast<char16_t*>(text);
+    return request;
+}
+
+// A settings document with one element per (key, value).
+inline std::u16string document(
+    std::initializer_list<std::pair<std::u16string, std::u16string>> elements,
+    const std::u16string& mode = u"") {
+    std::u16string text = u"<SET_CONFIG_INFO_LIST> ";
+    if (!mode.empty()) {
+        text += u"<SET_CONFIG_INFO key=cs_flags value=" + mode + u" /> ";
+    }
+    for (const auto& [key, value] : elements) {
+        text += u"<SET_CONFIG_INFO key=" + key + u" value=" + value + u" /> ";
+    }
+    return text + u"</SET_CONFIG_INFO_LIST>";
+}
+
+inline std::u16string selectDocument(
+    std::initializer_list<std::pair<std::u16string, std::u16string>> elements) {
+    return document(elements, u"TARN_CFS_SELECT_PREP");
+}
+
+// Takes over a buffer handed to the host: returns its text and frees it with
+// the size the host assumes (2 x (length + 1) bytes), which the framework
+// library checks against the allocation.
+inline std::u16string takeText(tarn_config_request& request) {
+    std::u16string text(request.text);
+    tarn_free_buf(request.text, 2 * (text.size() + 1));
+    request.text = nullptr;
+    return text;
+}
+
+}  // namespace kivconfigtest
+
+// Reaches what the host cannot: storing quiesce and cache entries as they are
+// kept, also ones no settings document can carry (values with blanks, a
+// prefix alone).
+class KivConfigTestPeer {
+  public:
+    static void storeQuiesceEntries(KivConfig& config, std::vector<std::u16string> entries) {
+        config.quiesceEntries_ = std::move(entries);
+        config.quiesceConfigured_ = true;
+    }
+    static void storeCacheEntries(KivConfig& config, std::vector<std::u16string> entries) {
+        config.cacheEntries_ = std::move(entries);
+        config.cacheConfigured_ = true;
+    }
+};
+
+namespace kivconfigtest {
+
+// A fixture with one configuration and the two kinds of records; makes sure
+// the coordinator (which knows the group object) exists.
+class ConfigFixture : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { KivFiCoordinator::instance(); }
+
+    void SetUp() override {
+        groupRecord_.objid = makeObjid(u"kiv-cow-snapshot-group");
+        volumeRecord_.objid =
+            makeObjid(u"<kiv>\\\\?\\Volume{00000000-0000-0000-0000-000000000005}\\");
+        tarn_test_buffer_stats(&outstandingBefore_, &sizeFaultsBefore_);
+    }
+
+    void TearDown() override {
+        std::uint64_t outstanding = 0;
+        std::uint64_t sizeFaults = 0;
+        tarn_test_buffer_stats(&outstanding, &sizeFaults);
+        EXPECT_EQ(outstanding, outstandingBefore_) << "a handed-over buffer was not taken";
+        EXPECT_EQ(sizeFaults, sizeFaultsBefore_) << "a buffer was not 2 x (length + 1) bytes";
+    }
+
+    tarn_node* record(Target target) {
+        return target == Target::kGroup ? &groupRecord_ : &volumeRecord_;
+    }
+
+    std::int32_t set(Target target, Select select, const std::u16string& text) {
+        tarn_config_request r = request(select, text.c_str());
+        return config_.set(record(target), nullptr, &r);
+    }
+    std::int32_t update(Target target, Select select, const std::u16string& text) {
+        tarn_config_request r = request(select, text.c_str());
+        return config_.update(record(target), &r);
+    }
+    // The text get hands back, or "<untouched>" / "<null>".
+    std::u16string get(Target target, Select select) {
+        static const char16_t kSentinel[] = u"<untouched>";
+        tarn_config_request r = request(select, kSentinel);
+        EXPECT_EQ(config_.get(record(target), nullptr, &r), 0);
+        if (r.text == nullptr) {
+            return u"<null>";
+        }
+        if (r.text == kSentinel) {
+            return kSentinel;
+        }
+        return takeText(r);
+    }
+
+    tarn_node groupRecord_{};
+    tarn_node volumeRecord_{};
+    KivConfig config_;
+    std::uint64_t outstandingBefore_ = 0;
+    std::uint64_t sizeFaultsBefore_ = 0;
+};
+
+}  // namespace kivconfigtest
+
+#endif  // TESTS_PROVIDERS_KIV_KIVCONFIG_KIVCONFIG_TEST_UTIL_H_
