@@ -11,9 +11,11 @@
 #include <cstddef>
 #include <cstdint>
 
-// printf into a narrow buffer. Returns the characters written when the text
-// fits (n < capacity); otherwise terminates at the last position and returns
-// capacity - 1. A null buffer or a capacity of 0 gives -1 and writes nothing.
+// printf into a narrow buffer, with the C library's own formatter and sizes
+// (the compiler checks the arguments). Returns the characters written when
+// the text fits (n < capacity); otherwise terminates at the last position and
+// returns capacity - 1. A null buffer or a capacity of 0 gives -1 and writes
+// nothing.
 std::int32_t boundedFormat(char* buffer, std::size_t capacity, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
@@ -21,14 +23,17 @@ std::int32_t boundedFormat(char* buffer, std::size_t capacity, const char* forma
 // %ls are UTF-16 strings, %hs and %S narrow (UTF-8) strings, %c a UTF-16 unit,
 // %hc/%C a narrow character, plus the integer, pointer and floating
 // conversions with flags, width, precision ('*' too) and the size prefixes h,
-// hh, l, ll, I64, I32, I, z, j, t. Returns the count written when the text
-// fits, the capacity when it fills the buffer exactly (its last character is
-// then lost to the terminator), and -1 when it is longer; the buffer always
-// holds a terminated prefix of the text. Capacity 0 gives -1.
+// hh, l, ll, I64, I32, I, z, j, t (strings/wide_format.h lists them all).
+// Sizes follow 64-bit Windows (LLP64), not Linux: long is 32 bits, so %lu and
+// %ld read a 32-bit argument; pass 64-bit values with %llu or %I64u.
+// Returns the count written when the text fits, the capacity when it fills the
+// buffer exactly (its last character is then lost to the terminator), and -1
+// when it is longer; the buffer always holds a terminated prefix of the text.
+// Capacity 0 gives -1; so does a failed allocation of the scratch space, which
+// leaves the buffer unchanged.
 std::int32_t boundedFormatWide(char16_t* buffer, std::size_t capacity, const char16_t* format,
                                va_list arguments);
-std::int32_t boundedFormatWide(char16_t* buffer, std::size_t capacity, const char16_t* format,
-                               ...);
+std::int32_t boundedFormatWide(char16_t* buffer, std::size_t capacity, const char16_t* format, ...);
 
 // Copies at most capacity - 1 characters of `source` and terminates. Returns
 // the characters copied; 0 (nothing written) for capacity 0 or a null pointer.

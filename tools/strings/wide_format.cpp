@@ -1,0 +1,492 @@
+// The wide printf engine: parses each conversion, reads its argument with the
+// Windows (LLP64) size rules and appends the converted text to a UTF-16
+// string; the counted entry point then applies the Windows truncation rules.
+#include "strings/wide_format.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+namespace strings {
+namespace {
+
+constexpr char16_t kReplacement = 0xFFFD;
+
+enum class Size { Default, Char, Short, Long32, Long64, LongDouble, Wide };
+
+struct Spec {
+    bool left = false;
+    bool plus = false;
+    bool space = false;
+    bool alternate = false;
+    bool zero = false;
+    int width = 0;
+    int precision = -1;  // -1: none given
+    Size size = Size::Default;
+    bool narrowText = false;  // h prefix on s/c
+    bool wideText = false;    // l or w prefix on s/c
+};
+
+// Decodes one UTF-8 sequence from `text` (stopping at a NUL); returns the code
+// point or U+FFFD for an ill-formed sequence, and advances past what it used
+// (one byte only for a bad lead byte, the maximal valid prefix otherwise).
+char32_t decodeUtf8(const unsigned char*& text) {
+    unsigned char lead = *text++;
+    if (lead < 0x80) {
+        return lead;
+    }
+    int more = 0;
+    char32_t value = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        more = 1;
+        value = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        more = 2;
+        value = lead & 0x0F;
+        if (lead == 0xE0) {
+            low = 0xA0;  // shorter forms are overlong
+        } else if (lead == 0xED) {
+            high = 0x9F;  // D800..DFFF are not characters
+        }
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        more = 3;
+        value = lead & 0x07;
+        if (lead == 0xF0) {
+            low = 0x90;
+        } else if (lead == 0xF4) {
+            high = 0x8F;  // nothing above U+10FFFF
+        }
+    } else {
+        return kReplacement;
+    }
+    for (int i = 0; i < more; ++i) {
+        unsigned char next = *text;
+        if (next < low || next > high) {
+            return kReplacement;
+        }
+        value = (value << 6) | (next & 0x3F);
+        ++text;
+        low = 0x80;
+        high = 0xBF;
+    }
+    return value;
+}
+
+void appendCodePoint(std::u16string& out, char32_t value) {
+    if (value < 0x10000) {
+        out.push_back(static_cast<char16_t>(value));
+        return;
+    }
+    value -= 0x10000;
+    out.push_back(static_cast<char16_t>(0xD800 + (value >> 10)));
+    out.push_back(static_cast<char16_t>(0xDC00 + (value & 0x3FF)));
+}
+
+// Appends `body` padded to the width; `zeroAfter` is how many leading units of
+// `body` (sign, radix prefix) stand before zero padding.
+void appendPadded(std::u16string& out, const Spec& spec, const std::u16string& body,
+                  std::size_t zeroAfter, bool zeroAllowed) {
+    std::size_t width = spec.width > 0 ? static_cast<std::size_t>(spec.width) : 0;
+    std::size_t pad = body.size() < width ? width - body.size() : 0;
+    if (pad == 0) {
+        out += body;
+        return;
+    }
+    if (spec.left) {
+        out += body;
+        out.append(pad, u' ');
+        return;
+    }
+    if (spec.zero && zeroAllowed) {
+        out.append(body, 0, zeroAfter);
+        out.append(pad, u'0');
+        out.append(body, zeroAfter, std::u16string::npos);
+        return;
+    }
+    out.append(pad, u' ');
+    out += body;
+}
+
+std::u16string widenAscii(const char* text) {
+    std::u16string out;
+    for (; *text != '\0'; ++text) {
+        out.push_back(static_cast<unsigned char>(*text));
+    }
+    return out;
+}
+
+// Reads a signed integer argument of the size the prefix names.
+long long readSigned(va_list& arguments, Size size) {
+    switch (size) {
+        case Size::Char:
+            return static_cast<signed char>(va_arg(arguments, int));
+        case Size::Short:
+            return static_cast<short>(va_arg(arguments, int));
+        case Size::Long64:
+            return va_arg(arguments, long long);
+        default:
+            return va_arg(arguments, int);
+    }
+}
+
+unsigned long long readUnsigned(va_list& arguments, Size size) {
+    switch (size) {
+        case Size::Char:
+            return static_cast<unsigned char>(va_arg(arguments, unsigned int));
+        case Size::Short:
+            return static_cast<unsigned short>(va_arg(arguments, unsigned int));
+        case Size::Long64:
+            return va_arg(arguments, unsigned long long);
+        default:
+            return va_arg(arguments, unsigned int);
+    }
+}
+
+void formatInteger(std::u16string& out, const Spec& spec, char conversion,
+                   unsigned long long magnitude, bool negative, bool isSigned) {
+    unsigned base = 10;
+    const char* digitSet = "0123456789abcdef";
+    if (conversion == 'o') {
+        base = 8;
+    } else if (conversion == 'x') {
+        base = 16;
+    } else if (conversion == 'X' || conversion == 'p') {
+        base = 16;
+        digitSet = "0123456789ABCDEF";
+    }
+    std::u16string digits;
+    for (unsigned long long rest = magnitude; rest != 0; rest /= base) {
+        digits.insert(digits.begin(), static_cast<char16_t>(digitSet[rest % base]));
+    }
+    std::size_t minimum = spec.precision >= 0 ? static_cast<std::size_t>(spec.precision) : 1;
+    if (digits.size() < minimum) {
+        digits.insert(0, minimum - digits.size(), u'0');
+    }
+    if (spec.alternate && conversion == 'o' && (digits.empty() || digits.front() != u'0')) {
+        digits.insert(digits.begin(), u'0');
+    }
+    std::u16string prefix;
+    if (negative) {
+        prefix = u"-";
+    } else if (isSigned && spec.plus) {
+        prefix = u"+";
+    } else if (isSigned && spec.space) {
+        prefix = u" ";
+    }
+    if (spec.alternate && magnitude != 0 && (conversion == 'x' || conversion == 'X')) {
+        prefix += conversion == 'x' ? u"0x" : u"0X";
+    }
+    // A precision turns zero padding off for integers.
+    appendPadded(out, spec, prefix + digits, prefix.size(), spec.precision < 0);
+}
+
+// Prints a number with the C library's formatter; `value` is double or long double.
+template <class Number>
+std::string printNumber(const char* pattern, int width, int precision, Number value) {
+    int needed = std::snprintf(nullptr, 0, pattern, width, precision, value);
+    if (needed < 0) {
+        return {};
+    }
+    std::string text(static_cast<std::size_t>(needed) + 1, '\0');
+    std::snprintf(text.data(), text.size(), pattern, width, precision, value);
+    text.resize(static_cast<std::size_t>(needed));
+    return text;
+}
+
+void formatFloating(std::u16string& out, const Spec& spec, char conversion, va_list& arguments) {
+    const bool longDouble = spec.size == Size::LongDouble;
+    int precision = spec.precision;
+    if (precision < 0) {
+        // The Windows CRT prints every fraction digit of a double in hex form.
+        precision = conversion == 'a' || conversion == 'A' ? 13 : 6;
+    }
+    char pattern[32];
+    std::size_t at = 0;
+    pattern[at++] = '%';
+    if (spec.left)
+        pattern[at++] = '-';
+    if (spec.plus)
+        pattern[at++] = '+';
+    if (spec.space)
+        pattern[at++] = ' ';
+    if (spec.alternate)
+        pattern[at++] = '#';
+    if (spec.zero)
+        pattern[at++] = '0';
+    pattern[at++] = '*';
+    pattern[at++] = '.';
+    pattern[at++] = '*';
+    if (longDouble)
+        pattern[at++] = 'L';
+    pattern[at++] = conversion;
+    pattern[at] = '\0';
+    std::string text =
+        longDouble ? printNumber(pattern, spec.width, precision, va_arg(arguments, long double))
+                   : printNumber(pattern, spec.width, precision, va_arg(arguments, double));
+    out += widenAscii(text.c_str());
+}
+
+void formatWideText(std::u16string& out, const Spec& spec, const char16_t* text) {
+    if (text == nullptr) {
+        text = u"(null)";
+    }
+    std::size_t length = 0;
+    std::size_t limit = spec.precision >= 0 ? static_cast<std::size_t>(spec.precision)
+                                            : static_cast<std::size_t>(-1);
+    while (length < limit && text[length] != 0) {
+        ++length;
+    }
+    appendPadded(out, spec, std::u16string(text, length), 0, true);
+}
+
+void formatNarrowText(std::u16string& out, const Spec& spec, const char* text) {
+    if (text == nullptr) {
+        text = "(null)";
+    }
+    std::size_t limit = spec.precision >= 0 ? static_cast<std::size_t>(spec.precision)
+                                            : static_cast<std::size_t>(-1);
+    std::u16string converted;
+    const auto* at = reinterpret_cast<const unsigned char*>(text);
+    while (*at != 0) {
+        std::u16string one;
+        appendCodePoint(one, decodeUtf8(at));
+        if (converted.size() + one.size() > limit) {
+            break;
+        }
+        converted += one;
+    }
+    appendPadded(out, spec, converted, 0, true);
+}
+
+void formatCharacter(std::u16string& out, const Spec& spec, bool narrow, va_list& arguments) {
+    int value = va_arg(arguments, int);
+    char16_t unit = static_cast<char16_t>(value);
+    if (narrow) {
+        unsigned char byte = static_cast<unsigned char>(value);
+        unit = byte < 0x80 ? static_cast<char16_t>(byte) : kReplacement;
+    }
+    appendPadded(out, spec, std::u16string(1, unit), 0, true);
+}
+
+// Reads a decimal number at `at`, or '*' from the arguments.
+int readNumber(const char16_t*& at, va_list& arguments, bool* fromArgument) {
+    *fromArgument = false;
+    if (*at == u'*') {
+        ++at;
+        *fromArgument = true;
+        return va_arg(arguments, int);
+    }
+    int value = 0;
+    while (*at >= u'0' && *at <= u'9') {
+        if (value < 100000000) {
+            value = value * 10 + (*at - u'0');
+        }
+        ++at;
+    }
+    return value;
+}
+
+// Parses an optional size prefix and notes what it says about the argument.
+void readSize(const char16_t*& at, Spec& spec) {
+    switch (*at) {
+        case u'h':
+            ++at;
+            if (*at == u'h') {
+                ++at;
+                spec.size = Size::Char;
+            } else {
+                spec.size = Size::Short;
+            }
+            spec.narrowText = true;
+            return;
+        case u'l':
+            ++at;
+            if (*at == u'l') {
+                ++at;
+                spec.size = Size::Long64;
+            } else {
+                spec.size = Size::Long32;
+                spec.wideText = true;
+            }
+            return;
+        case u'w':
+            ++at;
+            spec.wideText = true;
+            return;
+        case u'L':
+            ++at;
+            spec.size = Size::LongDouble;
+            return;
+        case u'z':
+        case u'j':
+        case u't':
+            ++at;
+            spec.size = Size::Long64;
+            return;
+        case u'I':
+            ++at;
+            if (at[0] == u'6' && at[1] == u'4') {
+                at += 2;
+                spec.size = Size::Long64;
+            } else if (at[0] == u'3' && at[1] == u'2') {
+                at += 2;
+                spec.size = Size::Long32;
+            } else {
+                spec.size = Size::Long64;  // pointer-sized
+            }
+            return;
+        default:
+            return;
+    }
+}
+
+}  // namespace
+
+std::u16string formatWide(const char16_t* format, va_list arguments) {
+    std::u16string out;
+    if (format == nullptr) {
+        return out;
+    }
+    va_list args;
+    va_copy(args, arguments);
+    const char16_t* at = format;
+    while (*at != 0) {
+        if (*at != u'%') {
+            out.push_back(*at++);
+            continue;
+        }
+        const char16_t* start = at++;
+        Spec spec;
+        for (bool flag = true; flag;) {
+            switch (*at) {
+                case u'-':
+                    spec.left = true;
+                    ++at;
+                    break;
+                case u'+':
+                    spec.plus = true;
+                    ++at;
+                    break;
+                case u' ':
+                    spec.space = true;
+                    ++at;
+                    break;
+                case u'#':
+                    spec.alternate = true;
+                    ++at;
+                    break;
+                case u'0':
+                    spec.zero = true;
+                    ++at;
+                    break;
+                default:
+                    flag = false;
+                    break;
+            }
+        }
+        bool fromArgument = false;
+        spec.width = readNumber(at, args, &fromArgument);
+        if (fromArgument && spec.width < 0) {
+            spec.left = true;
+            spec.width = spec.width == -2147483647 - 1 ? 0 : -spec.width;
+        }
+        if (*at == u'.') {
+            ++at;
+            spec.precision = readNumber(at, args, &fromArgument);
+            if (spec.precision < 0) {
+                spec.precision = -1;
+            }
+        }
+        readSize(at, spec);
+        char16_t conversion = *at;
+        if (conversion == 0) {
+            out.append(start, at);
+            break;
+        }
+        ++at;
+        switch (conversion) {
+            case u'%':
+                out.push_back(u'%');
+                break;
+            case u'd':
+            case u'i': {
+                long long value = readSigned(args, spec.size);
+                unsigned long long magnitude = value < 0
+                                                   ? 0ull - static_cast<unsigned long long>(value)
+                                                   : static_cast<unsigned long long>(value);
+                formatInteger(out, spec, 'd', magnitude, value < 0, true);
+                break;
+            }
+            case u'u':
+            case u'o':
+            case u'x':
+            case u'X':
+                formatInteger(out, spec, static_cast<char>(conversion),
+                              readUnsigned(args, spec.size), false, false);
+                break;
+            case u'p': {
+                Spec pointer = spec;
+                pointer.precision = 16;
+                pointer.alternate = false;
+                auto value = reinterpret_cast<std::uintptr_t>(va_arg(args, void*));
+                formatInteger(out, pointer, 'p', value, false, false);
+                break;
+            }
+            case u'e':
+            case u'E':
+            case u'f':
+            case u'F':
+            case u'g':
+            case u'G':
+            case u'a':
+            case u'A':
+                formatFloating(out, spec, static_cast<char>(conversion), args);
+                break;
+            case u's':
+                if (spec.narrowText) {
+                    formatNarrowText(out, spec, va_arg(args, const char*));
+                } else {
+                    formatWideText(out, spec, va_arg(args, const char16_t*));
+                }
+                break;
+            case u'S':
+                if (spec.wideText) {
+                    formatWideText(out, spec, va_arg(args, const char16_t*));
+                } else {
+                    formatNarrowText(out, spec, va_arg(args, const char*));
+                }
+                break;
+            case u'c':
+                formatCharacter(out, spec, spec.narrowText, args);
+                break;
+            case u'C':
+                formatCharacter(out, spec, !spec.wideText, args);
+                break;
+            default:
+                // %n and anything unknown: written as it stands.
+                out.append(start, at);
+                break;
+        }
+    }
+    va_end(args);
+    return out;
+}
+
+int countedFormatWide(char16_t* buffer, std::size_t count, const char16_t* format,
+                      va_list arguments) {
+    std::u16string text = formatWide(format, arguments);
+    if (buffer == nullptr) {
+        return count == 0 ? static_cast<int>(text.size()) : -1;
+    }
+    if (text.size() < count) {
+        std::memcpy(buffer, text.data(), text.size() * sizeof(char16_t));
+        buffer[text.size()] = 0;
+        return static_cast<int>(text.size());
+    }
+    std::memcpy(buffer, text.data(), count * sizeof(char16_t));
+    return text.size() == count ? static_cast<int>(count) : -1;
+}
+
+}  // namespace strings
