@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace sim {
@@ -49,6 +50,19 @@ struct Volume {
     std::filesystem::path backingDirectory; // where the volume's files live on Linux
 };
 
+// A fault listed in the machine file, registered into the hooks (sim/hooks.h)
+// when the machine becomes current.
+struct FaultSpec {
+    enum class Kind { Function, Unbindable, MissingLibrary };
+    Kind kind = Kind::Function;
+    std::string function;    // Kind::Function
+    std::uint32_t error = 0;
+    std::uint32_t skip = 0;
+    std::uint32_t count = 1;  // 0xFFFFFFFF: every call
+    std::string module;      // Kind::Unbindable, Kind::MissingLibrary
+    std::string exportName;  // Kind::Unbindable
+};
+
 class MachineError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -72,6 +86,20 @@ public:
     static void reset();
     // Loads a description without making it current (validation, tools).
     static Machine load(const std::filesystem::path& file);
+    // Parses a description held in memory; `file` names it in messages and
+    // anchors relative backing directories.
+    static Machine parse(const std::string& text, const std::filesystem::path& file);
+    // The file FIKIV_MACHINE names, or the default machine's file.
+    static std::filesystem::path currentFile();
+    // The default machine's file: $XDG_RUNTIME_DIR/fikiv-<uid>/default/machine.json,
+    // or the same under /tmp when there is no usable runtime directory.
+    static std::filesystem::path defaultFile();
+    // The current machine, or null when it cannot be loaded; `error` (if not
+    // null) receives the MachineError text. Never throws.
+    static const Machine* currentOrNull(std::string* error = nullptr);
+    // Loads the current machine once if that was not tried since the last
+    // reset, so its listed faults are registered. Never throws.
+    static void ensureLoadAttempted();
     // Writes the built-in default machine to `file` (and its backing
     // directories) when the file does not exist yet.
     static void writeDefault(const std::filesystem::path& file);
@@ -82,20 +110,39 @@ public:
     std::uint32_t minorVersion() const { return minorVersion_; }
     std::uint32_t buildNumber() const { return buildNumber_; }
     const std::vector<Volume>& volumes() const { return volumes_; }
+    const std::vector<FaultSpec>& faults() const { return faults_; }
 
     // Volume by GUID name, with or without the trailing backslash, ignoring case.
     const Volume* findVolume(std::u16string_view guidName) const;
     // The volume whose root (drive root, mount point or GUID name) is the
     // longest prefix of `path`, ignoring case; nullopt when none.
+    // Accepted forms: "C:\dir", "c:/dir", "C:" (the drive root), "\\?\C:\dir",
+    // "\\.\C:\dir", "\\?\Volume{...}\dir"; "." and ".." components are
+    // applied and doubled separators collapsed.
     std::optional<ResolvedPath> resolve(std::u16string_view path) const;
+    // The volume whose root (drive root, mount point or GUID name, trailing
+    // backslash optional) is exactly `root`, ignoring case; null when none.
+    const Volume* volumeAtRoot(std::u16string_view root) const;
+    // Mount points living on `volume`: folders of that volume where other
+    // volumes are mounted, relative to its root, each ending in a backslash
+    // ("mnt\data\"), in the order of the description.
+    const std::vector<std::u16string>& mountPointsOn(const Volume& volume) const;
 
 private:
+    void index();
+    void prepareDirectories() const;
+
     std::filesystem::path file_;
     std::filesystem::path stateDirectory_;
     std::uint32_t majorVersion_ = 10;
     std::uint32_t minorVersion_ = 0;
     std::uint32_t buildNumber_ = 0;
     std::vector<Volume> volumes_;
+    std::vector<FaultSpec> faults_;
+    // Folded roots and GUID names -> volume index, so that resolving a path
+    // costs the same on a machine of ten volumes as on one of a thousand.
+    std::unordered_map<std::u16string, std::size_t> rootIndex_;
+    std::vector<std::vector<std::u16string>> mountPoints_;
 };
 
 }  // namespace sim
