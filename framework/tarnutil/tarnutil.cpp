@@ -36,7 +36,7 @@ struct OwnedObjid {
 };
 
 class UtilState final {
-public:
+  public:
     static UtilState& get() {
         static UtilState state;
         return state;
@@ -89,6 +89,12 @@ public:
         return &objids_.back()->objid;
     }
 
+    std::uint64_t sizeOf(const void* buffer) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        auto it = buffers_.find(const_cast<void*>(buffer));
+        return it == buffers_.end() ? 0 : it->second;
+    }
+
     void failAlloc(std::uint32_t skip, std::uint32_t count) {
         std::lock_guard<std::mutex> lock(mutex_);
         failSkip_ = count == 0 ? 0 : skip;
@@ -105,7 +111,7 @@ public:
         }
     }
 
-private:
+  private:
     UtilState() = default;
     ~UtilState() {
         for (auto& [buffer, size] : buffers_) {
@@ -133,13 +139,17 @@ std::u16string_view trimmedName(const tarn_objid* objid) {
     return name;
 }
 
-std::u16string copyText(const char16_t* text) { return text == nullptr ? u"" : text; }
+std::u16string copyText(const char16_t* text) {
+    return text == nullptr ? u"" : text;
+}
 
 }  // namespace
 
 extern "C" {
 
-void* tarn_alloc_buf(std::uint64_t size) { return UtilState::get().alloc(size); }
+void* tarn_alloc_buf(std::uint64_t size) {
+    return UtilState::get().alloc(size);
+}
 
 void tarn_free_buf(void* buffer, std::uint64_t size) {
     UtilState::get().free(buffer, size, /*checkSize=*/true);
@@ -163,9 +173,8 @@ tarn_objid* tarn_get_objid(const char16_t* name, std::int32_t length, std::uint3
     return UtilState::get().makeObjid(name, length, kind);
 }
 
-tarn_list_node* tarn_build_providerlist_node(const char16_t* name, std::uint32_t a,
-                                             std::uint32_t b, const tarn_version* version,
-                                             std::uint32_t flags) {
+tarn_list_node* tarn_build_providerlist_node(const char16_t* name, std::uint32_t a, std::uint32_t b,
+                                             const tarn_version* version, std::uint32_t flags) {
     if (name == nullptr) {
         return nullptr;
     }
@@ -236,6 +245,10 @@ void tarn_test_fail_alloc(std::uint32_t skip, std::uint32_t count) {
 
 void tarn_test_buffer_stats(std::uint64_t* outstanding, std::uint64_t* size_faults) {
     UtilState::get().stats(outstanding, size_faults);
+}
+
+std::uint64_t tarn_test_buffer_size(const void* buffer) {
+    return UtilState::get().sizeOf(buffer);
 }
 
 }  // extern "C"

@@ -1,0 +1,57 @@
+// The fihost subcommands. Each lives in its own file and is listed once in the
+// command table; fihost.cpp turns the table into CLI11 subcommands.
+#ifndef FRAMEWORK_HOST_COMMANDS_H_
+#define FRAMEWORK_HOST_COMMANDS_H_
+
+#include <functional>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "host/status.h"
+
+namespace CLI {
+class App;
+}
+
+namespace host {
+class PluginHost;
+}
+
+namespace fihost {
+
+// Options that every subcommand shares.
+struct GlobalOptions {
+    std::string pluginPath;
+};
+
+// Runs a parsed subcommand; the result is the program's exit code.
+using CommandRun = std::function<int(const GlobalOptions& options)>;
+
+struct Command {
+    const char* name;
+    const char* description;
+    // Adds the subcommand's own options to `command` and returns what runs it
+    // once the command line is parsed.
+    CommandRun (*configure)(CLI::App& command);
+};
+
+// Every subcommand, in the order the help lists them.
+const std::vector<Command>& commandTable();
+
+// libfikiv.so in the lib directory next to the directory of this program.
+std::string defaultPluginPath();
+
+// Loads the plug-in named by the options, and says on stderr why not.
+host::Status loadPlugin(const GlobalOptions& options, host::PluginHost& plugin);
+
+// Exit codes of the subcommands.
+inline constexpr int kExitOk = 0;
+inline constexpr int kExitFailed = 1;
+
+// One configure function per subcommand file.
+CommandRun configureProviders(CLI::App& command);
+
+}  // namespace fihost
+
+#endif  // FRAMEWORK_HOST_COMMANDS_H_

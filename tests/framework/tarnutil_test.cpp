@@ -1,0 +1,177 @@
+// The framework utility library: identities, buffers and list nodes as the
+// plug-in and the host use them.
+#include "tarn/tarnutil.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+// The buffer counters, read before a step so the test can compare after it.
+struct BufferCounters {
+    std::uint64_t outstanding = 0;
+    std::uint64_t sizeFaults = 0;
+
+    static BufferCounters now() {
+        BufferCounters counters;
+        tarn_test_buffer_stats(&counters.outstanding, &counters.sizeFaults);
+        return counters;
+    }
+};
+
+// An identity whose length counts `nuls` terminating NULs.
+tarn_objid* objidWithNuls(const std::u16string& name, int nuls, std::uint32_t kind = 3) {
+    std::u16string stored = name + std::u16string(static_cast<std::size_t>(nuls), u'\0');
+    return tarn_get_objid(stored.c_str(), static_cast<std::int32_t>(stored.size() * 2), kind);
+}
+
+TEST(TarnObjidTest, CompareIgnoresTrailingNulsButNotKindOrName) {
+    struct Row {
+        const char* name;
+        std::u16string first;
+        int firstNuls;
+        std::uint32_t firstKind;
+        std::u16string second;
+        int secondNuls;
+        std::uint32_t secondKind;
+        bool same;
+    };
+    const Row rows[] = {
+        {"OneAndTwoNuls", u"C:\\", 1, 3, u"C:\\", 2, 3, true},
+        {"NoNulAndOneNul", u"C:\\", 0, 3, u"C:\\", 1, 3, true},
+        {"EmptyNames", u"", 1, 3, u"", 3, 3, true},
+        {"OtherKind", u"C:\\", 1, 3, u"C:\\", 1, 2, false},
+        {"CaseDiffers", u"\\\\?\\Volume{a}\\", 1, 3, u"\\\\?\\Volume{A}\\", 1, 3, false},
+        {"PrefixOnly", u"C:", 1, 3, u"C:\\", 1, 3, false},
+        {"TaggedAndPlain", u"<kiv>C:\\", 1, 3, u"C:\\", 1, 3, false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        tarn_objid* a = objidWithNuls(row.first, row.firstNuls, row.firstKind);
+        tarn_objid* b = objidWithNuls(row.second, row.secondNuls, row.secondKind);
+        ASSERT_NE(a, nullptr);
+        ASSERT_NE(b, nullptr);
+        EXPECT_EQ(tarn_objidcmp(a, b) == 0, row.same);
+        EXPECT_EQ(tarn_objidcmp(b, a) == 0, row.same);
+    }
+}
+
+TEST(TarnObjidTest, NullComparesUnequalToEverything) {
+    tarn_objid* a = objidWithNuls(u"C:\\", 1);
+    EXPECT_NE(tarn_objidcmp(a, nullptr), 0);
+    EXPECT_NE(tarn_objidcmp(nullptr, a), 0);
+    EXPECT_NE(tarn_objidcmp(nullptr, nullptr), 0);
+}
+
+TEST(TarnObjidTest, IdentityKeepsItsOwnCopyOfTheName) {
+    std::u16string name = u"\\\\?\\Volume{1}\\";
+    const auto bytes = static_cast<std::int32_t>((name.size() + 1) * 2);
+    tarn_objid* identity = tarn_get_objid(name.c_str(), bytes, 3);
+    ASSERT_NE(identity, nullptr);
+    name[4] = u'X';  // the caller's buffer changes after the call
+    EXPECT_EQ(std::u16string(identity->name), u"\\\\?\\Volume{1}\\");
+    EXPECT_EQ(identity->length, bytes);
+    EXPECT_EQ(identity->kind, 3u);
+    EXPECT_NE(identity->name, name.c_str());
+}
+
+TEST(TarnObjidTest, RefusesNullNameAndNegativeLength) {
+    EXPECT_EQ(tarn_get_objid(nullptr, 4, 3), nullptr);
+    EXPECT_EQ(tarn_get_objid(u"C:", -2, 3), nullptr);
+}
+
+TEST(TarnBufferTest, BuffersAreZeroFilledAndAccounted) {
+    BufferCounters before = BufferCounters::now();
+    auto* buffer = static_cast<unsigned char*>(tarn_alloc_buf(44));
+    ASSERT_NE(buffer, nullptr);
+    EXPECT_EQ(tarn_test_buffer_size(buffer), 44u);
+    for (int i = 0; i < 44; ++i) {
+        ASSERT_EQ(buffer[i], 0) << "byte " << i;
+    }
+    EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding + 1);
+    tarn_free_buf(buffer, 44);
+    BufferCounters after = BufferCounters::now();
+    EXPECT_EQ(after.outstanding, before.outstanding);
+    EXPECT_EQ(after.sizeFaults, before.sizeFaults);
+    EXPECT_EQ(tarn_test_buffer_size(buffer), 0u);
+}
+
+TEST(TarnBufferTest, FreeWithWrongSizeOrTwiceIsCountedAsFault) {
+    BufferCounters before = BufferCounters::now();
+    void* buffer = tarn_alloc_buf(10);
+    ASSERT_NE(buffer, nullptr);
+    tarn_free_buf(buffer, 12);
+    EXPECT_EQ(BufferCounters::now().sizeFaults, before.sizeFaults + 1);
+    EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding);
+    tarn_free_buf(buffer, 10);
+    EXPECT_EQ(BufferCounters::now().sizeFaults, before.sizeFaults + 2);
+    tarn_free_buf(nullptr, 10);
+    EXPECT_EQ(BufferCounters::now().sizeFaults, before.sizeFaults + 2);
+}
+
+TEST(TarnBufferTest, FailSwitchFailsExactlyTheChosenCalls) {
+    tarn_test_fail_alloc(/*skip=*/1, /*count=*/2);
+    void* first = tarn_alloc_buf(8);
+    void* second = tarn_alloc_buf(8);
+    void* third = tarn_alloc_buf(8);
+    void* fourth = tarn_alloc_buf(8);
+    tarn_test_fail_alloc(0, 0);
+    EXPECT_NE(first, nullptr);
+    EXPECT_EQ(second, nullptr);
+    EXPECT_EQ(third, nullptr);
+    EXPECT_NE(fourth, nullptr);
+    tarn_free_buf(first, 8);
+    tarn_free_buf(fourth, 8);
+
+    tarn_test_fail_alloc(0, 1);
+    tarn_test_fail_alloc(0, 0);  // turning it off drops the pending failure
+    void* after = tarn_alloc_buf(8);
+    EXPECT_NE(after, nullptr);
+    tarn_free_buf(after, 8);
+}
+
+TEST(TarnListNodeTest, ProviderListNodeHoldsWhatItWasGiven) {
+    tarn_version version{{7, 0, 0, 0}};
+    std::u16string name = u"fikiv";
+    tarn_list_node* node = tarn_build_providerlist_node(name.c_str(), 8, 4, &version, 0);
+    ASSERT_NE(node, nullptr);
+    name[0] = u'X';
+    tarn_list_view view{};
+    ASSERT_EQ(tarn_list_node_view(node, &view), 0);
+    EXPECT_EQ(view.is_fim, 0);
+    EXPECT_EQ(std::u16string(view.name), u"fikiv");
+    EXPECT_EQ(view.number_a, 8u);
+    EXPECT_EQ(view.number_b, 4u);
+    EXPECT_EQ(view.version.words[0], 7);
+    EXPECT_EQ(view.flags, 0u);
+    tarn_free_list_node(node);
+    EXPECT_EQ(tarn_list_node_view(nullptr, &view), 3);
+}
+
+TEST(TarnListNodeTest, MethodListNodeTakesOverItsBuffers) {
+    BufferCounters before = BufferCounters::now();
+    tarn_fim_info info{};
+    info.words[1] = 1;
+    info.description = static_cast<char16_t*>(tarn_alloc_buf(10));
+    info.version_text = static_cast<char16_t*>(tarn_alloc_buf(10));
+    ASSERT_NE(info.description, nullptr);
+    ASSERT_NE(info.version_text, nullptr);
+    std::memcpy(info.description, u"abcd", 8);
+    tarn_list_node* node = tarn_build_fim_list_node(u"KIV_fim", &info, u"none", u"fikiv");
+    ASSERT_NE(node, nullptr);
+    tarn_list_view view{};
+    ASSERT_EQ(tarn_list_node_view(node, &view), 0);
+    EXPECT_EQ(view.is_fim, 1);
+    EXPECT_EQ(view.info.description, info.description);
+    EXPECT_EQ(std::u16string(view.info.description), u"abcd");
+    EXPECT_EQ(std::u16string(view.extra), u"none");
+    EXPECT_EQ(std::u16string(view.provider), u"fikiv");
+    tarn_free_list_node(node);
+    BufferCounters after = BufferCounters::now();
+    EXPECT_EQ(after.outstanding, before.outstanding);
+    EXPECT_EQ(after.sizeFaults, before.sizeFaults);
+}
+
+}  // namespace
