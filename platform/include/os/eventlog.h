@@ -1,5 +1,5 @@
 // The machine's event log. Records are kept by the machine (see
-// sim/eventlog_reader.h for reading them back).
+// sim/eventlog.h for reading them back).
 #ifndef PLATFORM_INCLUDE_OS_EVENTLOG_H_
 #define PLATFORM_INCLUDE_OS_EVENTLOG_H_
 
