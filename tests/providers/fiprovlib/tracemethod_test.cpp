@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <functional>
 #include <latch>
 #include <memory>
@@ -17,6 +18,8 @@
 
 #include "os/error.h"
 #include "os/time.h"
+#include "sim/clock.h"
+#include "sim/hooks.h"
 #include "support/child_process.h"
 #include "log_capture.h"
 
@@ -100,6 +103,32 @@ TEST(WriteLogTest, TimeStampIsTheLocalTimeOfTheLine) {
         static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
         EXPECT_EQ(match[1], kDays[before.wDayOfWeek]);
     }
+}
+
+// Under the virtual clock time stands still, so the stamp can be predicted
+// exactly: 5 seconds and 7 milliseconds past the minute end in :05.007000.
+TEST(WriteLogTest, TimeStampOfAKnownTime) {
+    sim::useVirtualClock(true);
+    os::SYSTEMTIME now{};
+    os::GetLocalTime(&now);
+    const int intoMinute = now.wSecond * 1000 + now.wMilliseconds;
+    sim::advanceVirtualClock(static_cast<std::uint64_t>((5007 - intoMinute + 60000) % 60000));
+    os::GetLocalTime(&now);
+    LogCapture capture;
+    writeLog(kLogInformation, u"known");
+    sim::useVirtualClock(false);
+
+    ASSERT_EQ(now.wSecond, 5);
+    ASSERT_EQ(now.wMilliseconds, 7);
+    static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    char expected[64];
+    std::snprintf(expected, sizeof(expected), "fikiv:%s %s %2d %04d %02d:%02d:05.007000 known\n",
+                  kDays[now.wDayOfWeek], kMonths[now.wMonth - 1], now.wDay, now.wYear, now.wHour,
+                  now.wMinute);
+    ASSERT_EQ(capture.messages().size(), 1u);
+    EXPECT_EQ(ascii(capture.messages()[0].text), expected);
 }
 
 TEST(WriteLogTest, LineFeedsAndLevels) {
