@@ -79,14 +79,14 @@ class KivConfig {
 
     // The quiesce times; (0, 0) unless the group holds exactly its two
     // entries.
-    QuiesceConfig getQuiesceConfig();
+    QuiesceConfig getQuiesceConfig() const;
     // True when the quiesce group holds exactly one valued entry per key.
-    bool isValidQuiesceConfig();
+    bool isValidQuiesceConfig() const;
     // The split values; defaults unless the group holds exactly four entries.
-    SplitConfig getSplitConfig();
+    SplitConfig getSplitConfig() const;
     // True when the split group holds exactly one valued entry per key, or,
     // in automatic preparation, before the values have been stored.
-    bool isValidNodeSplitConfig();
+    bool isValidNodeSplitConfig() const;
     // Stores automatically computed split values, once: false (and nothing
     // changed) unless in automatic preparation with no split entries yet.
     bool setAutoSplitConfig(SplitConfig values);

@@ -33,7 +33,7 @@ void readNumber(std::u16string_view value, std::uint32_t& field) {
 
 }  // namespace
 
-bool KivConfig::isValidQuiesceConfig() {
+bool KivConfig::isValidQuiesceConfig() const {
     TARP_TRACE_METHOD(kSource, u"KivConfig::isValidQuiesceConfig");
     if (!quiesceConfigured_ || quiesceEntries_.size() != quiesceKeys_.size()) {
         return false;
@@ -48,7 +48,7 @@ bool KivConfig::isValidQuiesceConfig() {
     return counted[kQuiesceWait] && counted[kQuiesceTimeout];
 }
 
-QuiesceConfig KivConfig::getQuiesceConfig() {
+QuiesceConfig KivConfig::getQuiesceConfig() const {
     TARP_TRACE_METHOD(kSource, u"KivConfig::getQuiesceConfig");
     QuiesceConfig values;
     if (!quiesceConfigured_ || quiesceEntries_.size() != quiesceKeys_.size()) {
@@ -65,7 +65,7 @@ QuiesceConfig KivConfig::getQuiesceConfig() {
     return values;
 }
 
-bool KivConfig::isValidNodeSplitConfig() {
+bool KivConfig::isValidNodeSplitConfig() const {
     TARP_TRACE_METHOD(kSource, u"KivConfig::isValidNodeSplitConfig");
     if (!splitConfigured_) {
         return false;
@@ -87,7 +87,7 @@ bool KivConfig::isValidNodeSplitConfig() {
            counted[kInitialCacheFileSize] && counted[kMaximumCacheFileSize];
 }
 
-SplitConfig KivConfig::getSplitConfig() {
+SplitConfig KivConfig::getSplitConfig() const {
     TARP_TRACE_METHOD(kSource, u"KivConfig::getSplitConfig");
     SplitConfig values;
     if (!splitConfigured_ || splitEntries_.size() != splitKeys_.size()) {

@@ -6,10 +6,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "fiprovlib/TraceMethod.h"
 #include "kiv/kivconfig/setconfiginfo.h"
 #include "kivconfig_test_util.h"
 #include "os/codepage.h"
@@ -554,6 +556,71 @@ TEST(ExtractUnsigned32, MatchesStreamExtraction) {
         std::uint32_t wide = earlier;
         EXPECT_EQ(extractUnsigned32(toWide(row.text, os::CP_UTF8), wide), row.read);
         EXPECT_EQ(wide, row.read ? row.value : earlier);
+    }
+}
+
+// The lines the host receives at trace level while a test runs.
+class TraceCapture {
+  public:
+    TraceCapture() : previous_(logContext()) {
+        lines().clear();
+        setLogContext(&context_);
+    }
+    ~TraceCapture() { setLogContext(previous_); }
+    static std::vector<std::u16string>& lines() {
+        static std::vector<std::u16string> captured;
+        return captured;
+    }
+
+  private:
+    static int collect(tarn_context*, const char16_t* text, const char16_t*, std::uint32_t level) {
+        if (level == kLogTrace && text != nullptr) {
+            lines().emplace_back(text);
+        }
+        return 0;
+    }
+
+    tarn_context context_{&TraceCapture::collect, nullptr, nullptr, nullptr};
+    tarn_context* previous_;
+};
+
+// Operations the host and the node call: the traced ones frame themselves
+// with entry and exit lines under their own name and this module's source
+// name; the others write nothing.
+TEST_F(ConfigFixture, TracedOperationsNameThemselves) {
+    struct Row {
+        const char16_t* name;  // null: not traced
+        std::function<void()> call;
+    };
+    const std::u16string doc = kQuiesceDoc;
+    const Row rows[] = {
+        {u"KivConfig::set", [&] { set(Target::kGroup, Select::kQuiesce, doc); }},
+        {u"KivConfig::get", [this] { get(Target::kGroup, Select::kQuiesce); }},
+        {u"KivConfig::getQuiesceConfig", [this] { config_.getQuiesceConfig(); }},
+        {u"KivConfig::isValidQuiesceConfig", [this] { config_.isValidQuiesceConfig(); }},
+        {u"KivConfig::getSplitConfig", [this] { config_.getSplitConfig(); }},
+        {u"KivConfig::isValidNodeSplitConfig", [this] { config_.isValidNodeSplitConfig(); }},
+        {nullptr, [&] { update(Target::kGroup, Select::kSplit, doc); }},
+        {nullptr, [this] { config_.getCacheFileHints(); }},
+        {nullptr, [this] { config_.setAutoSplitConfig(SplitConfig{}); }},
+        {nullptr, [this] { config_.clearAll(); }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name != nullptr ? toNarrow(row.name, os::CP_UTF8) : "untraced");
+        TraceCapture capture;
+        row.call();
+        const std::vector<std::u16string>& lines = TraceCapture::lines();
+        if (row.name == nullptr) {
+            EXPECT_THAT(lines, IsEmpty());
+            continue;
+        }
+        ASSERT_EQ(lines.size(), 2u);
+        const std::u16string name(row.name);
+        const std::u16string source = u", providers\\kiv\\kivconfig]\n";
+        EXPECT_NE(lines[0].find(u" Entering Function " + name + u"["), std::u16string::npos);
+        EXPECT_NE(lines[1].find(u" Exiting Function " + name + u"["), std::u16string::npos);
+        EXPECT_TRUE(lines[0].ends_with(source));
+        EXPECT_TRUE(lines[1].ends_with(source));
     }
 }
 
