@@ -3,8 +3,11 @@
 #include <unistd.h>
 
 #include <iostream>
+#include <iterator>
+#include <string>
 #include <system_error>
 
+#include "host/host_context.h"
 #include "host/plugin_host.h"
 
 namespace fihost {
@@ -13,6 +16,7 @@ const std::vector<Command>& commandTable() {
     static const std::vector<Command> table = {
         {"providers", "Show the provider's name, interface version and methods",
          &configureProviders},
+        {"init", "Initialise the provider and print what it reports", &configureInit},
     };
     return table;
 }
@@ -27,6 +31,17 @@ std::string defaultPluginPath() {
     std::size_t slash = program.rfind('/');
     std::string binDirectory = slash == std::string::npos ? "." : program.substr(0, slash);
     return binDirectory + "/../lib/libfikiv.so";
+}
+
+void printMessage(std::ostream& out, const host::HostMessage& message) {
+    static const char* const kLevels[] = {"level 0", "info", "warning", "error", "trace"};
+    std::string level = message.level < std::size(kLevels)
+                            ? kLevels[message.level]
+                            : "level " + std::to_string(message.level);
+    out << "[" << level << "] " << message.text.value_or("(none)") << "\n";
+    if (message.secondText.has_value()) {
+        out << "        " << *message.secondText << "\n";
+    }
 }
 
 host::Status loadPlugin(const GlobalOptions& options, host::PluginHost& plugin) {

@@ -16,7 +16,8 @@ class App;
 
 namespace host {
 class PluginHost;
-}
+struct HostMessage;
+}  // namespace host
 
 namespace fihost {
 
@@ -45,11 +46,16 @@ std::string defaultPluginPath();
 // Loads the plug-in named by the options, and says on stderr why not.
 host::Status loadPlugin(const GlobalOptions& options, host::PluginHost& plugin);
 
+// Prints one message of the plug-in's callback: its level, the first text and,
+// when it has one, the second text on its own line.
+void printMessage(std::ostream& out, const host::HostMessage& message);
+
 // Exit codes of the subcommands.
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 
 // One configure function per subcommand file.
+CommandRun configureInit(CLI::App& command);
 CommandRun configureProviders(CLI::App& command);
 
 }  // namespace fihost

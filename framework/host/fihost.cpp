@@ -10,6 +10,8 @@
 int main(int argc, char** argv) {
     CLI::App app{"Loads the fikiv snapshot provider and drives it as the framework host does"};
     app.require_subcommand(1);
+    // Global options may also follow the subcommand: fihost providers --plugin PATH
+    app.fallthrough();
 
     fihost::GlobalOptions options;
     options.pluginPath = fihost::defaultPluginPath();

@@ -45,7 +45,8 @@ using u32 = std::uint32_t;
     X(init_node, i32, (tarn_node* record, void* a, u32 b, void* c), (record, a, b, c)) \
     X(config, i32, (tarn_node* record, u32 operation, void* a, tarn_config_request* request), \
       (record, operation, a, request)) \
-    X(init_altnode, i32, (tarn_node* source, void* a, tarn_node* alternate), (source, a, alternate)) \
+    X(init_altnode, i32, (tarn_node* source, void* a, tarn_node* alternate), \
+      (source, a, alternate)) \
     X(reaccess_tmpobj, i32, (tarn_node* record, void* a, void* b, void* c, void* d, u32 e), \
       (record, a, b, c, d, e)) \
     X(reaccess_altnode, i32, \

@@ -1,0 +1,54 @@
+// fihost init: starts the plug-in the way the framework does, with a context
+// whose callback prints what the plug-in reports, and shows the version it
+// writes.
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "commands.h"
+#include "host/host_context.h"
+#include "host/plugin_host.h"
+#include "host/provider_list.h"
+
+namespace fihost {
+
+namespace {
+
+struct InitOptions {
+    std::string locale;
+    bool noCallback = false;
+};
+
+int runInit(const GlobalOptions& options, const InitOptions& init) {
+    host::PluginHost plugin;
+    if (!loadPlugin(options, plugin).isOk()) {
+        return kExitFailed;
+    }
+    host::HostContextOptions contextOptions;
+    contextOptions.withCallback = !init.noCallback;
+    if (!init.locale.empty()) {
+        contextOptions.locale = init.locale;
+    }
+    host::HostContext context(contextOptions);
+    context.setListener([](const host::HostMessage& message) { printMessage(std::cout, message); });
+
+    tarn_version version{};
+    std::int32_t status = plugin.init(context.context(), &version);
+    std::cout << "init: status " << status << ", version " << host::versionString(version) << "\n";
+    plugin.fini();
+    return status == kTarnSuccess ? kExitOk : kExitFailed;
+}
+
+}  // namespace
+
+CommandRun configureInit(CLI::App& command) {
+    auto init = std::make_shared<InitOptions>();
+    command.add_option("--locale", init->locale, "Locale handed to the plug-in, e.g. de");
+    command.add_flag("--no-callback", init->noCallback, "Hand a context without message callback");
+    return [init](const GlobalOptions& options) { return runInit(options, *init); };
+}
+
+}  // namespace fihost
