@@ -1,0 +1,47 @@
+// What a driver handle stands for. Every driver handle is a Linux file
+// descriptor in descriptor-handle form (sim/handles.h), so it can be taken
+// into another process and closed with os::CloseHandle there:
+//   - a source volume: the volume's backing directory;
+//   - a snapshot volume: "<state>/driver/snapshots/<id>";
+//   - a prepared snapshot set: "<state>/driver/sets/<id>".
+// The descriptor is mapped back through /proc/self/fd, so a handle received
+// from another process is understood the same way as one opened here.
+#ifndef DRIVERS_KIVSIM_DRIVER_HANDLES_H_
+#define DRIVERS_KIVSIM_DRIVER_HANDLES_H_
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "sim/machine.h"
+
+namespace kivsim {
+
+using DriverHandle = std::uint64_t;
+
+struct HandleTarget {
+    enum class Kind { None, Volume, Snapshot, Set };
+    Kind kind = Kind::None;
+    const sim::Volume* volume = nullptr;  // Kind::Volume
+    std::uint64_t id = 0;                 // Kind::Snapshot, Kind::Set
+    // The folder behind a snapshot or set handle was removed (destroyed);
+    // the handle can only be closed.
+    bool removed = false;
+    int fd = -1;
+};
+
+HandleTarget identifyHandle(const sim::Machine& machine, DriverHandle handle);
+
+// Opens `directory` and returns its handle through `handle`; 0 or a Win32 code.
+std::uint32_t openDirectoryHandle(const std::filesystem::path& directory, DriverHandle* handle);
+
+// UTF-8 <-> UTF-16 without the platform's private helpers; false on bad input.
+bool utf8ToUtf16(std::string_view text, std::u16string* out);
+std::string utf16ToUtf8(std::u16string_view text);
+// ASCII case folding, enough for volume GUIDs, drive letters and device names.
+std::string foldAscii(std::string_view text);
+
+}  // namespace kivsim
+
+#endif  // DRIVERS_KIVSIM_DRIVER_HANDLES_H_
