@@ -3,9 +3,9 @@
 // Its volumes are chosen so that every rule of cache volume selection meets a
 // volume it applies to. By free space, largest first:
 //   (no path)   3.0 TiB free  reachable through no path: never a cache volume
-//   G:          470 GiB free  removable: not a fixed disk
-//   H:          800 GiB free  RAW: no recognised file system
+//   G:          950 GiB free  removable (an external disk): not a fixed disk
 //   D:          900 GiB free  the driver reports it disabled (0x4)
+//   H:          800 GiB free  RAW: no recognised file system
 //   E:          750 GiB free  ReFS, holds an active cache (0x10): still usable,
 //                             so the fallback chooses E:
 //   C:\mnt\data\ 600 GiB free mounted in a folder of C:, no letter: usable,
@@ -61,7 +61,7 @@ nlohmann::json defaultDescription() {
     cdrom["mediaPresent"] = false;
     volumes.push_back(cdrom);
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a05}", {"G:\\"}, "removable",
-                             "FAT32", "STICK", 500 * kGiB, 470 * kGiB, 0x1));
+                             "exFAT", "USB", 1000 * kGiB, 950 * kGiB, 0x1));
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a06}", {"H:\\"}, "fixed", "RAW", "",
                              800 * kGiB, 800 * kGiB, 0x0));
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a07}", {"C:\\mnt\\data\\"},

@@ -16,8 +16,10 @@ struct OSVERSIONINFOW {
 };
 static_assert(sizeof(OSVERSIONINFOW) == 276);
 
-// Fills the record from the machine description. FALSE with
-// ERROR_INSUFFICIENT_BUFFER when dwOSVersionInfoSize is below 276.
+// Fills the record from the machine description (szCSDVersion empty). FALSE
+// with ERROR_INSUFFICIENT_BUFFER when dwOSVersionInfoSize is neither 276 nor
+// 284 (the extended record, of which the first 276 bytes are filled),
+// ERROR_INVALID_PARAMETER for a null record.
 BOOL GetVersionExW(OSVERSIONINFOW* versionInformation);
 
 }  // namespace os
