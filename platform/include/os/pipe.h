@@ -20,9 +20,13 @@ constexpr DWORD NMPWAIT_WAIT_FOREVER = 0xFFFFFFFF;
 // Connects to the pipe, writes `inBuffer`, reads one reply message into
 // `outBuffer`, and disconnects. FALSE with ERROR_FILE_NOT_FOUND when no server
 // serves the name, ERROR_PIPE_BUSY when every instance stayed busy for the wait
-// (`timeOut` 0 = the pipe's default wait), ERROR_MORE_DATA when the reply was
-// longer than `outBufferSize` (the first bytes are delivered),
-// ERROR_INVALID_NAME for a name outside "\\.\pipe\".
+// (`timeOut` 0 = the pipe's default wait, NMPWAIT_NOWAIT = no wait,
+// NMPWAIT_WAIT_FOREVER), ERROR_MORE_DATA when the reply was longer than
+// `outBufferSize` (the first bytes are delivered and `*bytesRead` counts them;
+// the rest is lost), ERROR_BROKEN_PIPE when the server hung up without a
+// reply, ERROR_INVALID_NAME for a name outside "\\.\pipe\",
+// ERROR_PATH_NOT_FOUND for a null name. The wait runs on the real clock, also
+// under the virtual one: it waits for another process's progress.
 BOOL CallNamedPipeW(LPCWSTR pipeName, LPVOID inBuffer, DWORD inBufferSize, LPVOID outBuffer,
                     DWORD outBufferSize, DWORD* bytesRead, DWORD timeOut);
 
@@ -33,9 +37,19 @@ BOOL CallNamedPipeW(LPCWSTR pipeName, LPVOID inBuffer, DWORD inBufferSize, LPVOI
 HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxInstances,
                         DWORD outBufferSize, DWORD inBufferSize, DWORD defaultTimeOut,
                         LPSECURITY_ATTRIBUTES securityAttributes);
-// Waits for a client on the instance. TRUE when one connected.
+// Instances are read and written with ReadFile and WriteFile, one message per
+// call; a read into a short buffer gives ERROR_MORE_DATA and the next read
+// continues the message. Close an instance with CloseHandle; closing the last
+// one stops serving the name. PIPE_NOWAIT and overlapped instances give
+// ERROR_NOT_SUPPORTED.
+//
+// Waits for a client on the instance. TRUE when one connected; FALSE with
+// ERROR_PIPE_CONNECTED when a client is connected already. Overlapped waits
+// are not supported (ERROR_NOT_SUPPORTED).
 BOOL ConnectNamedPipe(HANDLE namedPipe, LPVOID overlapped);
-// Ends the instance's client connection so it can accept the next one.
+// Ends the instance's client connection so it can accept the next one; the
+// client's unread data is dropped. FALSE with ERROR_PIPE_NOT_CONNECTED when no
+// client is connected.
 BOOL DisconnectNamedPipe(HANDLE namedPipe);
 
 }  // namespace os

@@ -27,10 +27,15 @@ void EnterCriticalSection(CRITICAL_SECTION* section);
 void LeaveCriticalSection(CRITICAL_SECTION* section);
 void DeleteCriticalSection(CRITICAL_SECTION* section);
 
-// Creates or opens the named mutex `name` ("Global\" and "Local\" prefixes are
-// namespaces; names are case-sensitive). A null name makes an unnamed mutex.
+// Creates or opens the named mutex `name` (names are case-sensitive). "Local\"
+// is the namespace of names without prefix; "Global\" names are separate. A
+// null or empty name makes an unnamed mutex. `initialOwner` makes the calling
+// thread own a mutex it creates; an existing mutex is opened as it is.
 // Returns a handle; last error is ERROR_ALREADY_EXISTS when it existed, else
-// 0. NULL on failure with the reason in last error.
+// 0. NULL on failure with the reason in last error: ERROR_PATH_NOT_FOUND for a
+// backslash other than after the namespace prefix, ERROR_FILENAME_EXCED_RANGE
+// for a name of MAX_PATH characters or more. The mutex lives while any process
+// of the machine holds a handle to it.
 HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES attributes, BOOL initialOwner, LPCWSTR name);
 // Waits until the object is signalled or `milliseconds` pass. For a mutex:
 // WAIT_OBJECT_0 (now owned), WAIT_ABANDONED (owned; its previous owner ended

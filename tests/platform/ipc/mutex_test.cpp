@@ -1,0 +1,410 @@
+// Named mutexes and critical sections: names and namespaces, ownership by
+// thread, time-outs on the real and the virtual clock, abandonment, and
+// several processes sharing one mutex.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ipc_test_support.h"
+#include "os/error.h"
+#include "os/handle.h"
+#include "os/sync.h"
+#include "sim/clock.h"
+#include "sim/handles.h"
+#include "sim/hooks.h"
+#include "support/child_process.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+using ipctest::awaitFile;
+using ipctest::ChildChecks;
+using ipctest::publish;
+using testsupport::TempMachine;
+
+std::u16string wide(const std::string& text) {
+    return std::u16string(text.begin(), text.end());
+}
+
+// Opens the mutex `name` and expects that it exists, waits for it and checks
+// the result; releases what it obtained.
+FIKIV_CHILD_ROLE(mutexWait) {
+    ChildChecks checks;
+    std::u16string name = wide(arguments.at(0));
+    auto timeout = static_cast<os::DWORD>(std::stoul(arguments.at(1)));
+    auto expected = static_cast<os::DWORD>(std::stoul(arguments.at(2)));
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name.c_str()));
+    checks.check(mutex.valid(), "mutex opened");
+    checks.check(os::GetLastError() == os::ERROR_ALREADY_EXISTS, "mutex existed",
+                 os::GetLastError());
+    os::DWORD result = os::WaitForSingleObject(mutex.get(), timeout);
+    checks.check(result == expected, "wait result", result);
+    if (result == os::WAIT_OBJECT_0 || result == os::WAIT_ABANDONED) {
+        checks.check(os::ReleaseMutex(mutex.get()) == os::TRUE, "release");
+    }
+    return checks.failures();
+}
+
+// Takes the mutex, says so through the ready file and waits to be killed.
+FIKIV_CHILD_ROLE(mutexHoldUntilKilled) {
+    std::u16string name = wide(arguments.at(0));
+    // Never closed: the process is killed while it owns the mutex.
+    os::HANDLE mutex = os::CreateMutexW(nullptr, os::FALSE, name.c_str());
+    if (mutex == nullptr || os::WaitForSingleObject(mutex, os::INFINITE) != os::WAIT_OBJECT_0) {
+        return 1;
+    }
+    publish(arguments.at(1), "held");
+    for (;;) {
+        pause();
+    }
+}
+
+// Waits for the start file, creates the mutex and reports whether it existed,
+// adds 1 to the counter file `iterations` times under the mutex, then keeps
+// its handle until the close file appears.
+FIKIV_CHILD_ROLE(mutexCount) {
+    ChildChecks checks;
+    std::u16string name = wide(arguments.at(0));
+    std::filesystem::path directory = arguments.at(1);
+    int iterations = std::stoi(arguments.at(2));
+    checks.check(awaitFile(directory / "start"), "start file");
+    os::SetLastError(0xdeadbeef);
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name.c_str()));
+    os::DWORD created = os::GetLastError();
+    checks.check(mutex.valid(), "mutex created");
+    publish(directory / ("created." + std::to_string(getpid())), std::to_string(created));
+
+    int counter = open((directory / "counter").c_str(), O_RDWR);
+    checks.check(counter >= 0, "counter file");
+    for (int i = 0; i < iterations; ++i) {
+        if (!checks.check(os::WaitForSingleObject(mutex.get(), os::INFINITE) == os::WAIT_OBJECT_0,
+                          "wait")) {
+            break;
+        }
+        int value = 0;
+        checks.check(pread(counter, &value, sizeof(value), 0) == sizeof(value), "read counter");
+        std::this_thread::yield();  // widens the window a broken mutex would leave open
+        ++value;
+        checks.check(pwrite(counter, &value, sizeof(value), 0) == sizeof(value), "write counter");
+        checks.check(os::ReleaseMutex(mutex.get()) == os::TRUE, "release");
+    }
+    close(counter);
+    checks.check(awaitFile(directory / "close"), "close file");
+    return checks.failures();
+}
+
+class MutexTest : public ::testing::Test {
+  protected:
+    TempMachine machine_{ipctest::smallMachine()};
+    // Each test's names carry the test's pid, so runs in parallel never meet.
+    std::u16string name(const std::string& base) const {
+        return wide(base + "." + std::to_string(getpid()));
+    }
+};
+
+TEST_F(MutexTest, CreateAndOpenByName) {
+    struct Row {
+        const char* label;
+        std::u16string name;
+        bool expectHandle;
+        os::DWORD expectedError;
+    };
+    const std::u16string base = name("fikiv_ipc_names");
+    const Row rows[] = {
+        {"new name", base, true, os::ERROR_SUCCESS},
+        {"same name", base, true, os::ERROR_ALREADY_EXISTS},
+        {"names are case-sensitive", u"FIKIV" + base.substr(5), true, os::ERROR_SUCCESS},
+        {"Local namespace is the default", u"Local\\" + base, true, os::ERROR_ALREADY_EXISTS},
+        {"Global namespace is separate", u"Global\\" + base, true, os::ERROR_SUCCESS},
+        {"Global name again", u"Global\\" + base, true, os::ERROR_ALREADY_EXISTS},
+        {"slash and percent are plain characters", base + u"/a%2F", true, os::ERROR_SUCCESS},
+        {"escaped look-alike is another name", base + u"%002Fa%2F", true, os::ERROR_SUCCESS},
+        {"unknown namespace", u"Session\\" + base, false, os::ERROR_PATH_NOT_FOUND},
+        {"backslash inside Global", u"Global\\a\\" + base, false, os::ERROR_PATH_NOT_FOUND},
+        {"long name", std::u16string(200, u'x') + u"1", true, os::ERROR_SUCCESS},
+        {"long name differing at the end", std::u16string(200, u'x') + u"2", true,
+         os::ERROR_SUCCESS},
+        {"name past MAX_PATH", std::u16string(300, u'y'), false, os::ERROR_FILENAME_EXCED_RANGE},
+    };
+    std::vector<os::UniqueHandle> open;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        os::SetLastError(0xdeadbeef);
+        os::HANDLE handle = os::CreateMutexW(nullptr, os::FALSE, row.name.c_str());
+        EXPECT_EQ(handle != nullptr, row.expectHandle);
+        EXPECT_EQ(os::GetLastError(), row.expectedError);
+        open.emplace_back(handle);
+    }
+}
+
+TEST_F(MutexTest, ClosingTheLastHandleEndsTheMutex) {
+    std::u16string mutexName = name("fikiv_ipc_lifetime");
+    os::UniqueHandle first(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+    ASSERT_TRUE(first.valid());
+    os::UniqueHandle second(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+    EXPECT_EQ(os::GetLastError(), os::ERROR_ALREADY_EXISTS);
+    first.reset();
+    os::UniqueHandle third(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+    EXPECT_EQ(os::GetLastError(), os::ERROR_ALREADY_EXISTS) << "one handle was still open";
+    second.reset();
+    third.reset();
+    os::UniqueHandle fresh(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+    ASSERT_TRUE(fresh.valid());
+    EXPECT_EQ(os::GetLastError(), os::ERROR_SUCCESS);
+}
+
+// Tries the mutex from a thread of its own, which never owns it.
+os::DWORD waitFromOtherThread(os::HANDLE mutex, os::DWORD milliseconds, bool release = true) {
+    return std::async(std::launch::async,
+                      [=] {
+                          os::DWORD result = os::WaitForSingleObject(mutex, milliseconds);
+                          if (release && result == os::WAIT_OBJECT_0) {
+                              os::ReleaseMutex(mutex);
+                          }
+                          return result;
+                      })
+        .get();
+}
+
+TEST_F(MutexTest, OwnershipIsPerThreadAndRecursive) {
+    std::u16string mutexName = name("fikiv_ipc_owner");
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+    ASSERT_TRUE(mutex.valid());
+    // A second handle in the same process names the same mutex.
+    os::UniqueHandle alias(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+
+    os::SetLastError(0xdeadbeef);
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::FALSE);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_OWNER);
+
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_OBJECT_0);
+    EXPECT_EQ(os::WaitForSingleObject(alias.get(), 1000), os::WAIT_OBJECT_0);
+    EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_TIMEOUT);
+
+    std::atomic<os::DWORD> otherRelease{0};
+    std::atomic<os::DWORD> otherError{0};
+    std::thread([&] {
+        otherRelease = os::ReleaseMutex(mutex.get());
+        otherError = os::GetLastError();
+    }).join();
+    EXPECT_EQ(otherRelease.load(), os::FALSE);
+    EXPECT_EQ(otherError.load(), os::ERROR_NOT_OWNER);
+
+    EXPECT_EQ(os::ReleaseMutex(alias.get()), os::TRUE);
+    EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_TIMEOUT) << "still owned once";
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
+    EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_OBJECT_0);
+
+    os::SetLastError(0xdeadbeef);
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::FALSE);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_OWNER);
+}
+
+TEST_F(MutexTest, InitialOwnerAppliesToTheCreatorOnly) {
+    struct Row {
+        const char* label;
+        std::u16string name;  // empty: unnamed
+    };
+    const Row rows[] = {{"named", name("fikiv_ipc_initial")}, {"unnamed", u""}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        const char16_t* mutexName = row.name.empty() ? nullptr : row.name.c_str();
+        os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::TRUE, mutexName));
+        ASSERT_TRUE(mutex.valid());
+        EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_TIMEOUT);
+        if (mutexName != nullptr) {
+            // Opening it again with the initial-owner request changes nothing.
+            std::async(std::launch::async, [&] {
+                os::UniqueHandle again(os::CreateMutexW(nullptr, os::TRUE, mutexName));
+                EXPECT_EQ(os::GetLastError(), os::ERROR_ALREADY_EXISTS);
+                EXPECT_EQ(os::ReleaseMutex(again.get()), os::FALSE);
+            }).get();
+        }
+        EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
+        EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_OBJECT_0);
+    }
+}
+
+TEST_F(MutexTest, BadHandlesFail) {
+    os::HANDLE closed = os::CreateMutexW(nullptr, os::FALSE, nullptr);
+    ASSERT_NE(closed, nullptr);
+    ASSERT_EQ(os::CloseHandle(closed), os::TRUE);
+    int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    os::UniqueHandle descriptor(sim::handleFromFd(fd));
+    struct Row {
+        const char* label;
+        os::HANDLE handle;
+    };
+    const Row rows[] = {
+        {"null", nullptr},
+        {"INVALID_HANDLE_VALUE", os::INVALID_HANDLE_VALUE},
+        {"closed mutex", closed},
+        {"file descriptor", descriptor.get()},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        os::SetLastError(0xdeadbeef);
+        EXPECT_EQ(os::WaitForSingleObject(row.handle, 0), os::WAIT_FAILED);
+        EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+        os::SetLastError(0xdeadbeef);
+        EXPECT_EQ(os::ReleaseMutex(row.handle), os::FALSE);
+        EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    }
+}
+
+TEST_F(MutexTest, SecondProcessTimesOutWhileOwnedThenGetsIt) {
+    std::u16string mutexName = name("fikiv_ipc_crossprocess");
+    std::string narrow(mutexName.begin(), mutexName.end());
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::TRUE, mutexName.c_str()));
+    ASSERT_TRUE(mutex.valid());
+
+    pid_t blocked =
+        testsupport::startChild("mutexWait", {narrow, "100", std::to_string(os::WAIT_TIMEOUT)});
+    EXPECT_EQ(testsupport::waitChild(blocked), 0);
+
+    pid_t waiting = testsupport::startChild(
+        "mutexWait", {narrow, std::to_string(os::INFINITE), std::to_string(os::WAIT_OBJECT_0)});
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
+    EXPECT_EQ(testsupport::waitChild(waiting), 0);
+}
+
+TEST_F(MutexTest, OwnerProcessKilledLeavesItAbandoned) {
+    std::u16string mutexName = name("fikiv_ipc_killed");
+    std::filesystem::path ready = machine_.directory() / "held";
+    // Our own handle keeps the mutex alive after its owner is gone.
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+    ASSERT_TRUE(mutex.valid());
+    pid_t holder = testsupport::startChild(
+        "mutexHoldUntilKilled", {std::string(mutexName.begin(), mutexName.end()), ready.string()});
+    ASSERT_TRUE(awaitFile(ready));
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_TIMEOUT);
+    kill(holder, SIGKILL);
+    testsupport::waitChild(holder);
+
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), os::INFINITE), os::WAIT_ABANDONED);
+    EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_TIMEOUT) << "the waiter owns it now";
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_OBJECT_0) << "usable again";
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
+}
+
+TEST_F(MutexTest, OwnerThreadEndingLeavesItAbandoned) {
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name("fikiv_ipc_thread").c_str()));
+    ASSERT_TRUE(mutex.valid());
+    std::thread([&] {
+        EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_OBJECT_0);
+    }).join();
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 1000), os::WAIT_ABANDONED);
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
+}
+
+// Turns the virtual clock on for one test.
+class VirtualClock {
+  public:
+    VirtualClock() {
+        sim::useVirtualClock(true);
+        sim::clearRecordedWaits();
+    }
+    ~VirtualClock() { sim::useVirtualClock(false); }
+};
+
+TEST_F(MutexTest, TimeOutOnTheVirtualClockPassesWithoutBlocking) {
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name("fikiv_ipc_virtual").c_str()));
+    ASSERT_TRUE(mutex.valid());
+    std::promise<void> taken;
+    std::promise<void> letGo;
+    std::thread owner([&] {
+        os::WaitForSingleObject(mutex.get(), os::INFINITE);
+        taken.set_value();
+        letGo.get_future().wait();
+        os::ReleaseMutex(mutex.get());
+    });
+    taken.get_future().wait();
+
+    VirtualClock clock;
+    std::uint64_t start = sim::nowMs();
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 10000), os::WAIT_TIMEOUT);
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_TIMEOUT);
+    EXPECT_EQ(sim::recordedWaits(), std::vector<std::uint32_t>{10000});
+    EXPECT_EQ(sim::nowMs() - start, 10000u);
+
+    letGo.set_value();
+    owner.join();
+    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 10000), os::WAIT_OBJECT_0);
+    EXPECT_EQ(sim::recordedWaits(), std::vector<std::uint32_t>{10000})
+        << "a free mutex costs no time";
+    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
+}
+
+TEST_F(MutexTest, ProcessesCreatingAtOnceShareOneMutex) {
+    constexpr int kProcesses = 4;
+    constexpr int kIterations = 200;
+    std::u16string mutexName = name("fikiv_ipc_shared");
+    std::filesystem::path directory = machine_.directory();
+    {
+        int counter = open((directory / "counter").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        int zero = 0;
+        ASSERT_EQ(pwrite(counter, &zero, sizeof(zero), 0), static_cast<ssize_t>(sizeof(zero)));
+        close(counter);
+    }
+    std::vector<pid_t> children;
+    for (int i = 0; i < kProcesses; ++i) {
+        children.push_back(testsupport::startChild(
+            "mutexCount", {std::string(mutexName.begin(), mutexName.end()), directory.string(),
+                           std::to_string(kIterations)}));
+    }
+    publish(directory / "start", "");
+
+    int created = 0;
+    int opened = 0;
+    for (pid_t child : children) {
+        std::filesystem::path report = directory / ("created." + std::to_string(child));
+        ASSERT_TRUE(awaitFile(report));
+        std::string code = ipctest::readText(report);
+        created += code == std::to_string(os::ERROR_SUCCESS);
+        opened += code == std::to_string(os::ERROR_ALREADY_EXISTS);
+    }
+    publish(directory / "close", "");
+    for (pid_t child : children) {
+        EXPECT_EQ(testsupport::waitChild(child), 0);
+    }
+    EXPECT_EQ(created, 1);
+    EXPECT_EQ(opened, kProcesses - 1);
+
+    int counter = open((directory / "counter").c_str(), O_RDONLY | O_CLOEXEC);
+    int value = 0;
+    ASSERT_EQ(pread(counter, &value, sizeof(value), 0), static_cast<ssize_t>(sizeof(value)));
+    close(counter);
+    EXPECT_EQ(value, kProcesses * kIterations) << "an update was lost: the mutex let two in";
+}
+
+TEST(CriticalSectionTest, RecursiveAndExclusive) {
+    os::CRITICAL_SECTION section;
+    ASSERT_EQ(os::InitializeCriticalSectionAndSpinCount(&section, 4000), os::TRUE);
+    os::EnterCriticalSection(&section);
+    os::EnterCriticalSection(&section);
+    std::atomic<bool> entered{false};
+    std::thread other([&] {
+        os::EnterCriticalSection(&section);
+        entered = true;
+        os::LeaveCriticalSection(&section);
+    });
+    os::LeaveCriticalSection(&section);
+    // Still held once: the other thread cannot be inside.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(entered.load());
+    os::LeaveCriticalSection(&section);
+    other.join();
+    EXPECT_TRUE(entered.load());
+    os::DeleteCriticalSection(&section);
+}
+
+}  // namespace

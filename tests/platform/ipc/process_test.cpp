@@ -1,0 +1,438 @@
+// Processes and handles: a descriptor of another process taken with
+// OpenProcess and DuplicateHandle, processes that are gone, privilege names,
+// token rights, and the debug privilege opening a process that refuses us.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+
+#include "ipc_test_support.h"
+#include "os/error.h"
+#include "os/handle.h"
+#include "os/pipe.h"
+#include "os/process.h"
+#include "os/sync.h"
+#include "sim/handles.h"
+#include "sim/hooks.h"
+#include "support/child_process.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+using ipctest::awaitFile;
+using ipctest::ChildChecks;
+using ipctest::publish;
+using testsupport::TempMachine;
+
+const std::string kPayload = "snapshot volume stand-in";
+
+std::uintptr_t valueOf(os::HANDLE handle) {
+    return reinterpret_cast<std::uintptr_t>(handle);
+}
+os::HANDLE handleOf(std::uintptr_t value) {
+    return reinterpret_cast<os::HANDLE>(value);
+}
+
+// Whether `handle` (in this process) reads the payload file.
+bool readsPayload(os::HANDLE handle) {
+    std::string text(kPayload.size(), '\0');
+    return pread(sim::fdFromHandle(handle), text.data(), text.size(), 0) ==
+               static_cast<ssize_t>(text.size()) &&
+           text == kPayload;
+}
+
+// Opens the file `arguments[0]`, publishes the handle value in `arguments[1]`
+// and keeps it open until `arguments[2]` appears. With "protected" as fourth
+// argument the process first makes itself non-dumpable, so only a caller with
+// CAP_SYS_PTRACE may take its descriptors.
+FIKIV_CHILD_ROLE(holdFile) {
+    if (arguments.size() > 3 && arguments[3] == "protected") {
+        prctl(PR_SET_DUMPABLE, 0);
+    }
+    int fd = open(arguments.at(0).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return 1;
+    }
+    publish(arguments.at(1), std::to_string(valueOf(sim::handleFromFd(fd))));
+    return awaitFile(arguments.at(2)) ? 0 : 1;
+}
+
+os::DWORD adjustDebugPrivilege(os::HANDLE token, os::DWORD attributes, os::BOOL* result) {
+    os::TOKEN_PRIVILEGES privileges{};
+    privileges.PrivilegeCount = 1;
+    os::LookupPrivilegeValueW(nullptr, u"SeDebugPrivilege", &privileges.Privileges[0].Luid);
+    privileges.Privileges[0].Attributes = attributes;
+    os::SetLastError(0xdeadbeef);
+    *result = os::AdjustTokenPrivileges(token, os::FALSE, &privileges, 0, nullptr, nullptr);
+    return os::GetLastError();
+}
+
+// Takes the handle `arguments[1]` of protected process `arguments[0]`, the
+// way the plug-in does: refused without the debug privilege, granted with it,
+// refused again once the privilege is removed for good.
+FIKIV_CHILD_ROLE(takeWithDebugPrivilege) {
+    ChildChecks checks;
+    auto pid = static_cast<os::DWORD>(std::stoul(arguments.at(0)));
+    os::HANDLE remote = handleOf(std::stoull(arguments.at(1)));
+    os::HANDLE token = nullptr;
+    checks.check(
+        os::OpenProcessToken(os::GetCurrentProcess(), os::TOKEN_ADJUST_PRIVILEGES | os::TOKEN_QUERY,
+                             &token) == os::TRUE,
+        "token opened");
+    os::BOOL ok = os::FALSE;
+    checks.check(adjustDebugPrivilege(token, 0, &ok) == os::ERROR_SUCCESS && ok, "disabled");
+
+    os::SetLastError(0xdeadbeef);
+    checks.check(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid) == nullptr,
+                 "refused without the privilege");
+    checks.check(os::GetLastError() == os::ERROR_ACCESS_DENIED, "access denied",
+                 os::GetLastError());
+
+    checks.check(
+        adjustDebugPrivilege(token, os::SE_PRIVILEGE_ENABLED, &ok) == os::ERROR_SUCCESS && ok,
+        "enabled");
+    os::UniqueHandle process(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid));
+    checks.check(process.valid(), "opened with the privilege", os::GetLastError());
+    os::HANDLE copy = nullptr;
+    checks.check(os::DuplicateHandle(process.get(), remote, os::GetCurrentProcess(), &copy, 0,
+                                     os::FALSE, os::DUPLICATE_SAME_ACCESS) == os::TRUE,
+                 "duplicated", os::GetLastError());
+    checks.check(readsPayload(copy), "the copy reads the file");
+    os::CloseHandle(copy);
+
+    checks.check(
+        adjustDebugPrivilege(token, os::SE_PRIVILEGE_REMOVED, &ok) == os::ERROR_SUCCESS && ok,
+        "removed");
+    checks.check(
+        adjustDebugPrivilege(token, os::SE_PRIVILEGE_ENABLED, &ok) == os::ERROR_NOT_ALL_ASSIGNED &&
+            ok,
+        "cannot be enabled once removed");
+    checks.check(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid) == nullptr,
+                 "refused again");
+    os::CloseHandle(token);
+    return checks.failures();
+}
+
+class ProcessTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        payload_ = machine_.directory() / "payload";
+        std::ofstream(payload_) << kPayload;
+    }
+
+    // Starts a child that holds the payload file open; returns its pid and
+    // sets `handle` to the child's handle value.
+    pid_t startHolder(os::HANDLE* handle, bool protect = false) {
+        std::filesystem::path ready = machine_.directory() / ("ready." + std::to_string(holders_));
+        done_ = machine_.directory() / ("done." + std::to_string(holders_++));
+        std::vector<std::string> arguments = {payload_.string(), ready.string(), done_.string()};
+        if (protect) {
+            arguments.push_back("protected");
+        }
+        pid_t child = testsupport::startChild("holdFile", arguments);
+        if (!awaitFile(ready)) {
+            return child;
+        }
+        *handle = handleOf(std::stoull(ipctest::readText(ready)));
+        return child;
+    }
+    int finishHolder(pid_t child) {
+        publish(done_, "");
+        return testsupport::waitChild(child);
+    }
+
+    TempMachine machine_{ipctest::smallMachine()};
+    std::filesystem::path payload_;
+    std::filesystem::path done_;
+    int holders_ = 0;
+};
+
+TEST_F(ProcessTest, DuplicateHandleTakesADescriptorOfAnotherProcess) {
+    os::HANDLE remote = nullptr;
+    pid_t holder = startHolder(&remote);
+    ASSERT_NE(remote, nullptr);
+    os::UniqueHandle process(
+        os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, static_cast<os::DWORD>(holder)));
+    ASSERT_TRUE(process.valid()) << os::GetLastError();
+
+    os::HANDLE copy = nullptr;
+    ASSERT_EQ(os::DuplicateHandle(process.get(), remote, os::GetCurrentProcess(), &copy, 0,
+                                  os::FALSE, os::DUPLICATE_SAME_ACCESS),
+              os::TRUE)
+        << os::GetLastError();
+    os::UniqueHandle owned(copy);
+    EXPECT_TRUE(readsPayload(copy));
+    struct stat copied {};
+    struct stat original {};
+    ASSERT_EQ(fstat(sim::fdFromHandle(copy), &copied), 0);
+    ASSERT_EQ(stat(payload_.c_str(), &original), 0);
+    EXPECT_EQ(copied.st_ino, original.st_ino);
+
+    os::HANDLE token = nullptr;
+    ASSERT_EQ(os::OpenProcessToken(os::GetCurrentProcess(), os::TOKEN_QUERY, &token), os::TRUE);
+    os::UniqueHandle tokenOwner(token);
+    struct Row {
+        const char* label;
+        os::HANDLE sourceProcess;
+        os::HANDLE source;
+        os::HANDLE targetProcess;
+        os::DWORD options;
+        os::DWORD expectedError;
+    };
+    const os::HANDLE self = os::GetCurrentProcess();
+    const Row rows[] = {
+        {"not open in the source", process.get(), sim::handleFromFd(900), self,
+         os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
+        {"no source process", nullptr, remote, self, os::DUPLICATE_SAME_ACCESS,
+         os::ERROR_INVALID_HANDLE},
+        {"a token is no process", token, remote, self, os::DUPLICATE_SAME_ACCESS,
+         os::ERROR_INVALID_HANDLE},
+        {"into another process", self, copy, process.get(), os::DUPLICATE_SAME_ACCESS,
+         os::ERROR_NOT_SUPPORTED},
+        {"closing another process's handle", process.get(), remote, self,
+         os::DUPLICATE_SAME_ACCESS | os::DUPLICATE_CLOSE_SOURCE, os::ERROR_NOT_SUPPORTED},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        os::HANDLE target = handleOf(0x11);
+        os::SetLastError(0xdeadbeef);
+        EXPECT_EQ(os::DuplicateHandle(row.sourceProcess, row.source, row.targetProcess, &target, 0,
+                                      os::FALSE, row.options),
+                  os::FALSE);
+        EXPECT_EQ(os::GetLastError(), row.expectedError);
+        EXPECT_EQ(target, handleOf(0x11)) << "the target handle was written";
+    }
+
+    EXPECT_EQ(finishHolder(holder), 0);
+    // The process is gone and its handles with it; our handle to it stays valid.
+    os::HANDLE late = nullptr;
+    os::SetLastError(0xdeadbeef);
+    EXPECT_EQ(os::DuplicateHandle(process.get(), remote, os::GetCurrentProcess(), &late, 0,
+                                  os::FALSE, os::DUPLICATE_SAME_ACCESS),
+              os::FALSE);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(readsPayload(copy)) << "the copy outlives the process it came from";
+}
+
+TEST_F(ProcessTest, DuplicateWithinTheProcess) {
+    int fd = open(payload_.c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    os::HANDLE source = sim::handleFromFd(fd);
+    os::HANDLE copy = nullptr;
+    ASSERT_EQ(
+        os::DuplicateHandle(os::GetCurrentProcess(), source, os::GetCurrentProcess(), &copy, 0,
+                            os::FALSE, os::DUPLICATE_CLOSE_SOURCE | os::DUPLICATE_SAME_ACCESS),
+        os::TRUE);
+    os::UniqueHandle owned(copy);
+    EXPECT_NE(copy, source);
+    EXPECT_TRUE(readsPayload(copy));
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "the source was not closed";
+}
+
+TEST_F(ProcessTest, OpenProcessOfProcessesThatDoNotExist) {
+    pid_t gone = testsupport::startChild("holdFile", {"/nonexistent/file", "-", "-"});
+    ASSERT_EQ(testsupport::waitChild(gone), 1);
+    struct Row {
+        const char* label;
+        os::DWORD pid;
+    };
+    const Row rows[] = {
+        {"ended and reaped", static_cast<os::DWORD>(gone)},
+        {"id 0", 0},
+        {"beyond any id", 0x7FFFFFFF},
+        {"negative as pid_t", 0xFFFFFFFE},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        os::SetLastError(0xdeadbeef);
+        EXPECT_EQ(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, row.pid), nullptr);
+        EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
+    }
+    os::UniqueHandle self(
+        os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, os::GetCurrentProcessId()));
+    EXPECT_TRUE(self.valid());
+}
+
+TEST(PrivilegeTest, LookupKnowsOnlyTheDebugPrivilege) {
+    struct Row {
+        const char* label;
+        const char16_t* system;
+        const char16_t* name;
+        os::DWORD expectedError;  // 0: found
+    };
+    const Row rows[] = {
+        {"debug", nullptr, u"SeDebugPrivilege", 0},
+        {"debug in another case", u"", u"SEDEBUGPRIVILEGE", 0},
+        {"backup", nullptr, u"SeBackupPrivilege", os::ERROR_NO_SUCH_PRIVILEGE},
+        {"prefix of debug", nullptr, u"SeDebug", os::ERROR_NO_SUCH_PRIVILEGE},
+        {"empty", nullptr, u"", os::ERROR_NO_SUCH_PRIVILEGE},
+        {"null name", nullptr, nullptr, os::ERROR_INVALID_PARAMETER},
+        {"another machine", u"\\\\server", u"SeDebugPrivilege", os::ERROR_NOT_SUPPORTED},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        os::LUID luid{0x1111, 0x2222};
+        os::SetLastError(0xdeadbeef);
+        os::BOOL found = os::LookupPrivilegeValueW(row.system, row.name, &luid);
+        if (row.expectedError == 0) {
+            EXPECT_EQ(found, os::TRUE);
+            EXPECT_EQ(luid.LowPart, 20u);
+            EXPECT_EQ(luid.HighPart, 0);
+            continue;
+        }
+        EXPECT_EQ(found, os::FALSE);
+        EXPECT_EQ(os::GetLastError(), row.expectedError);
+        EXPECT_EQ(luid.LowPart, 0x1111u) << "written on failure";
+    }
+}
+
+TEST(PrivilegeTest, TokenRightsAndArguments) {
+    os::HANDLE queryOnly = nullptr;
+    ASSERT_EQ(os::OpenProcessToken(os::GetCurrentProcess(), os::TOKEN_QUERY, &queryOnly), os::TRUE);
+    os::UniqueHandle queryOwner(queryOnly);
+    os::HANDLE adjust = nullptr;
+    ASSERT_EQ(os::OpenProcessToken(os::GetCurrentProcess(),
+                                   os::TOKEN_ADJUST_PRIVILEGES | os::TOKEN_QUERY, &adjust),
+              os::TRUE);
+    os::UniqueHandle adjustOwner(adjust);
+
+    os::TOKEN_PRIVILEGES unknown{1, {{{999, 0}, os::SE_PRIVILEGE_ENABLED}}};
+    os::TOKEN_PRIVILEGES previous{};
+    os::DWORD needed = 0;
+    struct Row {
+        const char* label;
+        os::HANDLE token;
+        os::TOKEN_PRIVILEGES* state;
+        os::DWORD bufferLength;
+        os::TOKEN_PRIVILEGES* previousState;
+        os::BOOL expectedResult;
+        os::DWORD expectedError;
+    };
+    const Row rows[] = {
+        {"no token", nullptr, &unknown, 0, nullptr, os::FALSE, os::ERROR_INVALID_HANDLE},
+        {"token without adjust right", queryOnly, &unknown, 0, nullptr, os::FALSE,
+         os::ERROR_ACCESS_DENIED},
+        {"no new state", adjust, nullptr, 0, nullptr, os::FALSE, os::ERROR_INVALID_PARAMETER},
+        {"previous state too small", adjust, &unknown, 4, &previous, os::FALSE,
+         os::ERROR_INSUFFICIENT_BUFFER},
+        {"a privilege the token lacks", adjust, &unknown, 0, nullptr, os::TRUE,
+         os::ERROR_NOT_ALL_ASSIGNED},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        os::SetLastError(0xdeadbeef);
+        EXPECT_EQ(os::AdjustTokenPrivileges(row.token, os::FALSE, row.state, row.bufferLength,
+                                            row.previousState, &needed),
+                  row.expectedResult);
+        EXPECT_EQ(os::GetLastError(), row.expectedError);
+    }
+    EXPECT_EQ(needed, sizeof(os::TOKEN_PRIVILEGES)) << "the size previous state needs";
+}
+
+bool ptracePermitted() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.rfind("CapPrm:", 0) == 0) {
+            std::uint64_t mask = std::stoull(line.substr(7), nullptr, 16);
+            return (mask & (1ull << 19)) != 0;  // CAP_SYS_PTRACE
+        }
+    }
+    return false;
+}
+
+TEST_F(ProcessTest, DebugPrivilegeOpensAProcessThatRefusesUs) {
+    if (!ptracePermitted()) {
+        GTEST_SKIP() << "this process may not hold CAP_SYS_PTRACE, which the debug privilege is";
+    }
+    os::HANDLE remote = nullptr;
+    pid_t holder = startHolder(&remote, /*protect=*/true);
+    ASSERT_NE(remote, nullptr);
+    // In a child of its own: the capabilities it drops stay dropped there.
+    pid_t taker = testsupport::startChild(
+        "takeWithDebugPrivilege", {std::to_string(holder), std::to_string(valueOf(remote))});
+    EXPECT_EQ(testsupport::waitChild(taker), 0);
+    EXPECT_EQ(finishHolder(holder), 0);
+}
+
+TEST(FaultTest, EveryCallCanBeMadeToFail) {
+    TempMachine machine(ipctest::smallMachine());
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, nullptr));
+    os::UniqueHandle pipe(os::CreateNamedPipeW(u"\\\\.\\pipe\\fikiv_fault", os::PIPE_ACCESS_DUPLEX,
+                                               os::PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr));
+    os::HANDLE token = nullptr;
+    os::LUID luid{};
+    os::CRITICAL_SECTION section;
+    unsigned char byte = 0;
+    os::DWORD count = 0;
+    struct Row {
+        const char* function;
+        std::function<bool()> fails;
+    };
+    const Row rows[] = {
+        {"CreateMutexW", [] { return os::CreateMutexW(nullptr, os::FALSE, nullptr) == nullptr; }},
+        {"WaitForSingleObject",
+         [&] { return os::WaitForSingleObject(mutex.get(), 0) == os::WAIT_FAILED; }},
+        {"ReleaseMutex", [&] { return os::ReleaseMutex(mutex.get()) == os::FALSE; }},
+        {"InitializeCriticalSectionAndSpinCount",
+         [&] { return os::InitializeCriticalSectionAndSpinCount(&section, 1) == os::FALSE; }},
+        {"CallNamedPipeW",
+         [&] {
+             return os::CallNamedPipeW(u"\\\\.\\pipe\\fikiv_fault", &byte, 1, &byte, 1, &count,
+                                       0) == os::FALSE;
+         }},
+        {"CreateNamedPipeW",
+         [] {
+             return os::CreateNamedPipeW(u"\\\\.\\pipe\\fikiv_fault2", os::PIPE_ACCESS_DUPLEX,
+                                         os::PIPE_TYPE_MESSAGE, 1, 0, 0, 0,
+                                         nullptr) == os::INVALID_HANDLE_VALUE;
+         }},
+        {"ConnectNamedPipe",
+         [&] { return os::ConnectNamedPipe(pipe.get(), nullptr) == os::FALSE; }},
+        {"DisconnectNamedPipe", [&] { return os::DisconnectNamedPipe(pipe.get()) == os::FALSE; }},
+        {"OpenProcess",
+         [] { return os::OpenProcess(0, os::FALSE, os::GetCurrentProcessId()) == nullptr; }},
+        {"DuplicateHandle",
+         [&] {
+             os::HANDLE copy = nullptr;
+             return os::DuplicateHandle(os::GetCurrentProcess(), sim::handleFromFd(0),
+                                        os::GetCurrentProcess(), &copy, 0, os::FALSE,
+                                        os::DUPLICATE_SAME_ACCESS) == os::FALSE;
+         }},
+        {"OpenProcessToken",
+         [&] {
+             return os::OpenProcessToken(os::GetCurrentProcess(), os::TOKEN_QUERY, &token) ==
+                    os::FALSE;
+         }},
+        {"LookupPrivilegeValueW",
+         [&] {
+             return os::LookupPrivilegeValueW(nullptr, u"SeDebugPrivilege", &luid) == os::FALSE;
+         }},
+        {"AdjustTokenPrivileges",
+         [&] {
+             os::TOKEN_PRIVILEGES none{};
+             return os::AdjustTokenPrivileges(nullptr, os::FALSE, &none, 0, nullptr, nullptr) ==
+                        os::FALSE &&
+                    os::GetLastError() != os::ERROR_INVALID_HANDLE;
+         }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.function);
+        std::uint64_t calls = sim::callCount(row.function);
+        sim::injectFault(row.function, os::ERROR_NOT_READY);
+        os::SetLastError(0xdeadbeef);
+        EXPECT_TRUE(row.fails());
+        EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+        EXPECT_EQ(sim::callCount(row.function), calls + 1);
+    }
+}
+
+}  // namespace
