@@ -41,7 +41,8 @@ bool parseEntry(const std::string& name, std::uint64_t* id, bool* removed) {
 
 HandleTarget identifyHandle(const sim::Machine& machine, DriverHandle handle) {
     HandleTarget target;
-    const int fd = sim::fdFromHandle(reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(handle)));
+    const int fd =
+        sim::fdFromHandle(reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(handle)));
     if (fd < 0) {
         return target;
     }

@@ -33,14 +33,10 @@ bool processAlive(std::int64_t pid) {
 }
 
 json toJson(const SnapshotElement& element) {
-    return {{"snapshotId", element.snapshotId},
-            {"snapshotName", element.snapshotName},
-            {"source", element.sourceGuid},
-            {"cacheFileName", element.cacheFileName},
-            {"cacheKey", element.cacheKey},
-            {"cacheHostPath", element.cacheHostPath},
-            {"initialSizeMb", element.initialSizeMb},
-            {"maximumSizeMb", element.maximumSizeMb}};
+    return {{"snapshotId", element.snapshotId},       {"snapshotName", element.snapshotName},
+            {"source", element.sourceGuid},           {"cacheFileName", element.cacheFileName},
+            {"cacheKey", element.cacheKey},           {"cacheHostPath", element.cacheHostPath},
+            {"initialSizeMb", element.initialSizeMb}, {"maximumSizeMb", element.maximumSizeMb}};
 }
 
 SnapshotElement elementFromJson(const json& entry) {

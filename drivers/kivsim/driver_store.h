@@ -23,12 +23,12 @@ namespace kivsim {
 
 // One source volume of a snapshot set.
 struct SnapshotElement {
-    std::uint64_t snapshotId = 0;       // names the snapshot volume's directory
-    std::string snapshotName;           // as given to KIV_Prepare, UTF-8
-    std::string sourceGuid;             // UTF-8 GUID name of the source volume
-    std::string cacheFileName;          // as given to KIV_Prepare, UTF-8
-    std::string cacheKey;               // folded volume GUID + relative path, for comparison
-    std::string cacheHostPath;          // the Linux file that holds the cache
+    std::uint64_t snapshotId = 0;  // names the snapshot volume's directory
+    std::string snapshotName;      // as given to KIV_Prepare, UTF-8
+    std::string sourceGuid;        // UTF-8 GUID name of the source volume
+    std::string cacheFileName;     // as given to KIV_Prepare, UTF-8
+    std::string cacheKey;          // folded volume GUID + relative path, for comparison
+    std::string cacheHostPath;     // the Linux file that holds the cache
     std::uint32_t initialSizeMb = 0;
     std::uint32_t maximumSizeMb = 0;
 };
@@ -43,7 +43,7 @@ struct SnapshotSet {
 };
 
 class DriverStore {
-public:
+  public:
     // Locks and reads the state of the machine whose state directory is
     // `stateDirectory`. Throws std::system_error when the driver directory or
     // its lock cannot be made.
@@ -71,7 +71,7 @@ public:
     // std::system_error on failure.
     void commit();
 
-private:
+  private:
     std::filesystem::path directory_;
     std::unique_lock<std::mutex> threadLock_;
     int lockFd_ = -1;

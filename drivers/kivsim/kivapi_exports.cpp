@@ -180,7 +180,8 @@ std::uint32_t checkElement(const sim::Machine& machine, const KivSnapshotParamet
 // Refuses a cache file or snapshot name that a live set or an earlier element
 // of the same call already uses, and initial sizes that do not fit the
 // volume's free space next to the caches already on it.
-std::uint32_t checkAgainstLiveSets(DriverStore& store, const std::vector<PreparedElement>& elements) {
+std::uint32_t checkAgainstLiveSets(DriverStore& store,
+                                   const std::vector<PreparedElement>& elements) {
     for (std::size_t i = 0; i < elements.size(); ++i) {
         const SnapshotElement& candidate = elements[i].element;
         const std::string name = comparableName(candidate.snapshotName);
@@ -220,8 +221,8 @@ std::uint32_t checkAgainstLiveSets(DriverStore& store, const std::vector<Prepare
 
 // Makes a cache file of its initial size (sparse).
 std::uint32_t createCacheFile(const SnapshotElement& element) {
-    const int fd = open(element.cacheHostPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                        0644);
+    const int fd =
+        open(element.cacheHostPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         return sim::win32FromErrno(errno);
     }
@@ -238,7 +239,9 @@ void removeFile(const std::string& path) {
     std::filesystem::remove(path, ignored);
 }
 
-const sim::Machine* machineOrNull() { return sim::Machine::currentOrNull(); }
+const sim::Machine* machineOrNull() {
+    return sim::Machine::currentOrNull();
+}
 
 }  // namespace
 }  // namespace kivsim
@@ -246,8 +249,8 @@ const sim::Machine* machineOrNull() { return sim::Machine::currentOrNull(); }
 using namespace kivsim;
 
 KIV_EXPORT std::uint32_t KIV_Open(const char* name, std::uint32_t /*access*/,
-                                  std::uint32_t /*flags*/, std::uint32_t /*a*/,
-                                  std::uint32_t /*b*/, KivHandle* handle) {
+                                  std::uint32_t /*flags*/, std::uint32_t /*a*/, std::uint32_t /*b*/,
+                                  KivHandle* handle) {
     return entryPoint("KIV_Open", [&]() -> std::uint32_t {
         if (name == nullptr || handle == nullptr) {
             return os::ERROR_INVALID_PARAMETER;
@@ -311,10 +314,9 @@ KIV_EXPORT std::uint32_t KIV_Close(KivHandle* handle) {
     });
 }
 
-KIV_EXPORT std::uint32_t KIV_DeviceIoControl(KivHandle handle, std::uint32_t /*code*/,
-                                             void* /*in*/, std::uint32_t /*inSize*/,
-                                             void* /*out*/, std::uint32_t /*outSize*/,
-                                             std::uint32_t* returned) {
+KIV_EXPORT std::uint32_t KIV_DeviceIoControl(KivHandle handle, std::uint32_t /*code*/, void* /*in*/,
+                                             std::uint32_t /*inSize*/, void* /*out*/,
+                                             std::uint32_t /*outSize*/, std::uint32_t* returned) {
     return entryPoint("KIV_DeviceIoControl", [&]() -> std::uint32_t {
         const sim::Machine* machine = machineOrNull();
         if (machine == nullptr) {
@@ -488,7 +490,8 @@ KIV_EXPORT std::uint32_t KIV_Destroy(KivHandle* snapshot, std::uint32_t flags) {
         removeFile(element->cacheHostPath);
         std::error_code ignored;
         std::filesystem::remove(store.snapshotPath(element->snapshotId), ignored);
-        std::erase_if(set->elements, [&](const SnapshotElement& e) { return e.snapshotId == target.id; });
+        std::erase_if(set->elements,
+                      [&](const SnapshotElement& e) { return e.snapshotId == target.id; });
         if (set->elements.empty()) {
             store.removeSet(set->id);
         }
@@ -629,11 +632,18 @@ KIV_EXPORT std::uint32_t KIV_FreeResource(void* resource) {
 // Does not compile when an export drifts from the signature or the table
 // position that callers bind it with.
 [[maybe_unused]] static constexpr KivApi kExportTable = {
-    &KIV_Open,           &KIV_Close,
-    &KIV_DeviceIoControl, &KIV_Read,
-    &KIV_Prepare,        &KIV_Create,
-    &KIV_Destroy,        &KIV_GetAsyncResult,
-    &KIV_CancelAsyncOperation, &KIV_GetVolumeInformation,
-    &KIV_GenerateVolumeName,   &KIV_GetCacheMap,
-    &KIV_FreeResource,   nullptr,
+    &KIV_Open,
+    &KIV_Close,
+    &KIV_DeviceIoControl,
+    &KIV_Read,
+    &KIV_Prepare,
+    &KIV_Create,
+    &KIV_Destroy,
+    &KIV_GetAsyncResult,
+    &KIV_CancelAsyncOperation,
+    &KIV_GetVolumeInformation,
+    &KIV_GenerateVolumeName,
+    &KIV_GetCacheMap,
+    &KIV_FreeResource,
+    nullptr,
 };
