@@ -23,10 +23,6 @@ struct InitOptions {
 };
 
 int runInit(const GlobalOptions& options, const InitOptions& init) {
-    host::PluginHost plugin;
-    if (!loadPlugin(options, plugin).isOk()) {
-        return kExitFailed;
-    }
     host::HostContextOptions contextOptions;
     contextOptions.withCallback = !init.noCallback;
     if (!init.locale.empty()) {
@@ -34,6 +30,13 @@ int runInit(const GlobalOptions& options, const InitOptions& init) {
     }
     host::HostContext context(contextOptions);
     context.setListener([](const host::HostMessage& message) { printMessage(std::cout, message); });
+
+    // The plug-in keeps the context and still reports while it is unloaded,
+    // so the plug-in is declared after the context and goes first.
+    host::PluginHost plugin;
+    if (!loadPlugin(options, plugin).isOk()) {
+        return kExitFailed;
+    }
 
     tarn_version version{};
     std::int32_t status = plugin.init(context.context(), &version);

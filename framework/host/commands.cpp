@@ -12,6 +12,18 @@
 
 namespace fihost {
 
+namespace {
+
+// Log lines arrive with their own line end; the printer adds its own.
+std::string withoutLineEnd(std::string text) {
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+        text.pop_back();
+    }
+    return text;
+}
+
+}  // namespace
+
 const std::vector<Command>& commandTable() {
     static const std::vector<Command> table = {
         {"providers", "Show the provider's name, interface version and methods",
@@ -38,9 +50,9 @@ void printMessage(std::ostream& out, const host::HostMessage& message) {
     std::string level = message.level < std::size(kLevels)
                             ? kLevels[message.level]
                             : "level " + std::to_string(message.level);
-    out << "[" << level << "] " << message.text.value_or("(none)") << "\n";
+    out << "[" << level << "] " << withoutLineEnd(message.text.value_or("(none)")) << "\n";
     if (message.secondText.has_value()) {
-        out << "        " << *message.secondText << "\n";
+        out << "        " << withoutLineEnd(*message.secondText) << "\n";
     }
 }
 

@@ -2,9 +2,10 @@
 // message callback collects every (text, second text, level) the plug-in sends,
 // as UTF-8 copies, and an optional locale record.
 //
-// Thread-safe: the plug-in may call the callback from any thread. The object
-// must outlive every call into the plug-in that may use the context, since the
-// plug-in keeps the pointer.
+// Thread-safe: the plug-in may call the callback from any thread. The plug-in
+// keeps the context pointer and still reports while it is being unloaded, so
+// the object must outlive the loaded library: declare it before the
+// PluginHost that loads the plug-in.
 #ifndef FRAMEWORK_HOST_HOST_HOST_CONTEXT_H_
 #define FRAMEWORK_HOST_HOST_HOST_CONTEXT_H_
 
