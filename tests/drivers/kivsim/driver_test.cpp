@@ -1,0 +1,489 @@
+// The snapshot driver library as the plug-in binds it, on per-test machines:
+// names it opens, snapshot sets prepared, created and destroyed from several
+// processes, handles taken across processes, and the statuses of bad calls.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "kiv/cachefile/kivapi.h"
+#include "os/error.h"
+#include "os/handle.h"
+#include "os/process.h"
+#include "sim/handles.h"
+#include "sim/hooks.h"
+#include "sim/machine.h"
+#include "support/child_process.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+using testsupport::TempMachine;
+
+constexpr std::uint32_t kMb = 1u << 20;
+
+nlohmann::json volumeWithValue(int number, std::initializer_list<const char*> paths,
+                               std::uint32_t attributes, std::uint32_t value,
+                               std::uint64_t freeBytes = 50ull << 30) {
+    nlohmann::json volume =
+        TempMachine::volume(number, paths, "fixed", "NTFS", 100ull << 30, freeBytes, attributes);
+    volume["driver"]["value"] = value;
+    return volume;
+}
+
+// C: (value 1), a volume mounted at C:\mnt\data\ (value 2), E: (value 3,
+// attributes 0x3), and F: with 1 GiB free for caches.
+nlohmann::json driverMachine() {
+    return {
+        {"majorVersion", 10},
+        {"volumes",
+         {volumeWithValue(1, {"C:\\"}, 0x1, 1), volumeWithValue(2, {"C:\\mnt\\data\\"}, 0x1, 2),
+          volumeWithValue(3, {"E:\\"}, 0x3, 3), volumeWithValue(4, {"F:\\"}, 0x0, 4, 1ull << 30)}}};
+}
+
+KivApi& api() {
+    return *kivApi();
+}
+
+std::string narrow(const std::u16string& text) {
+    return std::string(text.begin(), text.end());
+}
+
+// The handle of the opened volume, or all ones; `status` receives the answer.
+KivHandle openVolume(const std::string& name, std::uint32_t* status = nullptr) {
+    KivHandle handle = kInvalidKivHandle;
+    const std::uint32_t answer = KIV_Open(&api(), name.c_str(), 3, 128, 3, 1000, &handle);
+    if (status != nullptr) {
+        *status = answer;
+    }
+    return answer == 0 ? handle : kInvalidKivHandle;
+}
+
+// Attributes and value of the volume behind `handle`, or nullopt.
+std::optional<std::pair<std::uint32_t, std::uint32_t>> describe(KivHandle handle) {
+    KivVolumeInformation information{};
+    if (KIV_GetVolumeInformation(&api(), handle, sizeof(information), &information) != 0) {
+        return std::nullopt;
+    }
+    return std::make_pair(information.attributes, information.value);
+}
+
+std::filesystem::path hostPathOf(const std::u16string& windowsPath) {
+    return sim::Machine::current().resolve(windowsPath)->hostPath;
+}
+
+std::string generatedName() {
+    char* name = nullptr;
+    if (KIV_GenerateVolumeName(&api(), 2, &name) != 0 || name == nullptr) {
+        return {};
+    }
+    std::string full = std::string("\\\\?\\") + name;
+    KIV_FreeResource(&api(), &name);
+    return full;
+}
+
+KivSnapshotParametersRecord element(KivHandle source, const std::string& snapshotName,
+                                    const char* cacheFile, std::uint32_t initialMb = 10,
+                                    std::uint32_t maximumMb = 100) {
+    return {source, snapshotName.c_str(), cacheFile, initialMb, maximumMb, 0, 0};
+}
+
+// Prepares one snapshot of C: with its cache at `cacheFile`; the set handle,
+// or all ones with the status in `status`.
+KivHandle prepareOne(const std::string& snapshotName, const char* cacheFile,
+                     std::uint32_t* status = nullptr) {
+    KivHandle source = openVolume("C:");
+    KivSnapshotParametersRecord record = element(source, snapshotName, cacheFile);
+    KivHandle set = kInvalidKivHandle;
+    const std::uint32_t answer = KIV_Prepare(&api(), &record, 1, sizeof(record), &set);
+    KIV_Close(&api(), &source);
+    if (status != nullptr) {
+        *status = answer;
+    }
+    return answer == 0 ? set : kInvalidKivHandle;
+}
+
+bool waitForFile(const std::filesystem::path& file) {
+    for (int i = 0; i < 6000; ++i) {
+        if (std::filesystem::exists(file)) {
+            return true;
+        }
+        usleep(10 * 1000);
+    }
+    return false;
+}
+
+int runChild(const std::string& role, const std::vector<std::string>& arguments = {}) {
+    return testsupport::waitChild(testsupport::startChild(role, arguments));
+}
+
+// --- child roles ------------------------------------------------------------
+
+// Prepares and creates a snapshot of C: with the given name and cache file,
+// and leaves it for other processes. With "prepareOnly" it ends after
+// preparing, as a host that crashed before making the snapshot.
+FIKIV_CHILD_ROLE(makeSnapshot) {
+    std::uint32_t status = 0;
+    KivHandle set = prepareOne(arguments.at(0), arguments.at(1).c_str(), &status);
+    if (status != 0) {
+        return 1;
+    }
+    if (arguments.size() > 2 && arguments[2] == "prepareOnly") {
+        _exit(0);  // no clean-up: the driver must notice the ended process
+    }
+    return KIV_Create(&api(), set, 0, 0, 0) == 0 ? 0 : 1;
+}
+
+// Opens the named snapshot volume, checks what it is and destroys it.
+FIKIV_CHILD_ROLE(destroySnapshot) {
+    int failures = 0;
+    KivHandle snapshot = openVolume(arguments.at(0));
+    failures += !isValidKivHandle(snapshot);
+    failures += describe(snapshot) != std::make_pair(std::uint32_t{0x8}, std::uint32_t{0});
+    failures += KIV_Destroy(&api(), &snapshot, 1) != 0;
+    failures += KIV_Close(&api(), &snapshot) != 0;
+    return failures;
+}
+
+// Opens a volume by name and keeps the handle open until told to end, after
+// writing "<pid> <handle>" for the process that takes it over.
+FIKIV_CHILD_ROLE(holdVolume) {
+    KivHandle handle = openVolume(arguments.at(0));
+    if (!isValidKivHandle(handle)) {
+        return 1;
+    }
+    {
+        std::ofstream out(arguments.at(1) + ".tmp");
+        out << getpid() << ' ' << handle;
+    }
+    std::filesystem::rename(arguments.at(1) + ".tmp", arguments.at(1));
+    return waitForFile(arguments.at(2)) ? 0 : 1;
+}
+
+FIKIV_CHILD_ROLE(generateName) {
+    std::ofstream(arguments.at(0)) << generatedName();
+    return 0;
+}
+
+// --- tests ------------------------------------------------------------------
+
+TEST(KivDriverTest, OpensVolumesByEveryFormOfTheirName) {
+    TempMachine machine(driverMachine());
+    const std::string guid1 = narrow(TempMachine::guidName(1));
+    const std::string guid2 = narrow(TempMachine::guidName(2));
+    const struct {
+        std::string name;
+        std::uint32_t value;  // 0: the open must fail
+    } rows[] = {
+        {guid1, 1},
+        {guid1.substr(0, guid1.size() - 1), 1},
+        {"C:", 1},
+        {"c:\\", 1},
+        {"\\\\.\\C:", 1},
+        {"\\\\.\\E:", 3},
+        {"E:", 3},
+        {"C:\\mnt\\data", 2},
+        {"C:\\mnt\\data\\", 2},
+        {guid2, 2},
+        {"Q:", 0},
+        {"C:\\mnt", 0},
+        {"<kiv>" + guid1, 0},
+        {"\\\\?\\GLOBALROOT\\Device\\KivSnapshot1", 0},
+        {"", 0},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::uint32_t status = 0;
+        KivHandle handle = openVolume(row.name, &status);
+        if (row.value == 0) {
+            EXPECT_NE(status, 0u);
+            continue;
+        }
+        ASSERT_EQ(status, 0u);
+        EXPECT_TRUE(isValidKivHandle(handle));
+        EXPECT_EQ(describe(handle)->second, row.value);
+        EXPECT_EQ(KIV_Close(&api(), &handle), 0u);
+        EXPECT_EQ(handle, kInvalidKivHandle);
+    }
+    EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u);
+}
+
+TEST(KivDriverTest, HandlesAreDescriptorsTheSystemCanClose) {
+    TempMachine machine(driverMachine());
+    KivHandle handle = openVolume("C:");
+    ASSERT_TRUE(isValidKivHandle(handle));
+    const auto asHandle = reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(handle));
+    EXPECT_GE(sim::fdFromHandle(asHandle), 0);
+    EXPECT_TRUE(os::CloseHandle(asHandle));
+    EXPECT_NE(KIV_GetVolumeInformation(&api(), handle, 40, nullptr), 0u);
+}
+
+TEST(KivDriverTest, CloseRefusesDescriptorsThatAreNotDriverHandles) {
+    TempMachine machine(driverMachine());
+    const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    KivHandle other = reinterpret_cast<std::uintptr_t>(sim::handleFromFd(fd));
+    EXPECT_NE(KIV_Close(&api(), &other), 0u);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);  // still open
+    close(fd);
+}
+
+TEST(KivDriverTest, PrepareRefusesBadArguments) {
+    TempMachine machine(driverMachine());
+    KivHandle source = openVolume("C:");
+    ASSERT_TRUE(isValidKivHandle(source));
+    KivHandle closed = openVolume("E:");
+    KIV_Close(&api(), &closed);
+    closed = reinterpret_cast<std::uintptr_t>(sim::handleFromFd(999));
+    const std::string name = generatedName();
+
+    const struct {
+        const char* what;
+        KivSnapshotParametersRecord record;
+        std::uint16_t count;
+        std::uint16_t size;
+    } rows[] = {
+        {"element size 39", element(source, name, "E:\\c.KIV"), 1, 39},
+        {"element size 48", element(source, name, "E:\\c.KIV"), 1, 48},
+        {"count 0", element(source, name, "E:\\c.KIV"), 0, 40},
+        {"all-ones source", element(kInvalidKivHandle, name, "E:\\c.KIV"), 1, 40},
+        {"zero source", element(0, name, "E:\\c.KIV"), 1, 40},
+        {"closed source", element(closed, name, "E:\\c.KIV"), 1, 40},
+        {"cache on a missing volume", element(source, name, "Q:\\c.KIV"), 1, 40},
+        {"cache in a missing folder", element(source, name, "E:\\no\\c.KIV"), 1, 40},
+        {"initial above maximum", element(source, name, "E:\\c.KIV", 200, 100), 1, 40},
+        {"initial above free space", element(source, name, "F:\\c.KIV", 2048, 4096), 1, 40},
+        {"no cache name", {source, name.c_str(), nullptr, 10, 100, 0, 0}, 1, 40},
+        {"no snapshot name", {source, nullptr, "E:\\c.KIV", 10, 100, 0, 0}, 1, 40},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        KivHandle set = kInvalidKivHandle;
+        EXPECT_NE(KIV_Prepare(&api(), &row.record, row.count, row.size, &set), 0u);
+        EXPECT_EQ(set, kInvalidKivHandle);
+    }
+    EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\c.KIV")));
+    EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"F:\\c.KIV")));
+    KIV_Close(&api(), &source);
+}
+
+TEST(KivDriverTest, OtherBadCallsGetAStatusNotACrash) {
+    TempMachine machine(driverMachine());
+    KivHandle volume = openVolume("C:");
+    KivVolumeInformation information{};
+    char* text = nullptr;
+    std::uint32_t count = 0;
+    char buffer[64];
+    EXPECT_NE(KIV_Open(&api(), nullptr, 3, 128, 0, 0, &volume), 0u);
+    EXPECT_NE(KIV_Open(&api(), "C:", 3, 128, 0, 0, nullptr), 0u);
+    EXPECT_NE(KIV_GetVolumeInformation(&api(), volume, 39, &information), 0u);
+    EXPECT_NE(KIV_GetVolumeInformation(&api(), kInvalidKivHandle, 40, &information), 0u);
+    EXPECT_NE(KIV_Create(&api(), volume, 0, 0, 0), 0u);  // a volume is not a set
+    EXPECT_NE(KIV_Create(&api(), kInvalidKivHandle, 0, 0, 0), 0u);
+    EXPECT_NE(KIV_Destroy(&api(), &volume, 1), 0u);  // nor a snapshot
+    EXPECT_NE(KIV_Destroy(&api(), nullptr, 1), 0u);
+    EXPECT_NE(KIV_GenerateVolumeName(&api(), 1, &text), 0u);
+    EXPECT_NE(KIV_GenerateVolumeName(&api(), 2, nullptr), 0u);
+    EXPECT_NE(KIV_FreeResource(&api(), nullptr), 0u);
+    EXPECT_NE(KIV_Close(&api(), nullptr), 0u);
+    // Never called by the plug-in; they must not claim success either.
+    EXPECT_NE(api().deviceIoControl(volume, 1, nullptr, 0, buffer, sizeof(buffer), &count), 0u);
+    EXPECT_NE(api().read(volume, 0, buffer, sizeof(buffer), &count), 0u);
+    EXPECT_NE(api().getAsyncResult(volume, &count), 0u);
+    EXPECT_NE(api().cancelAsyncOperation(volume), 0u);
+    EXPECT_NE(api().getCacheMap(volume, buffer, sizeof(buffer), &count), 0u);
+    KIV_Close(&api(), &volume);
+}
+
+TEST(KivDriverTest, GeneratedNamesAreUniqueOnTheMachine) {
+    TempMachine machine(driverMachine());
+    const std::string first = generatedName();
+    const std::filesystem::path file = machine.directory() / "name";
+    ASSERT_EQ(runChild("generateName", {file.string()}), 0);
+    std::string fromChild;
+    std::getline(std::ifstream(file), fromChild);
+    const std::string third = generatedName();
+    EXPECT_EQ(first, "\\\\?\\GLOBALROOT\\Device\\KivSnapshot1");
+    EXPECT_EQ(fromChild, "\\\\?\\GLOBALROOT\\Device\\KivSnapshot2");
+    EXPECT_EQ(third, "\\\\?\\GLOBALROOT\\Device\\KivSnapshot3");
+}
+
+TEST(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
+    TempMachine machine(driverMachine());
+    const std::string name = generatedName();
+    KivHandle source = openVolume("C:");
+    const std::string cache = "E:\\_tarnKivCacheFile_0.KIV";
+    KivSnapshotParametersRecord record = element(source, name, cache.c_str(), 16, 64);
+    KivHandle set = kInvalidKivHandle;
+    ASSERT_EQ(KIV_Prepare(&api(), &record, 1, 40, &set), 0u);
+    ASSERT_TRUE(isValidKivHandle(set));
+
+    // The cache file exists at once, sparse, of its initial size.
+    const std::filesystem::path cacheFile = hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV");
+    struct stat info {};
+    ASSERT_EQ(stat(cacheFile.c_str(), &info), 0);
+    EXPECT_EQ(info.st_size, 16 * static_cast<off_t>(kMb));
+    // The snapshot volume appears only with KIV_Create.
+    std::uint32_t status = 0;
+    openVolume(name, &status);
+    EXPECT_NE(status, 0u);
+
+    ASSERT_EQ(KIV_Create(&api(), set, 100, 200, 0), 0u);
+    EXPECT_NE(KIV_Create(&api(), set, 100, 200, 0), 0u);  // only once
+    // E: now holds an active cache.
+    EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u | KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE);
+
+    // The set handle goes with its node; the snapshot stays for the agent.
+    KIV_Close(&api(), &set);
+    KIV_Close(&api(), &source);
+    EXPECT_EQ(runChild("destroySnapshot", {name}), 0);
+
+    openVolume(name, &status);
+    EXPECT_NE(status, 0u);
+    EXPECT_FALSE(std::filesystem::exists(cacheFile));
+    EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u);
+}
+
+TEST(KivDriverTest, CachePathOfALiveSnapshotIsRefused) {
+    TempMachine machine(driverMachine());
+    const std::string cache = "E:\\_tarnKivCacheFile_0.KIV";
+    ASSERT_EQ(runChild("makeSnapshot", {"\\\\?\\GLOBALROOT\\Device\\KivSnapshot40", cache}), 0);
+
+    std::uint32_t status = 0;
+    // Same file, also spelled differently.
+    for (const char* path : {"E:\\_tarnKivCacheFile_0.KIV", "e:\\_TARNKIVCACHEFILE_0.kiv",
+                             "\\\\?\\E:\\_tarnKivCacheFile_0.KIV"}) {
+        SCOPED_TRACE(path);
+        EXPECT_FALSE(isValidKivHandle(prepareOne(generatedName(), path, &status)));
+        EXPECT_NE(status, 0u);
+    }
+    // The name of a live snapshot volume is taken as well.
+    prepareOne("\\\\?\\GLOBALROOT\\Device\\KivSnapshot40", "E:\\other.KIV", &status);
+    EXPECT_NE(status, 0u);
+    // Another cache file on the same volume is fine.
+    KivHandle set = prepareOne(generatedName(), "E:\\_tarnKivCacheFile_1.KIV", &status);
+    EXPECT_EQ(status, 0u);
+    KIV_Close(&api(), &set);
+}
+
+TEST(KivDriverTest, PreparationsThatWereNeverCreatedLetGoOfTheirCache) {
+    TempMachine machine(driverMachine());
+    const char* cache = "E:\\_tarnKivCacheFile_0.KIV";
+    std::uint32_t status = 0;
+
+    // Closing the set handle before KIV_Create gives the preparation up.
+    KivHandle set = prepareOne(generatedName(), cache, &status);
+    ASSERT_EQ(status, 0u);
+    EXPECT_TRUE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV")));
+    KIV_Close(&api(), &set);
+    EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV")));
+
+    // So does the end of the process that prepared it.
+    ASSERT_EQ(runChild("makeSnapshot", {generatedName(), cache, "prepareOnly"}), 0);
+    set = prepareOne(generatedName(), cache, &status);
+    EXPECT_EQ(status, 0u);
+    KIV_Close(&api(), &set);
+}
+
+TEST(KivDriverTest, DuplicatedHandleReadsTheSameVolume) {
+    TempMachine machine(driverMachine());
+    const std::string name = generatedName();
+    KivHandle set = prepareOne(name, "E:\\_tarnKivCacheFile_0.KIV");
+    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
+    KIV_Close(&api(), &set);
+
+    // The agent's part: another process holds the snapshot volume open.
+    const std::filesystem::path published = machine.directory() / "handle";
+    const std::filesystem::path done = machine.directory() / "done";
+    const pid_t agent =
+        testsupport::startChild("holdVolume", {name, published.string(), done.string()});
+    ASSERT_TRUE(waitForFile(published));
+    os::DWORD pid = 0;
+    std::uint64_t remote = 0;
+    std::ifstream(published) >> pid >> remote;
+
+    os::UniqueHandle process(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid));
+    ASSERT_TRUE(process.valid()) << "OpenProcess: " << os::GetLastError();
+    os::HANDLE duplicate = nullptr;
+    ASSERT_TRUE(os::DuplicateHandle(
+        process.get(), reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(remote)),
+        os::GetCurrentProcess(), &duplicate, 0, os::FALSE, os::DUPLICATE_SAME_ACCESS))
+        << "DuplicateHandle: " << os::GetLastError();
+    KivHandle local = reinterpret_cast<std::uintptr_t>(duplicate);
+    EXPECT_EQ(describe(local), std::make_pair(std::uint32_t{0x8}, std::uint32_t{0}));
+
+    // Destroying through the taken handle removes the snapshot machine-wide.
+    EXPECT_EQ(KIV_Destroy(&api(), &local, 1), 0u);
+    EXPECT_EQ(KIV_Close(&api(), &local), 0u);
+    std::ofstream(done) << "x";
+    EXPECT_EQ(testsupport::waitChild(agent), 0);
+    std::uint32_t status = 0;
+    openVolume(name, &status);
+    EXPECT_NE(status, 0u);
+}
+
+TEST(KivDriverTest, ScriptedDestroyAnswersThenDestroysForReal) {
+    TempMachine machine(driverMachine());
+    const std::string name = generatedName();
+    KivHandle set = prepareOne(name, "E:\\_tarnKivCacheFile_0.KIV");
+    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
+    KivHandle snapshot = openVolume(name);
+    ASSERT_TRUE(isValidKivHandle(snapshot));
+
+    sim::injectFault("KIV_Destroy", os::ERROR_ACCESS_DENIED, /*skip=*/0, /*count=*/3);
+    std::vector<std::uint32_t> answers;
+    for (int i = 0; i < 4; ++i) {
+        answers.push_back(KIV_Destroy(&api(), &snapshot, 1));
+    }
+    EXPECT_EQ(answers, (std::vector<std::uint32_t>{5, 5, 5, 0}));
+    EXPECT_FALSE(describe(snapshot).has_value());
+    EXPECT_NE(KIV_Destroy(&api(), &snapshot, 1), 0u);  // already gone
+    EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV")));
+    KIV_Close(&api(), &snapshot);
+    KIV_Close(&api(), &set);
+}
+
+TEST(KivDriverTest, MultiVolumeSetIsCreatedAndDestroyedPerVolume) {
+    TempMachine machine(driverMachine());
+    KivHandle c = openVolume("C:");
+    KivHandle data = openVolume("C:\\mnt\\data");
+    const std::string first = generatedName();
+    const std::string second = generatedName();
+    KivSnapshotParametersRecord records[] = {
+        element(c, first, "E:\\_tarnKivCacheFile_0.KIV"),
+        element(data, second, "E:\\_tarnKivCacheFile_1.KIV"),
+    };
+    KivHandle set = kInvalidKivHandle;
+    ASSERT_EQ(KIV_Prepare(&api(), records, 2, 40, &set), 0u);
+    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
+
+    KivHandle one = openVolume(first);
+    ASSERT_EQ(KIV_Destroy(&api(), &one, 1), 0u);
+    // The other snapshot of the set lives on.
+    KivHandle two = openVolume(second);
+    EXPECT_TRUE(describe(two).has_value());
+    EXPECT_TRUE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_1.KIV")));
+    EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV")));
+    EXPECT_EQ(KIV_Destroy(&api(), &two, 1), 0u);
+    for (KivHandle* handle : {&one, &two, &set, &c, &data}) {
+        KIV_Close(&api(), handle);
+    }
+
+    // One cache path twice in one call is refused too.
+    c = openVolume("C:");
+    KivSnapshotParametersRecord twice[] = {
+        element(c, generatedName(), "E:\\same.KIV"),
+        element(c, generatedName(), "E:\\same.KIV"),
+    };
+    EXPECT_NE(KIV_Prepare(&api(), twice, 2, 40, &set), 0u);
+    KIV_Close(&api(), &c);
+}
+
+}  // namespace
