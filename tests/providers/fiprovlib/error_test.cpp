@@ -63,15 +63,6 @@ TEST(Win32ErrorTest, CopyHasItsOwnText) {
     EXPECT_EQ(std::u16string(copyText), std::u16string(originalText));
 }
 
-TEST(Win32ErrorTest, ThrownAndCaughtAsTheBase) {
-    try {
-        throw tarp_Win32Error(127, u"providers\\kiv\\kivapi", 40, u"KivApi::bind");
-    } catch (tarp_Error& error) {
-        EXPECT_EQ(error.status(), 15);
-        EXPECT_EQ(std::u16string(error.function()), u"KivApi::bind");
-    }
-}
-
 TEST(ErrorReportTest, EventTypeFollowsTheLevel) {
     testsupport::TempMachine machine(smallMachine());
     LogCapture capture;  // plug-in name "fikiv"
@@ -157,15 +148,6 @@ TEST(LogErrorTest, HandsBothTextsToTheFrameworkAndReportsOnRequest) {
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].type, os::EVENTLOG_WARNING_TYPE);
     EXPECT_EQ(records[0].eventId, 4101u);
-}
-
-TEST(LogErrorTest, WithoutContextOnlyTheReportIsWritten) {
-    testsupport::TempMachine machine(smallMachine());
-    setPluginName(u"fikiv");
-    setLogContext(nullptr);
-    tarp_Win32Error error(8, u"f", 2, u"fn");
-    logError(error, kLogError, /*report=*/true);
-    EXPECT_EQ(sim::readEventLog().size(), 1u);
 }
 
 }  // namespace

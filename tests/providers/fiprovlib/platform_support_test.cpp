@@ -96,20 +96,6 @@ TEST(FormatMessageWTest, SystemTexts) {
     }
 }
 
-TEST(FormatMessageWTest, EveryKnownCodeEndsInCarriageReturnLineFeed) {
-    for (os::DWORD code : {0u,   1u,   3u,   6u,   8u,    13u,   18u,   21u,   50u,   80u,
-                           109u, 121u, 122u, 123u, 126u,  127u,  183u,  206u,  230u,  232u,
-                           233u, 234u, 288u, 535u, 1004u, 1113u, 1300u, 1313u, 1314u, 4390u}) {
-        SCOPED_TRACE(code);
-        char16_t* text = nullptr;
-        os::DWORD length = os::FormatMessageW(0x1300, nullptr, code, 1033,
-                                              reinterpret_cast<os::LPWSTR>(&text), 0, nullptr);
-        ASSERT_GT(length, 2u);
-        EXPECT_EQ(std::u16string(text).substr(length - 2), u"\r\n");
-        os::LocalFree(text);
-    }
-}
-
 TEST(OutputDebugStringWTest, RecordsUtf8AndKeepsLastError) {
     sim::clearDebugOutput();
     os::SetLastError(kUntouched);

@@ -13,7 +13,6 @@
 #include <regex>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "os/error.h"
@@ -69,39 +68,6 @@ TEST(WriteLogTest, LinesBeforeTheContextIsSetAreDropped) {
     for (const auto& message : capture.messages()) {
         EXPECT_EQ(message.level, kLogTrace);
         EXPECT_FALSE(message.hasSecond);
-    }
-}
-
-TEST(WriteLogTest, TimeStampIsTheLocalTimeOfTheLine) {
-    LogCapture capture;
-    os::SYSTEMTIME before{};
-    os::SYSTEMTIME after{};
-    os::GetLocalTime(&before);
-    writeLog(kLogInformation, u"stamp");
-    os::GetLocalTime(&after);
-    ASSERT_EQ(capture.messages().size(), 1u);
-    const std::string line = ascii(capture.messages()[0].text);
-    std::smatch match;
-    ASSERT_TRUE(std::regex_match(line, match, kLinePattern)) << line;
-    EXPECT_EQ(match[9], "stamp\n");
-    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    int month = 0;
-    while (month < 12 && match[2] != kMonths[month]) {
-        ++month;
-    }
-    auto stamp =
-        std::make_tuple(std::stoi(match[4]), month + 1, std::stoi(match[3]), std::stoi(match[5]),
-                        std::stoi(match[6]), std::stoi(match[7]), std::stoi(match[8]));
-    auto asTuple = [](const os::SYSTEMTIME& time) {
-        return std::make_tuple(int{time.wYear}, int{time.wMonth}, int{time.wDay}, int{time.wHour},
-                               int{time.wMinute}, int{time.wSecond}, int{time.wMilliseconds});
-    };
-    EXPECT_LE(asTuple(before), stamp);
-    EXPECT_LE(stamp, asTuple(after));
-    if (std::get<2>(stamp) == before.wDay) {
-        static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-        EXPECT_EQ(match[1], kDays[before.wDayOfWeek]);
     }
 }
 
