@@ -1,0 +1,187 @@
+// Injected faults, call counts, faults listed in the machine file, and the
+// virtual clock.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "os/error.h"
+#include "os/module.h"
+#include "os/time.h"
+#include "os/volume.h"
+#include "platform_test_util.h"
+#include "sim/clock.h"
+#include "sim/hooks.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+using platformtest::kUntouched;
+using testsupport::TempMachine;
+
+// 'F' for a call that failed with `error`, '.' for one that succeeded.
+std::string freeSpaceCalls(int calls, os::DWORD error) {
+    std::string pattern;
+    for (int i = 0; i < calls; ++i) {
+        os::SetLastError(kUntouched);
+        if (os::GetDiskFreeSpaceExW(u"C:\\", nullptr, nullptr, nullptr)) {
+            pattern += os::GetLastError() == kUntouched ? '.' : '?';
+        } else {
+            pattern += os::GetLastError() == error ? 'F' : '!';
+        }
+    }
+    return pattern;
+}
+
+TEST(FaultInjectionTest, FailsTheChosenCallsWithTheChosenCode) {
+    struct Row {
+        const char* name;
+        std::uint32_t skip;
+        std::uint32_t count;
+        const char* pattern;
+    };
+    const Row rows[] = {
+        {"NextCall", 0, 1, "F...."},
+        {"ThirdCall", 2, 1, "..F.."},
+        {"NextTwoAfterOne", 1, 2, ".FF.."},
+        {"Always", 0, sim::kAlways, "FFFFF"},
+        {"NoCall", 0, 0, "....."},
+    };
+    TempMachine machine(platformtest::nestedMachine());
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        sim::clearFaults();
+        // Calls before the injection do not count against it.
+        EXPECT_EQ(freeSpaceCalls(2, 0), "..");
+        sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, row.skip, row.count);
+        EXPECT_EQ(freeSpaceCalls(5, os::ERROR_NOT_READY), row.pattern);
+        EXPECT_EQ(sim::callCount("GetDiskFreeSpaceExW"), 7u);
+    }
+    sim::clearFaults();
+    EXPECT_EQ(sim::callCount("GetDiskFreeSpaceExW"), 0u);
+}
+
+TEST(FaultInjectionTest, FaultsOfOtherFunctionsDoNotInterfere) {
+    TempMachine machine(platformtest::nestedMachine());
+    sim::injectFault("GetDriveTypeW", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
+    EXPECT_EQ(freeSpaceCalls(2, 0), "..");
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetDriveTypeW(u"C:\\"), os::DRIVE_UNKNOWN);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_ACCESS_DENIED);
+}
+
+TEST(FaultInjectionTest, FaultsListedInTheMachineFileApplyFromTheStart) {
+    nlohmann::json description = platformtest::nestedMachine();
+    description["faults"] = {
+        {{"function", "GetDiskFreeSpaceExW"}, {"error", 21}, {"skip", 1}, {"count", 2}},
+        {{"unbindable", {{"module", "kernel32.dll"}, {"export", "FindNextVolumeW"}}}},
+        {{"missingLibrary", "kivapi.dll"}},
+    };
+    TempMachine machine(description);
+    EXPECT_EQ(freeSpaceCalls(4, os::ERROR_NOT_READY), ".FF.");
+
+    os::HMODULE kernel32 = os::GetModuleHandleW(u"kernel32.dll");
+    ASSERT_NE(kernel32, nullptr);
+    EXPECT_NE(os::GetProcAddress(kernel32, "FindFirstVolumeW"), nullptr);
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetProcAddress(kernel32, "FindNextVolumeW"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_PROC_NOT_FOUND);
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::LoadLibraryW(u"KIVAPI.DLL"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
+
+    sim::clearFaults();
+    EXPECT_EQ(freeSpaceCalls(2, 0), "..");
+    EXPECT_NE(os::GetProcAddress(kernel32, "FindNextVolumeW"), nullptr);
+}
+
+TEST(FaultInjectionTest, MissingKernel32HasNoModuleHandle) {
+    TempMachine machine(platformtest::nestedMachine());
+    sim::makeLibraryMissing("Kernel32.dll");
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetModuleHandleW(u"kernel32.dll"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
+}
+
+class VirtualClockTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        sim::useVirtualClock(true);
+        sim::clearRecordedSleeps();
+        sim::clearRecordedWaits();
+    }
+    void TearDown() override { sim::useVirtualClock(false); }
+};
+
+std::int64_t epochMs(const os::SYSTEMTIME& time) {
+    std::tm parts{};
+    parts.tm_year = time.wYear - 1900;
+    parts.tm_mon = time.wMonth - 1;
+    parts.tm_mday = time.wDay;
+    parts.tm_hour = time.wHour;
+    parts.tm_min = time.wMinute;
+    parts.tm_sec = time.wSecond;
+    return static_cast<std::int64_t>(timegm(&parts)) * 1000 + time.wMilliseconds;
+}
+
+TEST_F(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
+    const std::uint64_t calls = sim::callCount("Sleep");
+    const os::ULONGLONG ticks = os::GetTickCount64();
+    os::SYSTEMTIME before{};
+    os::GetSystemTime(&before);
+    os::Sleep(1000);
+    os::Sleep(0);
+    os::Sleep(86400000);  // a whole day
+    EXPECT_EQ(sim::recordedSleeps(), (std::vector<std::uint32_t>{1000, 0, 86400000}));
+    EXPECT_EQ(sim::callCount("Sleep"), calls + 3);
+    EXPECT_EQ(os::GetTickCount64() - ticks, 86401000u);
+    os::SYSTEMTIME after{};
+    os::GetSystemTime(&after);
+    EXPECT_EQ(epochMs(after) - epochMs(before), 86401000);
+    const std::time_t seconds = static_cast<std::time_t>(epochMs(after) / 1000);
+    std::tm parts{};
+    gmtime_r(&seconds, &parts);
+    EXPECT_EQ(after.wDayOfWeek, parts.tm_wday);
+}
+
+TEST_F(VirtualClockTest, ATimedWaitAdvancesByItsWholeTimeout) {
+    bool blocked = false;
+    const auto realWait = [&](const struct timespec*) {
+        blocked = true;
+        return true;
+    };
+    const std::uint64_t start = sim::nowMs();
+    EXPECT_FALSE(sim::advanceOrWait(10000, realWait));
+    EXPECT_FALSE(blocked);
+    EXPECT_EQ(sim::nowMs() - start, 10000u);
+    // A zero time-out neither waits nor moves time.
+    EXPECT_FALSE(sim::advanceOrWait(0, realWait));
+    EXPECT_FALSE(blocked);
+    EXPECT_EQ(sim::recordedWaits(), std::vector<std::uint32_t>{10000});
+    EXPECT_TRUE(sim::recordedSleeps().empty());
+
+    // An infinite wait can only end by another party: it waits for real.
+    const struct timespec* deadline = reinterpret_cast<const struct timespec*>(1);
+    EXPECT_TRUE(sim::advanceOrWait(0xFFFFFFFF, [&](const struct timespec* given) {
+        deadline = given;
+        return true;
+    }));
+    EXPECT_EQ(deadline, nullptr);
+}
+
+TEST(RealClockTest, ATimedWaitGetsADeadline) {
+    sim::useVirtualClock(false);
+    struct timespec now {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct timespec seen {};
+    EXPECT_FALSE(sim::advanceOrWait(2500, [&](const struct timespec* deadline) {
+        seen = *deadline;
+        return false;
+    }));
+    const long long deltaMs = (seen.tv_sec - now.tv_sec) * 1000LL + (seen.tv_nsec - now.tv_nsec) / 1000000;
+    EXPECT_GE(deltaMs, 2500);
+    EXPECT_LT(seen.tv_nsec, 1000000000L);
+}
+
+}  // namespace

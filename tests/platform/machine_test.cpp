@@ -1,0 +1,270 @@
+// The machine description: messages for broken files, what a broken machine
+// answers, and how Windows paths find the files of a volume.
+#include "sim/machine.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include "os/error.h"
+#include "os/file.h"
+#include "os/version.h"
+#include "os/volume.h"
+#include "platform_test_util.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+using platformtest::CanaryBuffer;
+using platformtest::kUntouched;
+using testsupport::TempMachine;
+
+// A machine file with the given text in a temporary directory.
+class RawMachineFile {
+public:
+    explicit RawMachineFile(const std::string& text) {
+        std::string pattern = (std::filesystem::temp_directory_path() / "fikiv-raw-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::runtime_error("mkdtemp failed");
+        }
+        directory_ = pattern;
+        file_ = directory_ / "broken.json";
+        std::ofstream(file_) << text;
+    }
+    ~RawMachineFile() {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+    const std::filesystem::path& file() const { return file_; }
+
+private:
+    std::filesystem::path directory_;
+    std::filesystem::path file_;
+};
+
+std::string loadError(const std::filesystem::path& file) {
+    try {
+        sim::Machine::load(file);
+    } catch (const sim::MachineError& error) {
+        return error.what();
+    }
+    return "(loaded without error)";
+}
+
+TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
+    struct Row {
+        const char* name;
+        const char* text;
+        const char* expected;  // follows "<file>:"
+    };
+    const Row rows[] = {
+        {"SyntaxError",
+         "{\n  \"volumes\": [\n    {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "     \"type\": \"fixed\",,\n  ]\n}\n",
+         "4: after field \"type\": malformed JSON: syntax error"},
+        {"UnterminatedText", "{\n  \"os\": {\"major\": 10}\n", "3: after field \"major\": malformed JSON"},
+        {"UnknownDriveType",
+         "{\n  \"volumes\": [\n    {\n      \"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "      \"type\": \"fixd\"\n    }\n  ]\n}\n",
+         "5: volumes[0].type: unknown drive type \"fixd\""},
+        {"FreeAboveTotal",
+         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\"},\n"
+         " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"totalBytes\": 10,\n"
+         "  \"freeBytes\": 11}\n]}\n",
+         "4: volumes[1].freeBytes: 11 free bytes exceed the 10 total bytes"},
+        {"MalformedGuid", "{\"volumes\": [{\"guid\": \"{1234}\"}]}",
+         "1: volumes[0].guid: \"{1234}\" is not a GUID"},
+        {"MissingGuid", "{\"volumes\": [\n  {\"paths\": [\"C:\\\\\"]}\n]}",
+         "2: volumes[0].guid: missing"},
+        {"MisspelledField",
+         "{\"volumes\": [\n  {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "   \"freebytes\": 5}\n]}",
+         "3: volumes[0].freebytes: unknown field"},
+        {"NegativeSize",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"totalBytes\": -1}]}",
+         "1: volumes[0].totalBytes: expected a whole number of at least 0"},
+        {"PathUsedTwice",
+         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": [\"C:\\\\\"]},\n"
+         " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"paths\": [\"c:\\\\\"]}\n]}",
+         "3: volumes[1].paths[0]: \"C:\\\" is already used by volumes[0].paths[0]"},
+        {"SameGuidTwice",
+         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-00000000000A}\"},\n"
+         " {\"guid\": \"{00000000-0000-0000-0000-00000000000a}\"}\n]}",
+         "3: volumes[1].guid: the same GUID is already used by volumes[0].guid"},
+        {"MountFolderOnAbsentDrive",
+         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"paths\": [\"Q:\\\\mnt\\\\\"]}\n]}",
+         "3: volumes[0].paths[0]: no volume holds the folder"},
+        {"MountedInsideItself",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"paths\": [\"C:\\\\\", \"C:\\\\self\\\\\"]}]}",
+         "2: volumes[0].paths[1]: \"C:\\self\\\" lies on the volume itself"},
+        {"PathThatIsNoWindowsPath",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": [\"/mnt\"]}]}",
+         "1: volumes[0].paths[0]: \"\\mnt\" is neither a drive root"},
+        {"FaultWithoutError", "{\n\"faults\": [\n  {\"function\": \"Sleep\"}\n]}",
+         "3: faults[0]: expected {\"function\", \"error\""},
+        {"OsNotAnObject", "{\"os\": 10}", "1: os: expected {\"major\": 10"},
+        {"TopLevelList", "[]", "1: (top level): a machine description is a JSON object"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        RawMachineFile file(row.text);
+        const std::string message = loadError(file.file());
+        EXPECT_EQ(message.rfind(file.file().string() + ":", 0), 0u) << message;
+        EXPECT_NE(message.find(file.file().string() + ":" + row.expected), std::string::npos)
+            << message;
+    }
+}
+
+TEST(MachineFileTest, MissingFileIsNamed) {
+    const std::filesystem::path absent = "/nonexistent/fikiv/machine.json";
+    const std::string message = loadError(absent);
+    EXPECT_NE(message.find(absent.string()), std::string::npos) << message;
+    EXPECT_NE(message.find("No such file"), std::string::npos) << message;
+}
+
+// With a broken machine every function fails with a Win32 code, and
+// Machine::current() says why.
+TEST(MachineFileTest, BrokenMachineAnswersNotReady) {
+    RawMachineFile file("{\"volumes\": 3}");
+    TempMachine holder(nlohmann::json::object());  // restores FIKIV_MACHINE afterwards
+    setenv("FIKIV_MACHINE", file.file().c_str(), 1);
+    sim::Machine::reset();
+
+    EXPECT_THROW(
+        {
+            try {
+                sim::Machine::current();
+            } catch (const sim::MachineError& error) {
+                EXPECT_NE(std::string(error.what()).find("volumes: expected a list of volumes"),
+                          std::string::npos);
+                throw;
+            }
+        },
+        sim::MachineError);
+
+    CanaryBuffer buffer(50);
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::FindFirstVolumeW(buffer.data(), buffer.length()), os::INVALID_HANDLE_VALUE);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetDriveTypeW(u"C:\\"), os::DRIVE_UNKNOWN);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetLogicalDriveStringsW(buffer.length(), buffer.data()), 0u);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+    os::SetLastError(kUntouched);
+    EXPECT_FALSE(os::GetDiskFreeSpaceExW(u"C:\\", nullptr, nullptr, nullptr));
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetFileAttributesW(u"C:\\"), os::INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+    os::OSVERSIONINFOW version{};
+    version.dwOSVersionInfoSize = sizeof(version);
+    os::SetLastError(kUntouched);
+    EXPECT_FALSE(os::GetVersionExW(&version));
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+    EXPECT_TRUE(buffer.untouched());
+}
+
+TEST(MachineFileTest, StateAndBackingDirectoriesSitNextToTheFile) {
+    nlohmann::json description = platformtest::nestedMachine();
+    description["volumes"][0]["backingDirectory"] = "disks/c";
+    TempMachine machine(description);
+    const sim::Machine& current = sim::Machine::current();
+    EXPECT_EQ(current.stateDirectory(), machine.directory() / "machine.state");
+    EXPECT_EQ(current.volumes()[0].backingDirectory, machine.directory() / "disks/c");
+    EXPECT_EQ(current.volumes()[1].backingDirectory,
+              machine.directory() / "machine.state" / "volumes" /
+                  "{00000000-0000-0000-0000-000000000002}");
+    // Folders that hold mount points exist on their volume.
+    EXPECT_TRUE(std::filesystem::is_directory(machine.directory() / "disks/c/mnt/data"));
+    EXPECT_TRUE(std::filesystem::is_directory(machine.directory() / "disks/c/mnt/d2"));
+    EXPECT_TRUE(std::filesystem::is_directory(current.volumes()[1].backingDirectory / "inner"));
+}
+
+TEST(MachineFileTest, ResolvingIgnoresCaseAndKeepsTheSpellingOnDisk) {
+    TempMachine machine(platformtest::nestedMachine());
+    const sim::Machine& current = sim::Machine::current();
+    const std::filesystem::path dataRoot = current.volumes()[1].backingDirectory;
+    std::filesystem::create_directories(dataRoot / "Reports");
+    std::ofstream(dataRoot / "Reports" / "Q1.txt") << "x";
+
+    struct Row {
+        const char* name;
+        const char16_t* path;
+        int volume;  // 1-based; 0: not resolved
+        const char16_t* relative;
+        std::filesystem::path host;  // relative to the volume's backing directory
+    };
+    const Row rows[] = {
+        {"ExistingFileWrongCase", u"c:\\MNT\\DATA\\reports\\q1.TXT", 2, u"reports\\q1.TXT",
+         "Reports/Q1.txt"},
+        {"NewFileInExistingFolder", u"C:\\mnt\\data\\REPORTS\\new.txt", 2, u"REPORTS\\new.txt",
+         "Reports/new.txt"},
+        {"DoubledSeparatorsAndDots", u"C:\\\\mnt\\.\\data\\\\Reports\\", 2, u"Reports", "Reports"},
+        {"DotDotStopsAtRoot", u"C:\\..\\..\\x", 1, u"x", "x"},
+        {"DeviceForm", u"\\\\?\\C:\\mnt\\d2\\f", 4, u"f", "f"},
+        {"GuidForm", u"\\\\?\\Volume{00000000-0000-0000-0000-000000000005}\\a\\b", 5, u"a\\b",
+         "a/b"},
+        {"AbsentDrive", u"Q:\\x", 0, u"", ""},
+        {"Relative", u"mnt\\data", 0, u"", ""},
+        {"GuidWithoutSeparator", u"\\\\?\\Volume{00000000-0000-0000-0000-000000000005}x", 0, u"",
+         ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const auto resolved = current.resolve(row.path);
+        if (row.volume == 0) {
+            EXPECT_FALSE(resolved.has_value());
+            continue;
+        }
+        ASSERT_TRUE(resolved.has_value());
+        const sim::Volume& volume = current.volumes()[static_cast<std::size_t>(row.volume - 1)];
+        EXPECT_EQ(resolved->volume, &volume);
+        EXPECT_EQ(resolved->relative, row.relative);
+        EXPECT_EQ(resolved->hostPath, volume.backingDirectory / row.host);
+    }
+}
+
+TEST(MachineVersionTest, GetVersionExRows) {
+    TempMachine machine(nlohmann::json{{"os", {{"major", 4}, {"minor", 1}, {"build", 1381}}}});
+    struct Row {
+        const char* name;
+        os::DWORD size;
+        bool succeeds;
+        os::DWORD error;
+    };
+    const Row rows[] = {
+        {"ZeroSize", 0, false, os::ERROR_INSUFFICIENT_BUFFER},
+        {"OneShort", 275, false, os::ERROR_INSUFFICIENT_BUFFER},
+        {"Exact", 276, true, kUntouched},
+        {"ExtendedRecord", 284, true, kUntouched},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        os::OSVERSIONINFOW version{};
+        version.dwOSVersionInfoSize = row.size;
+        os::SetLastError(kUntouched);
+        EXPECT_EQ(os::GetVersionExW(&version) != 0, row.succeeds);
+        EXPECT_EQ(os::GetLastError(), row.error);
+        EXPECT_EQ(version.dwMajorVersion, row.succeeds ? 4u : 0u);
+        EXPECT_EQ(version.dwMinorVersion, row.succeeds ? 1u : 0u);
+        EXPECT_EQ(version.dwBuildNumber, row.succeeds ? 1381u : 0u);
+    }
+    os::SetLastError(kUntouched);
+    EXPECT_FALSE(os::GetVersionExW(nullptr));
+    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
+}
+
+TEST(MachineVersionTest, ShortFormOfTheVersionIsAccepted) {
+    TempMachine machine(nlohmann::json{{"majorVersion", 5}});
+    os::OSVERSIONINFOW version{};
+    version.dwOSVersionInfoSize = sizeof(version);
+    ASSERT_TRUE(os::GetVersionExW(&version));
+    EXPECT_EQ(version.dwMajorVersion, 5u);
+}
+
+}  // namespace

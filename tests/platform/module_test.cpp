@@ -1,0 +1,170 @@
+// LoadLibraryW, GetProcAddress, FreeLibrary and GetModuleHandleW: the driver
+// library search, the kernel32 pseudo-module and the injected binding faults.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "os/error.h"
+#include "os/module.h"
+#include "os/volume.h"
+#include "platform_test_util.h"
+#include "sim/hooks.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+using platformtest::kUntouched;
+using testsupport::TempMachine;
+
+using AnswerFunction = int (*)();
+
+class ModuleTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const char* value = std::getenv("FIKIV_LIBRARY_PATH")) {
+            savedPath_ = value;
+        }
+        unsetenv("FIKIV_LIBRARY_PATH");
+    }
+    void TearDown() override {
+        if (savedPath_) {
+            setenv("FIKIV_LIBRARY_PATH", savedPath_->c_str(), 1);
+        } else {
+            unsetenv("FIKIV_LIBRARY_PATH");
+        }
+    }
+
+    TempMachine machine_{platformtest::nestedMachine()};
+
+private:
+    std::optional<std::string> savedPath_;
+};
+
+TEST_F(ModuleTest, DllNameFindsTheLibraryBesideThePlatformLibrary) {
+    os::SetLastError(kUntouched);
+    os::HMODULE module = os::LoadLibraryW(u"FikivTestModule.DLL");
+    ASSERT_NE(module, nullptr) << os::GetLastError();
+    auto answer = reinterpret_cast<AnswerFunction>(os::GetProcAddress(module, "fikivTestAnswer"));
+    ASSERT_NE(answer, nullptr);
+    EXPECT_EQ(answer(), 42);
+    EXPECT_EQ(os::GetModuleHandleW(u"fikivtestmodule.dll"), module);
+
+    // Each load takes a reference; the module stays until the last FreeLibrary.
+    EXPECT_EQ(os::LoadLibraryW(u"fikivtestmodule.dll"), module);
+    EXPECT_TRUE(os::FreeLibrary(module));
+    EXPECT_EQ(os::GetModuleHandleW(u"fikivtestmodule.dll"), module);
+    EXPECT_TRUE(os::FreeLibrary(module));
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetModuleHandleW(u"fikivtestmodule.dll"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
+    os::SetLastError(kUntouched);
+    EXPECT_FALSE(os::FreeLibrary(module));
+    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+}
+
+TEST_F(ModuleTest, LibraryPathIsSearchedFirst) {
+    // A copy under another name exists only in the configured directory.
+    std::string pattern = (std::filesystem::temp_directory_path() / "fikiv-lib-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    const std::filesystem::path directory = pattern;
+    std::filesystem::copy_file(FIKIV_TEST_MODULE_FILE, directory / "libfikivelsewhere.so");
+
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::LoadLibraryW(u"fikivelsewhere.dll"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
+
+    setenv("FIKIV_LIBRARY_PATH", ("/nonexistent:" + directory.string()).c_str(), 1);
+    os::HMODULE module = os::LoadLibraryW(u"fikivelsewhere.dll");
+    ASSERT_NE(module, nullptr);
+    EXPECT_NE(os::GetProcAddress(module, "fikivTestAnswer"), nullptr);
+    EXPECT_TRUE(os::FreeLibrary(module));
+    std::filesystem::remove_all(directory);
+}
+
+TEST_F(ModuleTest, BindingFailureRows) {
+    os::HMODULE module = os::LoadLibraryW(u"fikivtestmodule.dll");
+    ASSERT_NE(module, nullptr);
+    struct Row {
+        const char* name;
+        os::HMODULE module;
+        const char* export_;
+        os::DWORD error;
+    };
+    const Row rows[] = {
+        {"NullModule", nullptr, "fikivTestAnswer", os::ERROR_INVALID_HANDLE},
+        {"NullName", module, nullptr, os::ERROR_INVALID_PARAMETER},
+        {"Ordinal", module, reinterpret_cast<const char*>(std::uintptr_t{7}),
+         os::ERROR_PROC_NOT_FOUND},
+        {"AbsentExport", module, "KIV_NoSuchEntry", os::ERROR_PROC_NOT_FOUND},
+        {"ExportNamesAreCaseSensitive", module, "FIKIVTESTANSWER", os::ERROR_PROC_NOT_FOUND},
+        {"UnknownModule", reinterpret_cast<os::HMODULE>(std::uintptr_t{0x1000}), "fikivTestAnswer",
+         os::ERROR_MOD_NOT_FOUND},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        os::SetLastError(kUntouched);
+        EXPECT_EQ(os::GetProcAddress(row.module, row.export_), nullptr);
+        EXPECT_EQ(os::GetLastError(), row.error);
+    }
+
+    sim::makeUnbindable("FIKIVTESTMODULE.dll", "fikivTestAnswer");
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetProcAddress(module, "fikivTestAnswer"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_PROC_NOT_FOUND);
+    EXPECT_TRUE(os::FreeLibrary(module));
+
+    sim::makeLibraryMissing("fikivtestmodule.dll");
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::LoadLibraryW(u"C:\\Windows\\System32\\FikivTestModule.dll"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
+
+    sim::injectFault("LoadLibraryW", os::ERROR_ACCESS_DENIED);
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::LoadLibraryW(u"kernel32.dll"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_ACCESS_DENIED);
+}
+
+TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
+    os::HMODULE kernel32 = os::GetModuleHandleW(u"KERNEL32.DLL");
+    ASSERT_NE(kernel32, nullptr);
+    EXPECT_EQ(os::LoadLibraryW(u"kernel32.dll"), kernel32);
+    struct Row {
+        const char* name;
+        os::FARPROC expected;
+    };
+    const Row rows[] = {
+        {"FindFirstVolumeW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeW)},
+        {"FindNextVolumeW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeW)},
+        {"FindVolumeClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeClose)},
+        {"FindFirstVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeMountPointW)},
+        {"FindNextVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeMountPointW)},
+        {"FindVolumeMountPointClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeMountPointClose)},
+        {"GetVolumePathNameW", reinterpret_cast<os::FARPROC>(&os::GetVolumePathNameW)},
+        {"GetVolumeNameForVolumeMountPointW",
+         reinterpret_cast<os::FARPROC>(&os::GetVolumeNameForVolumeMountPointW)},
+        {"GetDriveTypeW", reinterpret_cast<os::FARPROC>(&os::GetDriveTypeW)},
+        {"findfirstvolumew", nullptr},
+        {"FindFirstVolumeA", nullptr},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        os::SetLastError(kUntouched);
+        EXPECT_EQ(os::GetProcAddress(kernel32, row.name), row.expected);
+        EXPECT_EQ(os::GetLastError(), row.expected == nullptr ? os::ERROR_PROC_NOT_FOUND : kUntouched);
+    }
+    // A bound function answers like the direct call.
+    using FindFirst = os::HANDLE (*)(os::LPWSTR, os::DWORD);
+    auto findFirst = reinterpret_cast<FindFirst>(os::GetProcAddress(kernel32, "FindFirstVolumeW"));
+    platformtest::CanaryBuffer name(50);
+    os::HANDLE find = findFirst(name.data(), name.length());
+    ASSERT_NE(find, os::INVALID_HANDLE_VALUE);
+    EXPECT_EQ(name.text(), TempMachine::guidName(1));
+    EXPECT_TRUE(os::FindVolumeClose(find));
+    EXPECT_TRUE(os::FreeLibrary(kernel32));
+    EXPECT_TRUE(os::DisableThreadLibraryCalls(kernel32));
+}
+
+}  // namespace
