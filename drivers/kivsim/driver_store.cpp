@@ -147,7 +147,8 @@ void DriverStore::removeSet(std::uint64_t id) {
         }
         for (const SnapshotElement& element : it->elements) {
             removeQuietly(element.cacheHostPath);
-            removeQuietly(snapshotPath(element.snapshotId));
+            std::error_code ignored;
+            std::filesystem::remove_all(snapshotPath(element.snapshotId), ignored);
         }
         removeQuietly(setPath(id));
         sets_.erase(it);

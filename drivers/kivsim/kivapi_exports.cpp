@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -243,6 +244,36 @@ const sim::Machine* machineOrNull() {
     return sim::Machine::currentOrNull();
 }
 
+// Copies what the source volume holds now into the snapshot volume's folder,
+// so that the snapshot keeps showing the volume as it was when it was made,
+// whatever happens to the source afterwards. Cache files of live snapshots
+// belong to the driver and are left out; so are symbolic links.
+std::uint32_t copyVolumeImage(const std::filesystem::path& from, const std::filesystem::path& to,
+                              const std::vector<std::string>& cacheFiles) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    fs::recursive_directory_iterator it(from, fs::directory_options::skip_permission_denied, error);
+    for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        const fs::path& source = it->path();
+        if (std::find(cacheFiles.begin(), cacheFiles.end(), source.string()) != cacheFiles.end()) {
+            continue;
+        }
+        const fs::path target = to / source.lexically_relative(from);
+        if (it->is_symlink(error)) {
+            continue;
+        }
+        if (it->is_directory(error)) {
+            fs::create_directories(target, error);
+        } else if (it->is_regular_file(error)) {
+            fs::copy_file(source, target, fs::copy_options::overwrite_existing, error);
+        }
+        if (error) {
+            break;
+        }
+    }
+    return error ? sim::win32FromErrno(error.value()) : os::ERROR_SUCCESS;
+}
+
 }  // namespace
 }  // namespace kivsim
 
@@ -442,13 +473,30 @@ KIV_EXPORT std::uint32_t KIV_Create(KivHandle snapshot, std::uint32_t quiesceWai
         // tools can show what the snapshot was taken with.
         set->quiesceWait = quiesceWait;
         set->quiesceTimeout = quiesceTimeout;
+        std::vector<std::string> cacheFiles;
+        for (const SnapshotSet& live : store.sets()) {
+            for (const SnapshotElement& element : live.elements) {
+                cacheFiles.push_back(element.cacheHostPath);
+            }
+        }
         for (const SnapshotElement& element : set->elements) {
+            std::u16string sourceName;
+            utf8ToUtf16(element.sourceGuid, &sourceName);
+            const sim::Volume* source = machine->volumeAtRoot(sourceName);
+            const std::filesystem::path image = store.snapshotPath(element.snapshotId);
             std::error_code error;
-            std::filesystem::create_directory(store.snapshotPath(element.snapshotId), error);
+            std::filesystem::create_directory(image, error);
+            std::uint32_t status = os::ERROR_SUCCESS;
             if (error) {
-                const std::uint32_t status = sim::win32FromErrno(error.value());
+                status = sim::win32FromErrno(error.value());
+            } else if (source == nullptr) {
+                status = os::ERROR_FILE_NOT_FOUND;  // the source left the machine
+            } else {
+                status = copyVolumeImage(source->backingDirectory, image, cacheFiles);
+            }
+            if (status != os::ERROR_SUCCESS) {
                 for (const SnapshotElement& made : set->elements) {
-                    std::filesystem::remove(store.snapshotPath(made.snapshotId), error);
+                    std::filesystem::remove_all(store.snapshotPath(made.snapshotId), error);
                 }
                 return status;
             }
@@ -489,7 +537,7 @@ KIV_EXPORT std::uint32_t KIV_Destroy(KivHandle* snapshot, std::uint32_t flags) {
         }
         removeFile(element->cacheHostPath);
         std::error_code ignored;
-        std::filesystem::remove(store.snapshotPath(element->snapshotId), ignored);
+        std::filesystem::remove_all(store.snapshotPath(element->snapshotId), ignored);
         std::erase_if(set->elements,
                       [&](const SnapshotElement& e) { return e.snapshotId == target.id; });
         if (set->elements.empty()) {

@@ -351,6 +351,41 @@ TEST(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
     EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u);
 }
 
+// The text of `name` in the folder behind a driver handle, or "(missing)".
+std::string readThrough(KivHandle handle, const char* name) {
+    const int folder =
+        sim::fdFromHandle(reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(handle)));
+    const int fd = openat(folder, name, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return "(missing)";
+    }
+    char buffer[64] = {};
+    const ssize_t length = read(fd, buffer, sizeof(buffer) - 1);
+    close(fd);
+    return std::string(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
+}
+
+TEST(KivDriverTest, SnapshotShowsTheVolumeAsItWasWhenMade) {
+    TempMachine machine(driverMachine());
+    std::filesystem::create_directories(hostPathOf(u"C:\\dir"));
+    std::ofstream(hostPathOf(u"C:\\dir\\report.txt")) << "before";
+    const std::string name = generatedName();
+    // The cache sits on the volume being snapshotted.
+    KivHandle set = prepareOne(name, "C:\\_tarnKivCacheFile_0.KIV");
+    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
+    std::ofstream(hostPathOf(u"C:\\dir\\report.txt")) << "after";
+    std::ofstream(hostPathOf(u"C:\\later.txt")) << "new";
+
+    KivHandle snapshot = openVolume(name);
+    ASSERT_TRUE(isValidKivHandle(snapshot));
+    EXPECT_EQ(readThrough(snapshot, "dir/report.txt"), "before");
+    EXPECT_EQ(readThrough(snapshot, "later.txt"), "(missing)");
+    EXPECT_EQ(readThrough(snapshot, "_tarnKivCacheFile_0.KIV"), "(missing)");
+    EXPECT_EQ(KIV_Destroy(&api(), &snapshot, 1), 0u);
+    KIV_Close(&api(), &snapshot);
+    KIV_Close(&api(), &set);
+}
+
 TEST(KivDriverTest, CachePathOfALiveSnapshotIsRefused) {
     TempMachine machine(driverMachine());
     const std::string cache = "E:\\_tarnKivCacheFile_0.KIV";
