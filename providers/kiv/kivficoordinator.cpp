@@ -98,7 +98,9 @@ void KivFiCoordinator::destroyInstance() {
 
 KivFiCoordinator::KivFiCoordinator() {
     tarp_TraceMethod trace(kSource, u"KivFiCoordinator::KivFiCoordinator", __LINE__);
-    kivApi_ = kivApi();
+    // The process-wide binding (the member accessor of the same name would
+    // only read the field).
+    kivApi_ = ::kivApi();
     kivApiSlot() = kivApi_;
     groupObjid_ = makeObjid(kGroupName);
 }
