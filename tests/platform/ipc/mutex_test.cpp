@@ -1,6 +1,6 @@
-// Named mutexes and critical sections: names and namespaces, ownership by
-// thread, time-outs on the real and the virtual clock, abandonment, and
-// several processes sharing one mutex.
+// Named mutexes: names and namespaces, lifetime, ownership by thread,
+// time-outs on the real and the virtual clock, abandonment, and several
+// processes creating and sharing one mutex.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -208,31 +208,6 @@ TEST_F(MutexTest, OwnershipIsPerThreadAndRecursive) {
     EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_OWNER);
 }
 
-TEST_F(MutexTest, InitialOwnerAppliesToTheCreatorOnly) {
-    struct Row {
-        const char* label;
-        std::u16string name;  // empty: unnamed
-    };
-    const Row rows[] = {{"named", name("fikiv_ipc_initial")}, {"unnamed", u""}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.label);
-        const char16_t* mutexName = row.name.empty() ? nullptr : row.name.c_str();
-        os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::TRUE, mutexName));
-        ASSERT_TRUE(mutex.valid());
-        EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_TIMEOUT);
-        if (mutexName != nullptr) {
-            // Opening it again with the initial-owner request changes nothing.
-            std::async(std::launch::async, [&] {
-                os::UniqueHandle again(os::CreateMutexW(nullptr, os::TRUE, mutexName));
-                EXPECT_EQ(os::GetLastError(), os::ERROR_ALREADY_EXISTS);
-                EXPECT_EQ(os::ReleaseMutex(again.get()), os::FALSE);
-            }).get();
-        }
-        EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
-        EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_OBJECT_0);
-    }
-}
-
 TEST_F(MutexTest, BadHandlesFail) {
     os::HANDLE closed = os::CreateMutexW(nullptr, os::FALSE, nullptr);
     ASSERT_NE(closed, nullptr);
@@ -384,27 +359,6 @@ TEST_F(MutexTest, ProcessesCreatingAtOnceShareOneMutex) {
     ASSERT_EQ(pread(counter, &value, sizeof(value), 0), static_cast<ssize_t>(sizeof(value)));
     close(counter);
     EXPECT_EQ(value, kProcesses * kIterations) << "an update was lost: the mutex let two in";
-}
-
-TEST(CriticalSectionTest, RecursiveAndExclusive) {
-    os::CRITICAL_SECTION section;
-    ASSERT_EQ(os::InitializeCriticalSectionAndSpinCount(&section, 4000), os::TRUE);
-    os::EnterCriticalSection(&section);
-    os::EnterCriticalSection(&section);
-    std::atomic<bool> entered{false};
-    std::thread other([&] {
-        os::EnterCriticalSection(&section);
-        entered = true;
-        os::LeaveCriticalSection(&section);
-    });
-    os::LeaveCriticalSection(&section);
-    // Still held once: the other thread cannot be inside.
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_FALSE(entered.load());
-    os::LeaveCriticalSection(&section);
-    other.join();
-    EXPECT_TRUE(entered.load());
-    os::DeleteCriticalSection(&section);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Processes and handles: a descriptor of another process taken with
 // OpenProcess and DuplicateHandle, processes that are gone, privilege names,
-// token rights, and the debug privilege opening a process that refuses us.
+// and the debug privilege opening a process that refuses us.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
@@ -10,18 +10,13 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <sstream>
 #include <string>
 
 #include "ipc_test_support.h"
 #include "os/error.h"
 #include "os/handle.h"
-#include "os/pipe.h"
 #include "os/process.h"
-#include "os/sync.h"
 #include "sim/handles.h"
-#include "sim/hooks.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
@@ -222,21 +217,6 @@ TEST_F(ProcessTest, DuplicateHandleTakesADescriptorOfAnotherProcess) {
     EXPECT_TRUE(readsPayload(copy)) << "the copy outlives the process it came from";
 }
 
-TEST_F(ProcessTest, DuplicateWithinTheProcess) {
-    int fd = open(payload_.c_str(), O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    os::HANDLE source = sim::handleFromFd(fd);
-    os::HANDLE copy = nullptr;
-    ASSERT_EQ(
-        os::DuplicateHandle(os::GetCurrentProcess(), source, os::GetCurrentProcess(), &copy, 0,
-                            os::FALSE, os::DUPLICATE_CLOSE_SOURCE | os::DUPLICATE_SAME_ACCESS),
-        os::TRUE);
-    os::UniqueHandle owned(copy);
-    EXPECT_NE(copy, source);
-    EXPECT_TRUE(readsPayload(copy));
-    EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "the source was not closed";
-}
-
 TEST_F(ProcessTest, OpenProcessOfProcessesThatDoNotExist) {
     pid_t gone = testsupport::startChild("holdFile", {"/nonexistent/file", "-", "-"});
     ASSERT_EQ(testsupport::waitChild(gone), 1);
@@ -294,49 +274,6 @@ TEST(PrivilegeTest, LookupKnowsOnlyTheDebugPrivilege) {
     }
 }
 
-TEST(PrivilegeTest, TokenRightsAndArguments) {
-    os::HANDLE queryOnly = nullptr;
-    ASSERT_EQ(os::OpenProcessToken(os::GetCurrentProcess(), os::TOKEN_QUERY, &queryOnly), os::TRUE);
-    os::UniqueHandle queryOwner(queryOnly);
-    os::HANDLE adjust = nullptr;
-    ASSERT_EQ(os::OpenProcessToken(os::GetCurrentProcess(),
-                                   os::TOKEN_ADJUST_PRIVILEGES | os::TOKEN_QUERY, &adjust),
-              os::TRUE);
-    os::UniqueHandle adjustOwner(adjust);
-
-    os::TOKEN_PRIVILEGES unknown{1, {{{999, 0}, os::SE_PRIVILEGE_ENABLED}}};
-    os::TOKEN_PRIVILEGES previous{};
-    os::DWORD needed = 0;
-    struct Row {
-        const char* label;
-        os::HANDLE token;
-        os::TOKEN_PRIVILEGES* state;
-        os::DWORD bufferLength;
-        os::TOKEN_PRIVILEGES* previousState;
-        os::BOOL expectedResult;
-        os::DWORD expectedError;
-    };
-    const Row rows[] = {
-        {"no token", nullptr, &unknown, 0, nullptr, os::FALSE, os::ERROR_INVALID_HANDLE},
-        {"token without adjust right", queryOnly, &unknown, 0, nullptr, os::FALSE,
-         os::ERROR_ACCESS_DENIED},
-        {"no new state", adjust, nullptr, 0, nullptr, os::FALSE, os::ERROR_INVALID_PARAMETER},
-        {"previous state too small", adjust, &unknown, 4, &previous, os::FALSE,
-         os::ERROR_INSUFFICIENT_BUFFER},
-        {"a privilege the token lacks", adjust, &unknown, 0, nullptr, os::TRUE,
-         os::ERROR_NOT_ALL_ASSIGNED},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.label);
-        os::SetLastError(0xdeadbeef);
-        EXPECT_EQ(os::AdjustTokenPrivileges(row.token, os::FALSE, row.state, row.bufferLength,
-                                            row.previousState, &needed),
-                  row.expectedResult);
-        EXPECT_EQ(os::GetLastError(), row.expectedError);
-    }
-    EXPECT_EQ(needed, sizeof(os::TOKEN_PRIVILEGES)) << "the size previous state needs";
-}
-
 bool ptracePermitted() {
     std::ifstream status("/proc/self/status");
     std::string line;
@@ -361,78 +298,6 @@ TEST_F(ProcessTest, DebugPrivilegeOpensAProcessThatRefusesUs) {
         "takeWithDebugPrivilege", {std::to_string(holder), std::to_string(valueOf(remote))});
     EXPECT_EQ(testsupport::waitChild(taker), 0);
     EXPECT_EQ(finishHolder(holder), 0);
-}
-
-TEST(FaultTest, EveryCallCanBeMadeToFail) {
-    TempMachine machine(ipctest::smallMachine());
-    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, nullptr));
-    os::UniqueHandle pipe(os::CreateNamedPipeW(u"\\\\.\\pipe\\fikiv_fault", os::PIPE_ACCESS_DUPLEX,
-                                               os::PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr));
-    os::HANDLE token = nullptr;
-    os::LUID luid{};
-    os::CRITICAL_SECTION section;
-    unsigned char byte = 0;
-    os::DWORD count = 0;
-    struct Row {
-        const char* function;
-        std::function<bool()> fails;
-    };
-    const Row rows[] = {
-        {"CreateMutexW", [] { return os::CreateMutexW(nullptr, os::FALSE, nullptr) == nullptr; }},
-        {"WaitForSingleObject",
-         [&] { return os::WaitForSingleObject(mutex.get(), 0) == os::WAIT_FAILED; }},
-        {"ReleaseMutex", [&] { return os::ReleaseMutex(mutex.get()) == os::FALSE; }},
-        {"InitializeCriticalSectionAndSpinCount",
-         [&] { return os::InitializeCriticalSectionAndSpinCount(&section, 1) == os::FALSE; }},
-        {"CallNamedPipeW",
-         [&] {
-             return os::CallNamedPipeW(u"\\\\.\\pipe\\fikiv_fault", &byte, 1, &byte, 1, &count,
-                                       0) == os::FALSE;
-         }},
-        {"CreateNamedPipeW",
-         [] {
-             return os::CreateNamedPipeW(u"\\\\.\\pipe\\fikiv_fault2", os::PIPE_ACCESS_DUPLEX,
-                                         os::PIPE_TYPE_MESSAGE, 1, 0, 0, 0,
-                                         nullptr) == os::INVALID_HANDLE_VALUE;
-         }},
-        {"ConnectNamedPipe",
-         [&] { return os::ConnectNamedPipe(pipe.get(), nullptr) == os::FALSE; }},
-        {"DisconnectNamedPipe", [&] { return os::DisconnectNamedPipe(pipe.get()) == os::FALSE; }},
-        {"OpenProcess",
-         [] { return os::OpenProcess(0, os::FALSE, os::GetCurrentProcessId()) == nullptr; }},
-        {"DuplicateHandle",
-         [&] {
-             os::HANDLE copy = nullptr;
-             return os::DuplicateHandle(os::GetCurrentProcess(), sim::handleFromFd(0),
-                                        os::GetCurrentProcess(), &copy, 0, os::FALSE,
-                                        os::DUPLICATE_SAME_ACCESS) == os::FALSE;
-         }},
-        {"OpenProcessToken",
-         [&] {
-             return os::OpenProcessToken(os::GetCurrentProcess(), os::TOKEN_QUERY, &token) ==
-                    os::FALSE;
-         }},
-        {"LookupPrivilegeValueW",
-         [&] {
-             return os::LookupPrivilegeValueW(nullptr, u"SeDebugPrivilege", &luid) == os::FALSE;
-         }},
-        {"AdjustTokenPrivileges",
-         [&] {
-             os::TOKEN_PRIVILEGES none{};
-             return os::AdjustTokenPrivileges(nullptr, os::FALSE, &none, 0, nullptr, nullptr) ==
-                        os::FALSE &&
-                    os::GetLastError() != os::ERROR_INVALID_HANDLE;
-         }},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.function);
-        std::uint64_t calls = sim::callCount(row.function);
-        sim::injectFault(row.function, os::ERROR_NOT_READY);
-        os::SetLastError(0xdeadbeef);
-        EXPECT_TRUE(row.fails());
-        EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
-        EXPECT_EQ(sim::callCount(row.function), calls + 1);
-    }
 }
 
 }  // namespace
