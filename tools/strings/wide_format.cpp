@@ -249,7 +249,9 @@ void formatNarrowText(std::u16string& out, const Spec& spec, const char* text) {
                                             : static_cast<std::size_t>(-1);
     std::u16string converted;
     const auto* at = reinterpret_cast<const unsigned char*>(text);
-    while (*at != 0) {
+    // With a precision the text need not be terminated: stop before reading
+    // past what may be printed.
+    while (converted.size() < limit && *at != 0) {
         std::u16string one;
         appendCodePoint(one, decodeUtf8(at));
         if (converted.size() + one.size() > limit) {

@@ -96,6 +96,10 @@ TEST(WideFormatTest, LongIsThirtyTwoBits) {
     });
 }
 
+// Texts without a terminator: a precision must keep the formatter inside them.
+const char kUnterminated[3] = {'x', 'y', 'z'};
+const char16_t kUnterminatedWide[2] = {u'u', u'v'};
+
 TEST(WideFormatTest, StringsAndCharacters) {
     const char16_t astral[] = {u'[', 0xD83D, 0xDE00, u']', 0};
     checkRows({
@@ -113,6 +117,8 @@ TEST(WideFormatTest, StringsAndCharacters) {
         {"left", format(u"[%-6s]", u"ab"), u"[ab    ]"},
         {"precision", format(u"[%.2s]", u"abcdef"), u"[ab]"},
         {"narrow precision", format(u"[%.2hs]", "abcdef"), u"[ab]"},
+        {"narrow precision on unterminated text", format(u"[%.3hs]", kUnterminated), u"[xyz]"},
+        {"wide precision on unterminated text", format(u"[%.2s]", kUnterminatedWide), u"[uv]"},
         {"zero flag pads strings with zeros", format(u"[%05s]", u"ab"), u"[000ab]"},
         {"null wide", format(u"%s", static_cast<const char16_t*>(nullptr)), u"(null)"},
         {"null narrow", format(u"%hs", static_cast<const char*>(nullptr)), u"(null)"},
