@@ -25,10 +25,6 @@
 namespace sim {
 namespace {
 
-// Bumped whenever the description below changes, so that a machine written
-// by an older build is replaced rather than used.
-constexpr int kDefaultGeneration = 1;
-
 constexpr std::uint64_t kGiB = 1ull << 30;
 
 nlohmann::json volume(const char* guid, std::initializer_list<const char*> paths, const char* type,
@@ -68,7 +64,7 @@ nlohmann::json defaultDescription() {
                              "fixed", "NTFS", "Mounted", 1000 * kGiB, 600 * kGiB, 0x1));
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a08}", {}, "fixed", "NTFS",
                              "Hidden", 4000 * kGiB, 3000 * kGiB, 0x1));
-    return {{"generator", {{"name", "fikiv default machine"}, {"generation", kDefaultGeneration}}},
+    return {{"generator", "fikiv default machine"},
             {"os", {{"major", 10}, {"minor", 0}, {"build", 17763}}},
             {"volumes", volumes}};
 }
@@ -79,14 +75,15 @@ bool usableDirectory(const std::filesystem::path& directory) {
     return !error && ::access(directory.c_str(), W_OK | X_OK) == 0;
 }
 
-bool isCurrentGeneration(const std::filesystem::path& file) {
+// A file written by an older build, or edited by hand, is replaced: the
+// default machine is always the one built in.
+bool holdsTheBuiltInDescription(const std::filesystem::path& file) {
     std::ifstream stream(file);
     if (!stream) {
         return false;
     }
     try {
-        const nlohmann::json existing = nlohmann::json::parse(stream);
-        return existing.value("/generator/generation"_json_pointer, 0) == kDefaultGeneration;
+        return nlohmann::json::parse(stream) == defaultDescription();
     } catch (const std::exception&) {
         return false;
     }
@@ -113,7 +110,7 @@ std::filesystem::path Machine::currentFile() {
 }
 
 void Machine::writeDefault(const std::filesystem::path& file) {
-    if (isCurrentGeneration(file)) {
+    if (holdsTheBuiltInDescription(file)) {
         return;
     }
     std::error_code error;

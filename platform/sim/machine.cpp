@@ -753,8 +753,10 @@ Machine Machine::parse(const std::string& text, const std::filesystem::path& fil
             if (holder == &volume) {
                 reader.fail(pathField, "\"" + toUtf8(path) + "\" lies on the volume itself");
             }
+            const std::u16string relative = path.substr(holderRoot.size());
             machine.mountPoints_[static_cast<std::size_t>(holder - machine.volumes_.data())]
-                .push_back(path.substr(holderRoot.size()));
+                .push_back(relative);
+            machine.mountIndex_.emplace(folded(holder->guidName + relative), v);
         }
     }
     return machine;
@@ -762,6 +764,7 @@ Machine Machine::parse(const std::string& text, const std::filesystem::path& fil
 
 void Machine::index() {
     rootIndex_.clear();
+    mountIndex_.clear();
     mountPoints_.assign(volumes_.size(), {});
     for (std::size_t v = 0; v < volumes_.size(); ++v) {
         rootIndex_.emplace(folded(volumes_[v].guidName), v);
@@ -919,11 +922,35 @@ std::optional<ResolvedPath> Machine::resolve(std::u16string_view path) const {
                 return std::nullopt;
             }
             ResolvedPath resolved;
-            resolved.volume = volume;
             resolved.rootPath = text.substr(0, 48) + u"\\";
             const auto parts = normalisedComponents(std::u16string_view(text).substr(48));
+            // Follow mount points below the GUID root, longest first at each
+            // volume, so "\\?\Volume{C}\mnt\data\x" is on the volume
+            // mounted at mnt\data\ of C.
+            std::size_t consumed = 0;
+            for (bool descended = true; descended;) {
+                descended = false;
+                for (std::size_t depth = parts.size(); depth > consumed; --depth) {
+                    std::u16string key = folded(volume->guidName);
+                    for (std::size_t i = consumed; i < depth; ++i) {
+                        key += folded(parts[i]);
+                        key += u'\\';
+                    }
+                    auto mounted = mountIndex_.find(key);
+                    if (mounted != mountIndex_.end()) {
+                        for (std::size_t i = consumed; i < depth; ++i) {
+                            resolved.rootPath += parts[i] + u"\\";
+                        }
+                        volume = &volumes_[mounted->second];
+                        consumed = depth;
+                        descended = true;
+                        break;
+                    }
+                }
+            }
+            resolved.volume = volume;
             resolved.hostPath =
-                matchHostPath(volume->backingDirectory, parts, 0, &resolved.relative);
+                matchHostPath(volume->backingDirectory, parts, consumed, &resolved.relative);
             return resolved;
         }
         prefix = text.substr(0, 4);

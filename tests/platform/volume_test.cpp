@@ -282,6 +282,15 @@ TEST_F(NestedMachineTest, GetVolumeNameForVolumeMountPointRows) {
         {"GuidInUpperCase", "\\\\?\\VOLUME{00000000-0000-0000-0000-000000000005}\\", 50, kNone, 5},
         {"AbsentGuid", "\\\\?\\Volume{00000000-0000-0000-0000-000000000077}\\", 50,
          os::ERROR_FILE_NOT_FOUND, 0},
+        {"MountPointBelowGuidRoot",
+         "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\mnt\\data\\", 50, kNone, 2},
+        {"NestedMountPointBelowGuidRoot",
+         "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\MNT\\data\\inner\\", 50, kNone,
+         3},
+        {"MountPointBelowMountedGuidRoot",
+         "\\\\?\\Volume{00000000-0000-0000-0000-000000000002}\\inner\\", 50, kNone, 3},
+        {"FolderBelowGuidRoot", "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\mnt\\", 50,
+         os::ERROR_NOT_A_REPARSE_POINT, 0},
         {"RawVolumeStillHasAName", "E:\\", 50, kNone, 6},
         {"EmptyDriveStillHasAName", "F:\\", 50, kNone, 7},
     };
@@ -329,6 +338,9 @@ TEST_F(NestedMachineTest, GetVolumePathNameRows) {
         {"RelativeName", "x\\y", 10, os::ERROR_PATH_NOT_FOUND, nullptr},
         {"GuidPath", "\\\\?\\Volume{00000000-0000-0000-0000-000000000005}\\dir\\f", 50, kNone,
          "\\\\?\\Volume{00000000-0000-0000-0000-000000000005}\\"},
+        {"GuidPathThroughMountPoint",
+         "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\mnt\\data\\f", 70, kNone,
+         "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\mnt\\data\\"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);

@@ -143,6 +143,9 @@ private:
     // costs the same on a machine of ten volumes as on one of a thousand.
     std::unordered_map<std::u16string, std::size_t> rootIndex_;
     std::vector<std::vector<std::u16string>> mountPoints_;
+    // Folded "<GUID name of the holding volume><mount point>" -> index of the
+    // volume mounted there, to follow mount points inside GUID paths.
+    std::unordered_map<std::u16string, std::size_t> mountIndex_;
 };
 
 }  // namespace sim
