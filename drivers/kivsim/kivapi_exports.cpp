@@ -220,10 +220,12 @@ std::uint32_t checkAgainstLiveSets(DriverStore& store,
     return os::ERROR_SUCCESS;
 }
 
-// Makes a cache file of its initial size (sparse).
+// Makes a cache file of its initial size (sparse). A file that is already
+// there is not the driver's (live caches were refused before) and is left
+// alone: ERROR_FILE_EXISTS.
 std::uint32_t createCacheFile(const SnapshotElement& element) {
     const int fd =
-        open(element.cacheHostPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        open(element.cacheHostPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) {
         return sim::win32FromErrno(errno);
     }
@@ -232,6 +234,10 @@ std::uint32_t createCacheFile(const SnapshotElement& element) {
         status = sim::win32FromErrno(errno);
     }
     close(fd);
+    if (status != os::ERROR_SUCCESS) {
+        std::error_code ignored;
+        std::filesystem::remove(element.cacheHostPath, ignored);
+    }
     return status;
 }
 
@@ -413,7 +419,7 @@ KIV_EXPORT std::uint32_t KIV_Prepare(const void* parameters, std::uint16_t count
         }
         for (std::size_t i = 0; i < elements.size(); ++i) {
             if (std::uint32_t status = createCacheFile(elements[i].element)) {
-                for (std::size_t k = 0; k <= i; ++k) {
+                for (std::size_t k = 0; k < i; ++k) {
                     removeFile(elements[k].element.cacheHostPath);
                 }
                 store.commit();

@@ -243,6 +243,7 @@ TEST(KivDriverTest, PrepareRefusesBadArguments) {
     KIV_Close(&api(), &closed);
     closed = reinterpret_cast<std::uintptr_t>(sim::handleFromFd(999));
     const std::string name = generatedName();
+    std::ofstream(hostPathOf(u"E:\\mine.txt")) << "user data";
 
     const struct {
         const char* what;
@@ -258,6 +259,7 @@ TEST(KivDriverTest, PrepareRefusesBadArguments) {
         {"closed source", element(closed, name, "E:\\c.KIV"), 1, 40},
         {"cache on a missing volume", element(source, name, "Q:\\c.KIV"), 1, 40},
         {"cache in a missing folder", element(source, name, "E:\\no\\c.KIV"), 1, 40},
+        {"cache file already there", element(source, name, "E:\\mine.txt"), 1, 40},
         {"initial above maximum", element(source, name, "E:\\c.KIV", 200, 100), 1, 40},
         {"initial above free space", element(source, name, "F:\\c.KIV", 2048, 4096), 1, 40},
         {"no cache name", {source, name.c_str(), nullptr, 10, 100, 0, 0}, 1, 40},
@@ -271,6 +273,9 @@ TEST(KivDriverTest, PrepareRefusesBadArguments) {
     }
     EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\c.KIV")));
     EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"F:\\c.KIV")));
+    std::string kept;
+    std::getline(std::ifstream(hostPathOf(u"E:\\mine.txt")), kept);
+    EXPECT_EQ(kept, "user data");
     KIV_Close(&api(), &source);
 }
 
