@@ -1,0 +1,94 @@
+// One cache placement on generated machines of 10, 100 and 1,000 volumes for
+// 1, 8 and 64 targets, with nothing preferred, so the fallback examines every
+// volume of the machine. Besides the time, the counter "freeSpaceQueries"
+// gives the GetDiskFreeSpaceExW calls of one placement: two per comparison of
+// the free-space order (queried afresh every time) plus one per target for
+// its maximum size.
+//
+// The first volumes are the targets; a machine needs more volumes than
+// targets, so 64 targets run only on the larger machines.
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kiv/cachefile/cachefileplacement.h"
+#include "kiv/cachefile/providermutex.h"
+#include "os/handle.h"
+#include "os/sync.h"
+#include "sim/hooks.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+using testsupport::TempMachine;
+
+// Volume 1 is C:\, the next 23 take the letters D: to Z:, the rest are
+// mounted below C:\mnt. Free space varies from 1 to 97 GB, with repeats, so
+// the order meets equal values too.
+nlohmann::json generatedMachine(int volumeCount) {
+    nlohmann::json volumes = nlohmann::json::array();
+    for (int number = 1; number <= volumeCount; ++number) {
+        std::string path;
+        if (number == 1) {
+            path = "C:\\";
+        } else if (number <= 24) {
+            path = std::string(1, static_cast<char>('C' + number - 1)) + ":\\";
+        } else {
+            path = "C:\\mnt\\v" + std::to_string(number) + "\\";
+        }
+        const std::uint64_t freeGB = static_cast<std::uint64_t>(number) * 37 % 97 + 1;
+        volumes.push_back(TempMachine::volume(number, {path.c_str()}, "fixed", "NTFS", 100ull << 30,
+                                              freeGB << 30));
+    }
+    return {{"majorVersion", 10}, {"volumes", volumes}};
+}
+
+void BM_PlaceCacheFiles(benchmark::State& state) {
+    const int volumeCount = static_cast<int>(state.range(0));
+    const int targetCount = static_cast<int>(state.range(1));
+    TempMachine machine(generatedMachine(volumeCount));
+    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, providerMutexName(10)));
+    std::vector<std::u16string> targets;
+    for (int number = 1; number <= targetCount; ++number) {
+        targets.push_back(TempMachine::guidName(number));
+    }
+    CacheFileHints hints;
+    hints.maxCacheFileSizePct = 10;
+
+    std::uint64_t queries = 0;
+    for (auto _ : state) {
+        std::vector<std::u16string> paths;
+        std::vector<CacheFileSizes> sizes;
+        const std::uint64_t before = sim::callCount("GetDiskFreeSpaceExW");
+        const bool placed = placeCacheFiles(mutex.get(), targets, hints, paths, sizes);
+        queries += sim::callCount("GetDiskFreeSpaceExW") - before;
+        if (!placed || paths.size() != targets.size()) {
+            state.SkipWithError("placement failed");
+            break;
+        }
+        benchmark::DoNotOptimize(paths.data());
+    }
+    state.counters["freeSpaceQueries"] =
+        benchmark::Counter(static_cast<double>(queries), benchmark::Counter::kAvgIterations);
+}
+
+void placementArguments(benchmark::internal::Benchmark* benchmark) {
+    for (int volumes : {10, 100, 1000}) {
+        for (int targets : {1, 8, 64}) {
+            if (targets < volumes) {
+                benchmark->Args({volumes, targets});
+            }
+        }
+    }
+}
+
+BENCHMARK(BM_PlaceCacheFiles)
+    ->Apply(placementArguments)
+    ->ArgNames({"volumes", "targets"})
+    ->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

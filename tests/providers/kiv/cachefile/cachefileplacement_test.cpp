@@ -1,0 +1,626 @@
+// Cache volume selection on simulated machines built per case, with the
+// simulated snapshot driver answering the driver probes.
+#include "kiv/cachefile/cachefileplacement.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cachefile_test_support.h"
+#include "kiv/cachefile/providermutex.h"
+#include "os/error.h"
+#include "os/sync.h"
+#include "sim/hooks.h"
+#include "support/child_process.h"
+#include "support/temp_machine.h"
+
+namespace cachefiletest {
+namespace {
+
+using testsupport::TempMachine;
+
+nlohmann::json fixedVolume(int number, std::initializer_list<const char*> paths,
+                           std::uint64_t freeBytes, std::uint32_t attributes = 0x1) {
+    return TempMachine::volume(number, paths, "fixed", "NTFS", 100 * kGB, freeBytes, attributes);
+}
+
+std::u16string fileOn(int volume, std::uint32_t counter) {
+    const std::string digits = std::to_string(counter);
+    return guid(volume) + u"_tarnKivCacheFile_" + std::u16string(digits.begin(), digits.end()) +
+           u".KIV";
+}
+
+CacheFileHints hintsWith(std::vector<std::u16string> preferred,
+                         std::vector<std::u16string> excluded) {
+    CacheFileHints hints;
+    hints.preferredVolumes = std::move(preferred);
+    hints.excludedVolumes = std::move(excluded);
+    hints.initialCacheFileSizePct = 10;
+    hints.maxCacheFileSizePct = 10;
+    return hints;
+}
+
+// 10 percent of a volume's free space in MB, as the maximum size.
+std::uint32_t tenPercentMB(std::uint64_t freeBytes) {
+    return static_cast<std::uint32_t>(freeBytes / kMB / 10);
+}
+
+struct Placement {
+    bool result = false;
+    std::vector<std::u16string> paths;
+    std::vector<CacheFileSizes> sizes;
+    PlacementReport report;
+};
+
+Placement place(const std::vector<std::u16string>& targets, const CacheFileHints& hints,
+                std::uint32_t counter = 0) {
+    TestMutex mutex;
+    setCacheFileCounter(counter);
+    Placement placement;
+    placement.result = placeCacheFiles(mutex.get(), targets, hints, placement.paths,
+                                       placement.sizes, &placement.report);
+    return placement;
+}
+
+const PlacementCandidate* findCandidate(const std::vector<PlacementCandidate>& candidates,
+                                        const std::u16string& name) {
+    for (const PlacementCandidate& candidate : candidates) {
+        if (candidate.name == name) {
+            return &candidate;
+        }
+    }
+    return nullptr;
+}
+
+std::string describe(const PlacementReport& report) {
+    std::string text;
+    for (const std::u16string& line : describePlacement(report)) {
+        text += utf8(line) + "\n";
+    }
+    return text;
+}
+
+// Fixed V1 (the only target, 10 GB free), V2 and V3 (50 GB free each, V3
+// excluded), a CD-ROM V4, nothing preferred: the fallback leaves only V2.
+TEST(CachePlacementTest, WorkedCaseChoosesTheOnlyUsableOtherVolume) {
+    TempMachine machine(machineWith(
+        {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
+         fixedVolume(3, {"E:\\"}, 50 * kGB), TempMachine::volume(4, {"F:\\"}, "cdrom", "CDFS")}));
+    MessageCapture capture;
+    const Placement placement = place({guid(1)}, hintsWith({}, {u"E:"}));
+
+    ASSERT_TRUE(placement.result);
+    ASSERT_EQ(placement.paths.size(), 1u);
+    EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(2, 0)));
+    ASSERT_EQ(placement.sizes.size(), 1u);
+    EXPECT_EQ(placement.sizes[0], (CacheFileSizes{0, tenPercentMB(50 * kGB)}));
+    // The cache volume is not the target: no initial-size message.
+    EXPECT_TRUE(capture.messages().empty());
+
+    const PlacementReport& report = placement.report;
+    SCOPED_TRACE(describe(report));
+    EXPECT_EQ(report.outcome, PlacementOutcome::kFallback);
+    EXPECT_TRUE(report.preferred.empty());
+    ASSERT_EQ(report.fallback.size(), 4u);
+    EXPECT_EQ(report.fallback[0].removal, PlacementRemoval::kTarget);
+    EXPECT_EQ(report.fallback[1].removal, PlacementRemoval::kNone);
+    EXPECT_EQ(report.fallback[2].removal, PlacementRemoval::kExcluded);
+    EXPECT_EQ(report.fallback[3].removal, PlacementRemoval::kNotFixed);
+    EXPECT_EQ(report.fallback[3].detail, 5u);
+    ASSERT_EQ(report.order.size(), 1u);
+    EXPECT_EQ(utf8(report.cacheVolume), utf8(guid(2)));
+}
+
+// A preferred volume V3 with one fault; V1 is the target, V2 the fallback.
+TEST(CachePlacementTest, EachSuitabilityTestRemovesAPreferredVolume) {
+    struct Row {
+        const char* name;
+        nlohmann::json volume;
+        std::u16string preferredName;
+        PlacementRemoval removal;
+        std::uint32_t detail;
+    };
+    const std::vector<Row> rows = {
+        {"Raw", TempMachine::volume(3, {"E:\\"}, "fixed", "RAW"), guid(3),
+         PlacementRemoval::kFileSystem, os::ERROR_UNRECOGNIZED_VOLUME},
+        {"Absent", fixedVolume(3, {"E:\\"}, 5 * kGB), guid(99), PlacementRemoval::kFileSystem,
+         os::ERROR_PATH_NOT_FOUND},
+        {"CdRom", TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"), guid(3),
+         PlacementRemoval::kNotFixed, 5},
+        {"Removable", TempMachine::volume(3, {"E:\\"}, "removable", "FAT32"), guid(3),
+         PlacementRemoval::kNotFixed, 2},
+        {"Remote", TempMachine::volume(3, {"E:\\"}, "remote"), guid(3), PlacementRemoval::kNotFixed,
+         4},
+        {"NoPath", TempMachine::volume(3, {}), guid(3), PlacementRemoval::kNoPath, 0},
+        {"DriverClaimed", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x3), guid(3),
+         PlacementRemoval::kDriverAttributes, 0x3},
+        {"DriverDisabled", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x5), guid(3),
+         PlacementRemoval::kDriverAttributes, 0x5},
+        {"DriverSnapshot", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x8), guid(3),
+         PlacementRemoval::kDriverAttributes, 0x8},
+        {"ActiveCacheIsFine", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x11), guid(3),
+         PlacementRemoval::kNone, 0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        TempMachine machine(machineWith(
+            {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB), row.volume}));
+        const Placement placement = place({guid(1)}, hintsWith({row.preferredName}, {}));
+        SCOPED_TRACE(describe(placement.report));
+
+        ASSERT_TRUE(placement.result);
+        ASSERT_EQ(placement.report.preferred.size(), 1u);
+        EXPECT_EQ(placement.report.preferred[0].removal, row.removal);
+        EXPECT_EQ(placement.report.preferred[0].detail, row.detail);
+        const bool kept = row.removal == PlacementRemoval::kNone;
+        const int chosen = kept ? 3 : 2;
+        EXPECT_EQ(placement.report.outcome,
+                  kept ? PlacementOutcome::kPreferred : PlacementOutcome::kFallback);
+        ASSERT_EQ(placement.paths.size(), 1u);
+        EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(chosen, 0)));
+        if (!kept && row.preferredName == guid(3)) {
+            // The fallback tests it again and drops it for the same reason.
+            const PlacementCandidate* again = findCandidate(placement.report.fallback, guid(3));
+            ASSERT_NE(again, nullptr);
+            EXPECT_EQ(again->removal, row.removal);
+        }
+    }
+}
+
+// One spelling of a preferred volume per row. V1 (C:\) is the target; V2 is
+// D:\, V3 is E:\ with the most free space, V4 is mounted at C:\mnt\data\ only.
+TEST(CachePlacementTest, PreferredNamesInEveryFormFindTheirVolume) {
+    struct Row {
+        std::vector<std::u16string> preferred;
+        int chosen;
+        PlacementOutcome outcome;
+    };
+    const std::vector<Row> rows = {
+        {{u"d:"}, 2, PlacementOutcome::kPreferred},
+        {{u"D:\\"}, 2, PlacementOutcome::kPreferred},
+        {{u"d:\\"}, 2, PlacementOutcome::kPreferred},
+        {{guid(2)}, 2, PlacementOutcome::kPreferred},
+        {{u"C:\\mnt\\data\\"}, 4, PlacementOutcome::kPreferred},
+        {{u"C:\\mnt\\data"}, 4, PlacementOutcome::kPreferred},
+        {{u"d:", u"D:\\", guid(2)}, 2, PlacementOutcome::kPreferred},
+        // Names that reach no volume leave the choice to the fallback.
+        {{u"Q:"}, 3, PlacementOutcome::kFallback},
+        {{u"Q:\\"}, 3, PlacementOutcome::kFallback},
+        {{u"q"}, 3, PlacementOutcome::kFallback},
+        {{u""}, 3, PlacementOutcome::kFallback},
+        {{u"", u"d:"}, 2, PlacementOutcome::kPreferred},
+    };
+    for (const Row& row : rows) {
+        std::string label;
+        for (const std::u16string& name : row.preferred) {
+            label += "[" + utf8(name) + "]";
+        }
+        SCOPED_TRACE(label);
+        TempMachine machine(machineWith(
+            {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB),
+             fixedVolume(3, {"E:\\"}, 40 * kGB), fixedVolume(4, {"C:\\mnt\\data\\"}, 30 * kGB)}));
+        const Placement placement = place({guid(1)}, hintsWith(row.preferred, {}));
+        SCOPED_TRACE(describe(placement.report));
+
+        ASSERT_TRUE(placement.result);
+        EXPECT_EQ(placement.report.outcome, row.outcome);
+        ASSERT_EQ(placement.paths.size(), 1u);
+        EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(row.chosen, 0)));
+        // Spellings of one volume are tried once; empty names not at all.
+        EXPECT_LE(placement.report.preferred.size(), 1u);
+    }
+}
+
+TEST(CachePlacementTest, NormalisedNamesOfOddForms) {
+    TempMachine machine(
+        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB)}));
+    struct Row {
+        std::u16string name;
+        std::u16string expected;
+    };
+    const std::vector<Row> rows = {
+        {u"d:", guid(2)},
+        {u"D:\\", guid(2)},
+        {guid(2), guid(2)},
+        {guidRoot(2), guid(2)},
+        // No volume behind the letter: a drive root takes its device form.
+        {u"q:\\", u"\\\\.\\Q:\\"},
+        {u"Q:", u"Q:"},
+        {u"q", u"q"},
+        {u"", u""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(utf8(row.name));
+        std::u16string name = row.name;
+        normaliseVolumeName(name);
+        EXPECT_EQ(utf8(name), utf8(row.expected));
+    }
+}
+
+// V1 and V2 may be targets; V3 (40 GB free), V4 (30 GB) and V5 (20 GB) are
+// further fixed volumes.
+TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
+    struct Row {
+        const char* name;
+        std::vector<std::u16string> targets;
+        std::vector<std::u16string> preferred;
+        std::vector<std::u16string> excluded;
+        int chosen;
+        PlacementOutcome outcome;
+    };
+    const std::vector<Row> rows = {
+        {"PreferredBeatsExcluded", {guid(1)}, {u"G:"}, {u"g:\\"}, 5, PlacementOutcome::kPreferred},
+        {"ExcludedSkippedInFallback", {guid(1)}, {}, {u"D:"}, 3, PlacementOutcome::kFallback},
+        {"SeveralExcluded", {guid(1)}, {}, {u"d:\\", u"E:"}, 4, PlacementOutcome::kFallback},
+        {"MostFreeSpaceAmongPreferred",
+         {guid(1)},
+         {u"G:", u"F:"},
+         {},
+         4,
+         PlacementOutcome::kPreferred},
+        // A single target may keep the cache on its own volume if preferred.
+        {"SingleTargetOnItsOwnPreferredVolume",
+         {guid(1)},
+         {u"C:"},
+         {},
+         1,
+         PlacementOutcome::kPreferred},
+        // With two targets their volumes never hold the shared cache.
+        {"TwoTargetsExhaustThePreferredList",
+         {guid(1), guid(2)},
+         {guid(1), guid(2)},
+         {},
+         3,
+         PlacementOutcome::kFallback},
+        {"TargetsNotInTheFallback", {guid(2), guid(1)}, {}, {}, 3, PlacementOutcome::kFallback},
+    };
+    const std::uint64_t freeOf[] = {0, 90 * kGB, 80 * kGB, 40 * kGB, 30 * kGB, 20 * kGB};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        TempMachine machine(
+            machineWith({fixedVolume(1, {"C:\\"}, 90 * kGB), fixedVolume(2, {"D:\\"}, 80 * kGB),
+                         fixedVolume(3, {"E:\\"}, 40 * kGB), fixedVolume(4, {"F:\\"}, 30 * kGB),
+                         fixedVolume(5, {"G:\\"}, 20 * kGB)}));
+        MessageCapture capture;
+        const Placement placement = place(row.targets, hintsWith(row.preferred, row.excluded));
+        SCOPED_TRACE(describe(placement.report));
+
+        ASSERT_TRUE(placement.result);
+        EXPECT_EQ(placement.report.outcome, row.outcome);
+        EXPECT_EQ(utf8(placement.report.cacheVolume), utf8(guid(row.chosen)));
+        ASSERT_EQ(placement.paths.size(), row.targets.size());
+        ASSERT_EQ(placement.sizes.size(), row.targets.size());
+        for (std::size_t i = 0; i < row.targets.size(); ++i) {
+            EXPECT_EQ(utf8(placement.paths[i]), utf8(fileOn(row.chosen, i))) << i;
+            const bool ownVolume = row.targets[i] == guid(row.chosen);
+            // On its own volume V1: 10 percent of the 10 GB used.
+            const std::uint32_t initial = ownVolume ? 1024 : 0;
+            const std::uint32_t maximum = tenPercentMB(freeOf[row.chosen]);
+            EXPECT_EQ(placement.sizes[i], (CacheFileSizes{initial, maximum})) << i;
+        }
+        // The initial-size rule is reported only for a target's own volume.
+        EXPECT_EQ(capture.messages().empty(), row.chosen != 1);
+    }
+}
+
+TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
+    TempMachine machine(machineWith({
+        TempMachine::volume(1, {"C:\\"}, "fixed", "NTFS", 100 * kGB, 50 * kGB),
+        TempMachine::volume(2, {"D:\\"}, "fixed", "NTFS", 100 * kGB, 80 * kGB),
+        TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),
+        TempMachine::volume(4, {"F:\\"}, "fixed", "RAW"),
+        fixedVolume(5, {"G:\\"}, 50 * kGB, 0x5),
+    }));
+    MessageCapture capture;
+    const Placement placement = place({guid(1), guid(2)}, hintsWith({u"E:"}, {}), 5);
+    SCOPED_TRACE(describe(placement.report));
+
+    ASSERT_TRUE(placement.result);
+    EXPECT_EQ(placement.report.outcome, PlacementOutcome::kLastResort);
+    EXPECT_TRUE(placement.report.cacheVolume.empty());
+    ASSERT_EQ(placement.paths.size(), 2u);
+    EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(1, 5)));
+    EXPECT_EQ(utf8(placement.paths[1]), utf8(fileOn(2, 6)));
+    // Own volume: 10 percent of the used space, maximum 10 percent of free.
+    ASSERT_EQ(placement.sizes.size(), 2u);
+    EXPECT_EQ(placement.sizes[0], (CacheFileSizes{5120, 5120}));
+    EXPECT_EQ(placement.sizes[1], (CacheFileSizes{2048, 8192}));
+    ASSERT_EQ(capture.messages().size(), 2u);
+    EXPECT_EQ(utf8(capture.messages()[1].text),
+              "INFO: cachefileInitSizePercentages are considered to find cachesize for resource " +
+                  utf8(guidRoot(2)));
+}
+
+TEST(CachePlacementTest, EqualFreeSpaceGoesToTheFirstNameForAnyNumberOfVolumes) {
+    for (int count : {2, 3, 33, 40}) {
+        SCOPED_TRACE(count);
+        std::vector<nlohmann::json> volumes = {fixedVolume(1, {"C:\\"}, 90 * kGB)};
+        std::vector<std::string> mountPoints;
+        for (int number = 2; number < 2 + count; ++number) {
+            mountPoints.push_back("C:\\mnt\\v" + std::to_string(number) + "\\");
+        }
+        // Listed in reverse so the machine's own order is not the answer.
+        for (int number = 1 + count; number >= 2; --number) {
+            volumes.push_back(fixedVolume(number, {mountPoints[number - 2].c_str()}, 50 * kGB));
+        }
+        TempMachine machine(machineWith(volumes));
+        const Placement placement = place({guid(1)}, hintsWith({}, {}));
+
+        ASSERT_TRUE(placement.result);
+        EXPECT_EQ(utf8(placement.report.cacheVolume), utf8(guid(2)));
+        ASSERT_EQ(placement.report.order.size(), static_cast<std::size_t>(count));
+        for (int i = 0; i < count; ++i) {
+            EXPECT_EQ(utf8(placement.report.order[i].name), utf8(guid(2 + i))) << i;
+            EXPECT_EQ(placement.report.order[i].freeBytes, 50 * kGB) << i;
+        }
+    }
+}
+
+TEST(CachePlacementTest, TargetsKeepTheirOrderAndTakeConsecutiveNames) {
+    TempMachine machine(
+        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 10 * kGB),
+                     fixedVolume(3, {"E:\\"}, 10 * kGB), fixedVolume(4, {"F:\\"}, 60 * kGB)}));
+    CacheFileHints hints = hintsWith({}, {});
+    hints.cacheFileDir = u"kiv\\cache";
+    const Placement placement = place({guid(3), guid(1), guid(2)}, hints, 41);
+
+    ASSERT_TRUE(placement.result);
+    ASSERT_EQ(placement.paths.size(), 3u);
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        const std::string digits = std::to_string(41 + i);
+        EXPECT_EQ(utf8(placement.paths[i]),
+                  utf8(guid(4)) + "kiv\\cache\\_tarnKivCacheFile_" + digits + ".KIV");
+    }
+    EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(3, {0, tenPercentMB(60 * kGB)}));
+}
+
+TEST(CachePlacementTest, EmptyTargetListPlacesNothing) {
+    TempMachine machine(machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB)}));
+    std::vector<std::u16string> paths = {u"kept"};
+    std::vector<CacheFileSizes> sizes = {{1, 2}};
+    TestMutex mutex;
+    EXPECT_TRUE(placeCacheFiles(mutex.get(), {}, hintsWith({}, {}), paths, sizes));
+    EXPECT_EQ(paths.size(), 1u);
+    EXPECT_EQ(sizes.size(), 1u);
+}
+
+// Holds the provider mutex on its own thread until released.
+class MutexHolder {
+  public:
+    explicit MutexHolder(os::HANDLE mutex) {
+        thread_ = std::thread([this, mutex] {
+            taken_.set_value(os::WaitForSingleObject(mutex, 0));
+            release_.get_future().wait();
+            if (!abandon_) {
+                os::ReleaseMutex(mutex);
+            }
+        });
+        waitResult_ = taken_.get_future().get();
+    }
+    ~MutexHolder() { finish(/*abandon=*/false); }
+    MutexHolder(const MutexHolder&) = delete;
+    MutexHolder& operator=(const MutexHolder&) = delete;
+
+    os::DWORD waitResult() const { return waitResult_; }
+    // Ends the holding thread, releasing the mutex or leaving it abandoned.
+    void finish(bool abandon) {
+        if (thread_.joinable()) {
+            abandon_ = abandon;
+            release_.set_value();
+            thread_.join();
+        }
+    }
+
+  private:
+    std::promise<os::DWORD> taken_;
+    std::promise<void> release_;
+    std::thread thread_;
+    bool abandon_ = false;
+    os::DWORD waitResult_ = os::WAIT_FAILED;
+};
+
+TEST(CachePlacementTest, MutexHeldOrAbandonedMeansNothingPlaced) {
+    for (bool abandoned : {false, true}) {
+        SCOPED_TRACE(abandoned ? "abandoned" : "held");
+        TempMachine machine(
+            machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
+        TestMutex mutex;
+        MutexHolder holder(mutex.get());
+        ASSERT_EQ(holder.waitResult(), os::WAIT_OBJECT_0);
+        if (abandoned) {
+            holder.finish(/*abandon=*/true);
+        }
+        sim::useVirtualClock(true);
+        std::vector<std::u16string> paths;
+        std::vector<CacheFileSizes> sizes;
+        PlacementReport report;
+        const bool result =
+            placeCacheFiles(mutex.get(), {guid(1)}, hintsWith({}, {}), paths, sizes, &report);
+        sim::useVirtualClock(false);
+
+        EXPECT_FALSE(result);
+        EXPECT_TRUE(paths.empty());
+        EXPECT_TRUE(sizes.empty());
+        EXPECT_EQ(report.outcome, PlacementOutcome::kMutexNotObtained);
+    }
+}
+
+TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
+    struct Row {
+        const char* unbindable;
+        std::vector<std::u16string> preferred;
+    };
+    const Row rows[] = {
+        {"FindFirstVolumeW", {}},
+        {"GetVolumeNameForVolumeMountPointW", {u"D:"}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.unbindable);
+        TempMachine machine(
+            machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
+        sim::makeUnbindable("kernel32.dll", row.unbindable);
+        TestMutex mutex;
+        std::vector<std::u16string> paths;
+        std::vector<CacheFileSizes> sizes;
+        std::optional<os::DWORD> thrown;
+        try {
+            placeCacheFiles(mutex.get(), {guid(1)}, hintsWith(row.preferred, {}), paths, sizes);
+        } catch (os::DWORD error) {
+            thrown = error;
+        }
+        ASSERT_TRUE(thrown.has_value());
+        EXPECT_EQ(*thrown, os::ERROR_PROC_NOT_FOUND);
+        EXPECT_TRUE(paths.empty());
+        EXPECT_TRUE(sizes.empty());
+        // Another thread gets the mutex at once: the failed placement let go.
+        MutexHolder other(mutex.get());
+        EXPECT_EQ(other.waitResult(), os::WAIT_OBJECT_0);
+    }
+}
+
+TEST(CachePlacementTest, FailedFreeSpaceQueryRanksAVolumeLast) {
+    TempMachine machine(
+        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB),
+                     fixedVolume(3, {"E:\\"}, 40 * kGB)}));
+    // Every query fails: no volume has more space than another, so name
+    // order decides, and the maximum falls to its floor.
+    sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, 0, sim::kAlways);
+    const Placement placement = place({guid(1)}, hintsWith({}, {}));
+    ASSERT_TRUE(placement.result);
+    EXPECT_EQ(utf8(placement.report.cacheVolume), utf8(guid(2)));
+    EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, {0, 50}));
+}
+
+TEST(CachePlacementTest, TraceLinesExplainTheChoice) {
+    TempMachine machine(
+        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
+                     TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS")}));
+    LogCapture log;
+    const Placement placement = place({guid(1)}, hintsWith({u"e:"}, {}));
+    ASSERT_TRUE(placement.result);
+
+    const std::vector<std::string> expected = {
+        "preferred " + utf8(guid(3)) +
+            " (configured as e:): removed, not a fixed disk (drive type 5)",
+        "volume " + utf8(guid(1)) + ": removed, a target volume",
+        "cache volume " + utf8(guid(2)) + ": the usable volume with the most free space",
+    };
+    for (const std::string& line : expected) {
+        bool found = false;
+        for (const HostMessage& logged : log.lines()) {
+            found = found || utf8(logged.text).find(line) != std::string::npos;
+        }
+        EXPECT_TRUE(found) << line;
+    }
+}
+
+TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
+    CacheFileHints hints = hintsWith({u"D:", u"E:\\"}, {u"F:"});
+    hints.cacheFileDir = u"not shown";
+    hints.initialCacheFileSizeMB = 100;
+    hints.maxCacheFileSizeMB = 4294967295u;
+    EXPECT_EQ(utf8(formatCacheFileRequest({guid(1), u"C:"}, hints)),
+              "\tTargets\n"
+              "\t\t" +
+                  utf8(guid(1)) +
+                  "\n"
+                  "\t\tC:\n"
+                  "\tHints\n"
+                  "\t\texcludedVolumes = F:,\n"
+                  "\t\tpreferredVolumes = D:,E:\\,\n"
+                  "\t\tinitialCacheFileSizeMB = 100\n"
+                  "\t\tmaxCacheFileSizeMB = 4294967295\n"
+                  "\t\tinitialCacheFileSizePct = 10\n"
+                  "\t\tmaxCacheFileSizePct = 10\n");
+    EXPECT_EQ(utf8(formatCacheFileRequest({}, CacheFileHints{})),
+              "\tTargets\n\tHints\n\t\texcludedVolumes = \n\t\tpreferredVolumes = \n"
+              "\t\tinitialCacheFileSizeMB = 0\n\t\tmaxCacheFileSizeMB = 0\n"
+              "\t\tinitialCacheFileSizePct = 0\n\t\tmaxCacheFileSizePct = 0\n");
+}
+
+// A child process that places the cache file of volume 1 on the current
+// machine and writes "<result> <path> <initial> <maximum>" to the file named
+// by its first argument. With "virtual" as second argument its mutex wait
+// runs on the virtual clock, so a held mutex fails it at once.
+FIKIV_CHILD_ROLE(placeOneCacheFile) {
+    if (arguments.empty()) {
+        return 1;
+    }
+    if (arguments.size() > 1 && arguments[1] == "virtual") {
+        sim::useVirtualClock(true);
+    }
+    std::vector<std::u16string> paths;
+    std::vector<CacheFileSizes> sizes;
+    bool result = false;
+    try {
+        result = placeCacheFiles(ProviderMutex(), {guid(1)}, hintsWith({}, {}), paths, sizes);
+    } catch (...) {
+        return 2;
+    }
+    std::ofstream out(arguments[0]);
+    out << (result ? "placed" : "refused");
+    if (result && paths.size() == 1 && sizes.size() == 1) {
+        out << ' ' << utf8(paths[0]) << ' ' << sizes[0].first << ' ' << sizes[0].second;
+    }
+    return out ? 0 : 3;
+}
+
+std::string readFile(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+TEST(CachePlacementProcessTest, ConcurrentProcessesSerialiseAndPickTheSameName) {
+    TempMachine machine(
+        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
+    const std::filesystem::path first = machine.directory() / "first.txt";
+    const std::filesystem::path second = machine.directory() / "second.txt";
+
+    const pid_t a = testsupport::startChild("placeOneCacheFile", {first.string()});
+    const pid_t b = testsupport::startChild("placeOneCacheFile", {second.string()});
+    ASSERT_EQ(testsupport::waitChild(a), 0);
+    ASSERT_EQ(testsupport::waitChild(b), 0);
+
+    // The mutex makes the two choices one after the other, but it does not
+    // reserve names: each process starts its own counter at 0, and the driver
+    // creates the file only when the snapshot is prepared, after the mutex is
+    // gone. So neither process sees the other's file, and both pick the same
+    // name on the same volume.
+    const std::string expected =
+        "placed " + utf8(fileOn(2, 0)) + " 0 " + std::to_string(tenPercentMB(50 * kGB));
+    EXPECT_EQ(readFile(first), expected);
+    EXPECT_EQ(readFile(second), expected);
+}
+
+TEST(CachePlacementProcessTest, ProcessIsRefusedWhileAnotherHoldsTheMutex) {
+    TempMachine machine(
+        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
+    const std::filesystem::path blocked = machine.directory() / "blocked.txt";
+    const std::filesystem::path after = machine.directory() / "after.txt";
+    {
+        TestMutex mutex;
+        MutexHolder holder(mutex.get());
+        ASSERT_EQ(holder.waitResult(), os::WAIT_OBJECT_0);
+        const pid_t child =
+            testsupport::startChild("placeOneCacheFile", {blocked.string(), "virtual"});
+        ASSERT_EQ(testsupport::waitChild(child), 0);
+    }
+    const pid_t child = testsupport::startChild("placeOneCacheFile", {after.string(), "virtual"});
+    ASSERT_EQ(testsupport::waitChild(child), 0);
+
+    EXPECT_EQ(readFile(blocked), "refused");
+    EXPECT_EQ(readFile(after).rfind("placed ", 0), 0u) << readFile(after);
+}
+
+}  // namespace
+}  // namespace cachefiletest
