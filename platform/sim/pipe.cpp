@@ -445,9 +445,8 @@ DWORD connectServed(const PipeFiles& files, DWORD waitMs, int* connected) {
                 return 0;
             }
             // The server closed the queued connection (it stopped serving):
-            // try again, which tells whether the name is still served.
-            close(fd);
-            continue;
+            // try again within the wait, which tells whether the name is
+            // still served.
         }
         close(fd);
         if (error != 0 && error != EAGAIN) {
