@@ -22,6 +22,7 @@
 #include "kiv/cachefile/kivapi.h"
 #include "os/error.h"
 #include "sim/errors.h"
+#include "sim/handles.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
 
@@ -447,7 +448,19 @@ KIV_EXPORT std::uint32_t KIV_Prepare(const void* parameters, std::uint16_t count
             return status;
         }
         store.sets().push_back(std::move(set));
-        store.commit();
+        try {
+            store.commit();
+        } catch (...) {
+            // The set was never recorded: take back what was made for it.
+            KivHandle unrecorded = handle;
+            close(sim::fdFromHandle(
+                reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(unrecorded))));
+            for (const PreparedElement& prepared : elements) {
+                removeFile(prepared.element.cacheHostPath);
+            }
+            std::filesystem::remove(store.setPath(store.sets().back().id), error);
+            throw;
+        }
         *snapshot = handle;
         return os::ERROR_SUCCESS;
     });
