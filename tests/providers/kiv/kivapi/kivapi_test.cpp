@@ -9,7 +9,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -104,6 +107,28 @@ FIKIV_CHILD_ROLE(unbindableExport) {
     return failures;
 }
 
+// Many threads ask for the table at once: it is built once, from one load.
+FIKIV_CHILD_ROLE(concurrentFirstUse) {
+    std::vector<KivApi*> seen(32, nullptr);
+    std::vector<std::thread> threads;
+    std::latch start(static_cast<std::ptrdiff_t>(seen.size()));
+    for (std::size_t i = 0; i < seen.size(); ++i) {
+        threads.emplace_back([&seen, &start, i] {
+            start.arrive_and_wait();
+            seen[i] = kivApi();
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    int failures = 0;
+    for (KivApi* api : seen) {
+        failures += api == nullptr || api != seen.front();
+    }
+    failures += sim::callCount("LoadLibraryW") != 1;
+    return failures;
+}
+
 // Opens the provider mutex, then checks under which name it exists.
 FIKIV_CHILD_ROLE(mutexName) {
     int failures = 0;
@@ -178,6 +203,11 @@ TEST(KivApiTest, LibraryLackingOneExportIsNotBound) {
         SCOPED_TRACE(name);
         EXPECT_EQ(runChild("unbindableExport", {name}), 0);
     }
+}
+
+TEST(KivApiTest, ConcurrentFirstUsesBuildTheTableOnce) {
+    TempMachine machine(machineOfVersion(10));
+    EXPECT_EQ(runChild("concurrentFirstUse"), 0);
 }
 
 TEST(KivApiTest, ForwardingCallsReachTheDriver) {
