@@ -56,10 +56,6 @@ std::string utf8(const std::u16string& text) {
     return toNarrow(text, os::CP_UTF8);
 }
 
-std::u16string wide(const std::string& text) {
-    return toWide(text, os::CP_UTF8);
-}
-
 std::filesystem::path hostPathOf(const std::u16string& windowsPath) {
     auto resolved = sim::Machine::current().resolve(windowsPath);
     if (!resolved) {
@@ -91,10 +87,6 @@ MessageCapture::~MessageCapture() {
 
 const std::vector<HostMessage>& MessageCapture::messages() const {
     return hostMessages();
-}
-
-void MessageCapture::clear() {
-    hostMessages().clear();
 }
 
 LogCapture::LogCapture() {

@@ -25,9 +25,8 @@ nlohmann::json machineWith(const std::vector<nlohmann::json>& volumes);
 std::u16string guid(int number);
 std::u16string guidRoot(int number);
 
-// UTF-8 for readable failure messages.
+// UTF-8, for readable failure messages.
 std::string utf8(const std::u16string& text);
-std::u16string wide(const std::string& text);
 
 // The Linux file behind a Windows path of the current machine.
 std::filesystem::path hostPathOf(const std::u16string& windowsPath);
@@ -37,7 +36,6 @@ void createFileAt(const std::u16string& windowsPath);
 struct HostMessage {
     std::u16string text;
     std::uint32_t level = 0;
-    bool operator==(const HostMessage&) const = default;
 };
 
 // Points the coordinator's framework context at a recorder for its lifetime.
@@ -49,7 +47,6 @@ class MessageCapture {
     MessageCapture& operator=(const MessageCapture&) = delete;
 
     const std::vector<HostMessage>& messages() const;
-    void clear();
 
   private:
     tarn_context context_{};

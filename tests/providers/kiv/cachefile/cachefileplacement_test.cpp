@@ -522,6 +522,35 @@ TEST(CachePlacementTest, TraceLinesExplainTheChoice) {
     }
 }
 
+// Before major version 5 volumes are drive roots, compared in their device
+// form "\\.\X:\". The node names a target "C:\", which is not that form, so
+// the fallback does not know C: as the target's volume and may choose it.
+TEST(CachePlacementTest, OldSystemComparesDriveRootsInDeviceForm) {
+    struct Row {
+        std::vector<std::u16string> preferred;
+        const char* path;
+        CacheFileSizes sizes;
+    };
+    const Row rows[] = {
+        {{u"e:"}, "\\\\.\\E:\\_tarnKivCacheFile_0.KIV", {0, 2048}},
+        {{}, "\\\\.\\C:\\_tarnKivCacheFile_0.KIV", {0, 9216}},
+    };
+    for (const Row& row : rows) {
+        nlohmann::json description =
+            machineWith({fixedVolume(1, {"C:\\"}, 90 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
+                         fixedVolume(3, {"E:\\"}, 20 * kGB)});
+        description["majorVersion"] = 4;
+        TempMachine machine(description);
+        const Placement placement = place({u"C:\\"}, hintsWith(row.preferred, {}));
+        SCOPED_TRACE(describe(placement.report));
+
+        ASSERT_TRUE(placement.result);
+        ASSERT_EQ(placement.paths.size(), 1u);
+        EXPECT_EQ(utf8(placement.paths[0]), row.path);
+        EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, row.sizes));
+    }
+}
+
 TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
     CacheFileHints hints = hintsWith({u"D:", u"E:\\"}, {u"F:"});
     hints.cacheFileDir = u"not shown";
@@ -580,7 +609,7 @@ std::string readFile(const std::filesystem::path& file) {
     return text.str();
 }
 
-TEST(CachePlacementProcessTest, ConcurrentProcessesSerialiseAndPickTheSameName) {
+TEST(CachePlacementProcessTest, ConcurrentProcessesBothPlaceAndPickTheSameName) {
     TempMachine machine(
         machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
     const std::filesystem::path first = machine.directory() / "first.txt";
