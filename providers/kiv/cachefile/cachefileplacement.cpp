@@ -138,22 +138,43 @@ std::vector<std::u16string> namesOf(
     return names;
 }
 
+// A stable bottom-up merge sort. Unlike std::stable_sort, whose insertion
+// step walks without bounds checks, it never leaves the range when `less`
+// answers inconsistently, which free space queried afresh may do while other
+// writers fill a volume.
+template <typename Less>
+void stableMergeSort(std::vector<std::u16string>& items, Less less) {
+    const std::size_t size = items.size();
+    std::vector<std::u16string> merged(size);
+    for (std::size_t width = 1; width < size; width *= 2) {
+        for (std::size_t low = 0; low < size; low += 2 * width) {
+            const std::size_t middle = std::min(low + width, size);
+            const std::size_t high = std::min(low + 2 * width, size);
+            // On ties std::merge takes the left element first: stable.
+            std::merge(std::make_move_iterator(items.begin() + low),
+                       std::make_move_iterator(items.begin() + middle),
+                       std::make_move_iterator(items.begin() + middle),
+                       std::make_move_iterator(items.begin() + high), merged.begin() + low, less);
+        }
+        items.swap(merged);
+    }
+}
+
 // Orders `survivors` (ascending by name) by total free bytes, most first,
-// names in ascending order among equals. The sort runs backwards over the
-// list so that a stable ascending sort yields the descending order while
-// keeping equal volumes in name order, whatever the number of candidates.
+// names in ascending order among equals, for any number of candidates: the
+// list is reversed, sorted stably by ascending free space and read backwards.
 std::vector<PlacementRank> orderByFreeSpace(std::vector<std::u16string> survivors) {
     std::map<std::u16string, std::uint64_t> seen;
-    std::stable_sort(survivors.rbegin(), survivors.rend(),
-                     [&seen](const std::u16string& a, const std::u16string& b) {
-                         // The same two queries as freeSpaceLess, remembered
-                         // for the report.
-                         const std::uint64_t freeA = queryVolumeSpace(a).freeBytes;
-                         const std::uint64_t freeB = queryVolumeSpace(b).freeBytes;
-                         seen[a] = freeA;
-                         seen[b] = freeB;
-                         return freeA < freeB;
-                     });
+    std::reverse(survivors.begin(), survivors.end());
+    stableMergeSort(survivors, [&seen](const std::u16string& a, const std::u16string& b) {
+        // The same two queries as freeSpaceLess, remembered for the report.
+        const std::uint64_t freeA = queryVolumeSpace(a).freeBytes;
+        const std::uint64_t freeB = queryVolumeSpace(b).freeBytes;
+        seen[a] = freeA;
+        seen[b] = freeB;
+        return freeA < freeB;
+    });
+    std::reverse(survivors.begin(), survivors.end());
     std::vector<PlacementRank> order;
     order.reserve(survivors.size());
     for (std::u16string& name : survivors) {

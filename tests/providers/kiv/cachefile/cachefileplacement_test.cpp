@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -361,6 +362,40 @@ TEST(CachePlacementTest, EqualFreeSpaceGoesToTheFirstNameForAnyNumberOfVolumes) 
             EXPECT_EQ(utf8(placement.report.order[i].name), utf8(guid(2 + i))) << i;
             EXPECT_EQ(placement.report.order[i].freeBytes, 50 * kGB) << i;
         }
+    }
+}
+
+// Free space is queried afresh at every comparison, so a volume's answer can
+// change in the middle of the order (here: some queries fail and count as 0).
+// The order must still hold every usable volume exactly once.
+TEST(CachePlacementTest, FreeSpaceChangingDuringTheOrderKeepsEveryVolumeOnce) {
+    for (std::uint32_t skip : {0u, 5u, 40u, 90u}) {
+        SCOPED_TRACE(skip);
+        std::vector<nlohmann::json> volumes = {fixedVolume(1, {"C:\\"}, 90 * kGB)};
+        std::vector<std::string> mountPoints;
+        for (int number = 2; number <= 41; ++number) {
+            mountPoints.push_back("C:\\mnt\\v" + std::to_string(number) + "\\");
+        }
+        for (int number = 2; number <= 41; ++number) {
+            volumes.push_back(fixedVolume(number, {mountPoints[number - 2].c_str()},
+                                          static_cast<std::uint64_t>(number % 7 + 1) * kGB));
+        }
+        TempMachine machine(machineWith(volumes));
+        sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, skip, 25);
+        const Placement placement = place({guid(1)}, hintsWith({}, {}));
+
+        ASSERT_TRUE(placement.result);
+        std::vector<std::string> ordered;
+        for (const PlacementRank& rank : placement.report.order) {
+            ordered.push_back(utf8(rank.name));
+        }
+        std::sort(ordered.begin(), ordered.end());
+        std::vector<std::string> expected;
+        for (int number = 2; number <= 41; ++number) {
+            expected.push_back(utf8(guid(number)));
+        }
+        EXPECT_EQ(ordered, expected);
+        EXPECT_EQ(placement.report.cacheVolume, placement.report.order.front().name);
     }
 }
 
