@@ -6,12 +6,12 @@
 // the library is unloaded. All state sits behind one mutex.
 #include "tarn/tarnutil.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
+#include <string>
 #include <type_traits>
 
 namespace host {

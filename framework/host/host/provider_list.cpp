@@ -1,5 +1,8 @@
 #include "host/provider_list.h"
 
+#include <string>
+#include <utility>
+
 #include "host/plugin_host.h"
 #include "host/text.h"
 #include "tarn/tarnutil.h"

@@ -1,0 +1,61 @@
+// The fihost program as a user runs it: the plug-in found next to it by
+// default, its answers printed, and failures named with a failing exit code.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+struct RunResult {
+    int exitCode = -1;
+    std::string output;  // stdout and stderr together
+};
+
+RunResult runFihost(const std::string& arguments) {
+    RunResult result;
+    std::string command = std::string(FIHOST_PATH) + " " + arguments + " 2>&1";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return result;
+    }
+    char buffer[512];
+    std::size_t read = 0;
+    while ((read = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
+        result.output.append(buffer, read);
+    }
+    int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+TEST(FihostTest, CommandsAnswerAsAUserExpects) {
+    struct Row {
+        const char* name;
+        std::string arguments;
+        bool succeeds;
+        std::string shown;
+    };
+    const Row rows[] = {
+        {"ProvidersWithDefaultPlugin", "providers", true,
+         "provider fikiv\n"
+         "  interface version 7.0.0.0\n"
+         "  method KIV_fim: Kiv Snapshot Provider, version 1.05\n"},
+        {"PluginOptionAfterSubcommand", std::string("providers --plugin ") + FIKIV_PLUGIN_PATH,
+         true, "provider fikiv\n"},
+        {"InitWithLocale", "init --locale de", true, "init: status 0, version 7.0.0.0\n"},
+        {"MissingPlugin", "--plugin /nonexistent/libfikiv.so providers", false,
+         "no plug-in library at /nonexistent/libfikiv.so"},
+        {"NoSubcommand", "", false, "subcommand"},
+        {"UnknownSubcommand", "nosuchcommand", false, "subcommand"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        RunResult result = runFihost(row.arguments);
+        EXPECT_EQ(result.exitCode == 0, row.succeeds) << result.output;
+        EXPECT_NE(result.output.find(row.shown), std::string::npos) << result.output;
+    }
+}
+
+}  // namespace
