@@ -16,9 +16,11 @@ namespace {
 using nlohmann::json;
 
 // flock keeps out other processes only; threads of this process queue here.
+// A plain function-local object: the library can be unloaded, and an object
+// left on the heap would then be lost rather than kept.
 std::mutex& processLock() {
-    static std::mutex* mutex = new std::mutex;
-    return *mutex;
+    static std::mutex mutex;
+    return mutex;
 }
 
 [[noreturn]] void throwErrno(const std::string& what) {

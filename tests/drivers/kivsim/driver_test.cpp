@@ -518,9 +518,11 @@ TEST(KivDriverTest, MultiVolumeSetIsCreatedAndDestroyedPerVolume) {
 
     // One cache path twice in one call is refused too.
     c = openVolume("C:");
+    const std::string third = generatedName();
+    const std::string fourth = generatedName();
     KivSnapshotParametersRecord twice[] = {
-        element(c, generatedName(), "E:\\same.KIV"),
-        element(c, generatedName(), "E:\\same.KIV"),
+        element(c, third, "E:\\same.KIV"),
+        element(c, fourth, "E:\\same.KIV"),
     };
     EXPECT_NE(KIV_Prepare(&api(), twice, 2, 40, &set), 0u);
     KIV_Close(&api(), &c);
