@@ -793,20 +793,9 @@ void Machine::prepareDirectories() const {
     // that listing the parent folder shows them.
     for (std::size_t v = 0; v < volumes_.size(); ++v) {
         for (const std::u16string& mountPoint : mountPoints_[v]) {
-            std::filesystem::path folder = volumes_[v].backingDirectory;
-            for (const std::u16string& component : splitComponents(mountPoint)) {
-                std::filesystem::path next = folder / toUtf8(component);
-                if (!std::filesystem::exists(next, error)) {
-                    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-                        if (equalsIgnoreCaseUtf8(entry.path().filename().string(),
-                                                 toUtf8(component))) {
-                            next = entry.path();
-                            break;
-                        }
-                    }
-                }
-                folder = next;
-            }
+            std::u16string relative;
+            const std::filesystem::path folder = matchHostPath(
+                volumes_[v].backingDirectory, splitComponents(mountPoint), 0, &relative);
             std::filesystem::create_directories(folder, error);
             if (error) {
                 throw MachineError("machine file " + file_.string() +

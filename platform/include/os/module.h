@@ -4,8 +4,10 @@
 // "kernel32.dll" is always loaded; GetProcAddress on it resolves the volume
 // functions of os/volume.h by their Win32 names. LoadLibraryW("kivapi.dll")
 // loads the driver library (libkivapi.so) from the directory named by the
-// environment variable FIKIV_LIBRARY_PATH, else from the directory that holds
-// the platform library itself.
+// environment variable FIKIV_LIBRARY_PATH (a colon-separated list), else from
+// the directory that holds the platform library itself, else through the
+// dynamic loader's own search. Any other "name.dll" maps to "libname.so" the
+// same way. Library names ignore case.
 #ifndef PLATFORM_INCLUDE_OS_MODULE_H_
 #define PLATFORM_INCLUDE_OS_MODULE_H_
 
@@ -15,9 +17,13 @@ namespace os {
 
 // NULL with ERROR_MOD_NOT_FOUND when the library cannot be found or loaded.
 HMODULE LoadLibraryW(LPCWSTR fileName);
-// NULL with ERROR_PROC_NOT_FOUND when the module has no export of that name,
-// ERROR_INVALID_HANDLE for a null module.
+// NULL with ERROR_PROC_NOT_FOUND when the module has no export of that name
+// (export names are case-sensitive; ordinals are not supported),
+// ERROR_INVALID_HANDLE for a null module, ERROR_MOD_NOT_FOUND for a handle
+// that names no loaded module.
 FARPROC GetProcAddress(HMODULE module, LPCSTR procName);
+// Drops one reference of LoadLibraryW; the library is unloaded with the last.
+// FALSE with ERROR_INVALID_HANDLE for a module that is not loaded.
 BOOL FreeLibrary(HMODULE module);
 // Handle of an already loaded module ("kernel32.dll", case-insensitive), or
 // NULL with ERROR_MOD_NOT_FOUND.

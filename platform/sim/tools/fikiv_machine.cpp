@@ -8,11 +8,13 @@
 // Exit codes: 0 success, 1 the machine or description is broken, 2 bad usage.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
 
 #include "os/error.h"
+#include "os/module.h"
 #include "os/version.h"
 #include "os/volume.h"
 #include "sim/machine.h"
@@ -77,6 +79,63 @@ std::string attributeText(std::uint32_t attributes) {
     }
     return text;
 }
+
+// The snapshot driver's attributes of a volume, asked of the driver library
+// the way the plug-in asks them.
+class DriverView {
+public:
+    DriverView() {
+        module_ = os::LoadLibraryW(u"kivapi.dll");
+        if (module_ == nullptr) {
+            return;
+        }
+        open_ = reinterpret_cast<OpenFunction>(os::GetProcAddress(module_, "KIV_Open"));
+        close_ = reinterpret_cast<CloseFunction>(os::GetProcAddress(module_, "KIV_Close"));
+        information_ = reinterpret_cast<InformationFunction>(
+            os::GetProcAddress(module_, "KIV_GetVolumeInformation"));
+    }
+    ~DriverView() {
+        if (module_ != nullptr) {
+            os::FreeLibrary(module_);
+        }
+    }
+    DriverView(const DriverView&) = delete;
+    DriverView& operator=(const DriverView&) = delete;
+
+    bool available() const { return open_ != nullptr && close_ != nullptr && information_ != nullptr; }
+
+    // False when the driver does not answer for the volume.
+    bool attributes(const std::u16string& volumeName, std::uint32_t* attributes) const {
+        std::string name = sim::toUtf8(volumeName);
+        while (!name.empty() && name.back() == '\\') {
+            name.pop_back();
+        }
+        std::uint64_t handle = ~std::uint64_t{0};
+        if (open_(name.c_str(), 3, 128, 3, 1000, &handle) != 0 || handle == 0 ||
+            handle == ~std::uint64_t{0}) {
+            return false;
+        }
+        unsigned char record[40] = {};
+        const std::uint32_t status = information_(handle, sizeof(record), record);
+        close_(&handle);
+        if (status != 0) {
+            return false;
+        }
+        std::memcpy(attributes, record, sizeof(*attributes));
+        return true;
+    }
+
+private:
+    using OpenFunction = std::uint32_t (*)(const char*, std::uint32_t, std::uint32_t,
+                                           std::uint32_t, std::uint32_t, std::uint64_t*);
+    using CloseFunction = std::uint32_t (*)(std::uint64_t*);
+    using InformationFunction = std::uint32_t (*)(std::uint64_t, std::uint16_t, void*);
+
+    os::HMODULE module_ = nullptr;
+    OpenFunction open_ = nullptr;
+    CloseFunction close_ = nullptr;
+    InformationFunction information_ = nullptr;
+};
 
 std::vector<std::u16string> volumeNames() {
     std::vector<std::u16string> names;
@@ -150,6 +209,12 @@ int show() {
 
     const std::vector<std::u16string> names = volumeNames();
     const auto paths = volumePaths(names);
+    const DriverView driver;
+    if (!driver.available()) {
+        std::printf("(driver library not loaded, error %u: driver attributes are taken from the "
+                    "description)\n\n",
+                    os::GetLastError());
+    }
     for (const std::u16string& name : names) {
         std::printf("%s\n", utf8(name).c_str());
         std::string pathList;
@@ -183,8 +248,14 @@ int show() {
         } else {
             std::printf("  space        unknown (error %u)\n", os::GetLastError());
         }
-        // The driver's view of the volume, as the machine gives it to the driver library.
-        if (const sim::Volume* volume = machine->findVolume(name)) {
+        std::uint32_t attributes = 0;
+        if (driver.available()) {
+            if (driver.attributes(name, &attributes)) {
+                std::printf("  driver       %s\n", attributeText(attributes).c_str());
+            } else {
+                std::printf("  driver       does not answer\n");
+            }
+        } else if (const sim::Volume* volume = machine->findVolume(name)) {
             std::printf("  driver       %s\n", attributeText(volume->driverAttributes).c_str());
         }
     }

@@ -100,8 +100,9 @@ public:
     // Loads the current machine once if that was not tried since the last
     // reset, so its listed faults are registered. Never throws.
     static void ensureLoadAttempted();
-    // Writes the built-in default machine to `file` (and its backing
-    // directories) when the file does not exist yet.
+    // Writes the built-in default machine to `file` unless the file already
+    // holds exactly that description (a file from an older build is
+    // replaced). Backing directories are made when the machine is loaded.
     static void writeDefault(const std::filesystem::path& file);
 
     const std::filesystem::path& file() const { return file_; }
