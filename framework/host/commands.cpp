@@ -29,6 +29,8 @@ const std::vector<Command>& commandTable() {
         {"providers", "Show the provider's name, interface version and methods",
          &configureProviders},
         {"init", "Initialise the provider and print what it reports", &configureInit},
+        {"volumes", "List the machine's volumes and whether the provider would interpose each",
+         &configureVolumes},
     };
     return table;
 }

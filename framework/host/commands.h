@@ -57,6 +57,7 @@ inline constexpr int kExitFailed = 1;
 // One configure function per subcommand file.
 CommandRun configureInit(CLI::App& command);
 CommandRun configureProviders(CLI::App& command);
+CommandRun configureVolumes(CLI::App& command);
 
 }  // namespace fihost
 
