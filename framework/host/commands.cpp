@@ -31,6 +31,10 @@ const std::vector<Command>& commandTable() {
         {"init", "Initialise the provider and print what it reports", &configureInit},
         {"volumes", "List the machine's volumes and whether the provider would interpose each",
          &configureVolumes},
+        {"config-info", "Print the provider's configuration information documents",
+         &configureConfigInfo},
+        {"config-set", "Hand the provider a settings document and show what it keeps",
+         &configureConfigSet},
     };
     return table;
 }

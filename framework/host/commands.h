@@ -58,6 +58,8 @@ inline constexpr int kExitFailed = 1;
 CommandRun configureInit(CLI::App& command);
 CommandRun configureProviders(CLI::App& command);
 CommandRun configureVolumes(CLI::App& command);
+CommandRun configureConfigInfo(CLI::App& command);
+CommandRun configureConfigSet(CLI::App& command);
 
 }  // namespace fihost
 
