@@ -30,9 +30,9 @@ std::string guidText(int number) {
 // volumes mounted in folders of C:, every fourth of those nested one level
 // deeper in the previous mounted volume, and every tenth without any path.
 std::filesystem::path writeMachine(int count) {
-    const std::filesystem::path directory = std::filesystem::temp_directory_path() /
-                                            ("fikiv-bench-" + std::to_string(getpid()) + "-" +
-                                             std::to_string(count));
+    const std::filesystem::path directory =
+        std::filesystem::temp_directory_path() /
+        ("fikiv-bench-" + std::to_string(getpid()) + "-" + std::to_string(count));
     std::filesystem::create_directories(directory);
     nlohmann::json volumes = nlohmann::json::array();
     std::string previousMount;
@@ -62,7 +62,7 @@ std::filesystem::path writeMachine(int count) {
 
 // Makes the generated machine of `count` volumes current for one benchmark.
 class GeneratedMachine {
-public:
+  public:
     explicit GeneratedMachine(int count) : file_(writeMachine(count)) {
         setenv("FIKIV_MACHINE", file_.c_str(), 1);
         sim::Machine::reset();
@@ -76,7 +76,7 @@ public:
     GeneratedMachine(const GeneratedMachine&) = delete;
     GeneratedMachine& operator=(const GeneratedMachine&) = delete;
 
-private:
+  private:
     std::filesystem::path file_;
 };
 
@@ -123,7 +123,8 @@ void BM_EnumerateMountPoints(benchmark::State& state) {
         std::size_t found = 0;
         for (const std::u16string& volume : names) {
             char16_t mountPoint[os::MAX_PATH];
-            os::HANDLE find = os::FindFirstVolumeMountPointW(volume.c_str(), mountPoint, os::MAX_PATH);
+            os::HANDLE find =
+                os::FindFirstVolumeMountPointW(volume.c_str(), mountPoint, os::MAX_PATH);
             if (find == os::INVALID_HANDLE_VALUE) {
                 continue;
             }

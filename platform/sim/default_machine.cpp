@@ -34,14 +34,10 @@ nlohmann::json volume(const char* guid, std::initializer_list<const char*> paths
     for (const char* path : paths) {
         pathList.push_back(path);
     }
-    return {{"guid", guid},
-            {"paths", pathList},
-            {"type", type},
-            {"fileSystem", fileSystem},
-            {"label", label},
-            {"totalBytes", totalBytes},
-            {"freeBytes", freeBytes},
-            {"driver", {{"attributes", attributes}, {"value", 0}}}};
+    return {{"guid", guid},           {"paths", pathList},
+            {"type", type},           {"fileSystem", fileSystem},
+            {"label", label},         {"totalBytes", totalBytes},
+            {"freeBytes", freeBytes}, {"driver", {{"attributes", attributes}, {"value", 0}}}};
 }
 
 nlohmann::json defaultDescription() {
@@ -52,16 +48,16 @@ nlohmann::json defaultDescription() {
                              "Data", 1000 * kGiB, 900 * kGiB, 0x4));
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a03}", {"E:\\"}, "fixed", "ReFS",
                              "Archive", 2000 * kGiB, 750 * kGiB, 0x1 | 0x10));
-    nlohmann::json cdrom = volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a04}", {"F:\\"}, "cdrom",
-                                  "CDFS", "", 0, 0, 0x0);
+    nlohmann::json cdrom =
+        volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a04}", {"F:\\"}, "cdrom", "CDFS", "", 0, 0, 0x0);
     cdrom["mediaPresent"] = false;
     volumes.push_back(cdrom);
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a05}", {"G:\\"}, "removable",
                              "exFAT", "USB", 1000 * kGiB, 950 * kGiB, 0x1));
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a06}", {"H:\\"}, "fixed", "RAW", "",
                              800 * kGiB, 800 * kGiB, 0x0));
-    volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a07}", {"C:\\mnt\\data\\"},
-                             "fixed", "NTFS", "Mounted", 1000 * kGiB, 600 * kGiB, 0x1));
+    volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a07}", {"C:\\mnt\\data\\"}, "fixed",
+                             "NTFS", "Mounted", 1000 * kGiB, 600 * kGiB, 0x1));
     volumes.push_back(volume("{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a08}", {}, "fixed", "NTFS",
                              "Hidden", 4000 * kGiB, 3000 * kGiB, 0x1));
     return {{"generator", "fikiv default machine"},
@@ -93,7 +89,8 @@ bool holdsTheBuiltInDescription(const std::filesystem::path& file) {
 
 std::filesystem::path Machine::defaultFile() {
     const std::string user = "fikiv-" + std::to_string(::getuid());
-    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime != nullptr && runtime[0] == '/') {
+    if (const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+        runtime != nullptr && runtime[0] == '/') {
         const std::filesystem::path directory = std::filesystem::path(runtime) / user / "default";
         if (usableDirectory(directory)) {
             return directory / "machine.json";

@@ -14,9 +14,13 @@ thread_local DWORD lastError = ERROR_SUCCESS;
 
 }  // namespace
 
-DWORD GetLastError() { return lastError; }
+DWORD GetLastError() {
+    return lastError;
+}
 
-void SetLastError(DWORD code) { lastError = code; }
+void SetLastError(DWORD code) {
+    lastError = code;
+}
 
 }  // namespace os
 

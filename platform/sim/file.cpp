@@ -34,7 +34,7 @@ namespace {
 constexpr std::uint64_t kEpochDifferenceSeconds = 11644473600ull;
 
 class FileSearch final : public sim::SearchObject {
-public:
+  public:
     std::vector<WIN32_FIND_DATAW> results;
     std::size_t next = 0;
 };
@@ -202,8 +202,9 @@ DWORD GetFileAttributesW(LPCWSTR fileName) {
     struct stat info {};
     if (::stat(resolved->hostPath.c_str(), &info) != 0) {
         const int code = errno;
-        return sim::fail(code == ENOENT ? missingError(resolved->hostPath) : sim::win32FromErrno(code),
-                         INVALID_FILE_ATTRIBUTES);
+        return sim::fail(
+            code == ENOENT ? missingError(resolved->hostPath) : sim::win32FromErrno(code),
+            INVALID_FILE_ATTRIBUTES);
     }
     return attributesOf(info);
 }
@@ -295,22 +296,24 @@ HANDLE FindFirstFileW(LPCWSTR fileName, WIN32_FIND_DATAW* findFileData) {
             }
         }
         // NTFS lists a folder in name order, ignoring case.
-        std::sort(search->results.begin(), search->results.end(),
-                  [](const WIN32_FIND_DATAW& a, const WIN32_FIND_DATAW& b) {
-                      std::u16string_view left(a.cFileName);
-                      std::u16string_view right(b.cFileName);
-                      return std::lexicographical_compare(
-                          left.begin(), left.end(), right.begin(), right.end(),
-                          [](char16_t x, char16_t y) { return sim::foldCase(x) < sim::foldCase(y); });
-                  });
+        std::sort(
+            search->results.begin(), search->results.end(),
+            [](const WIN32_FIND_DATAW& a, const WIN32_FIND_DATAW& b) {
+                std::u16string_view left(a.cFileName);
+                std::u16string_view right(b.cFileName);
+                return std::lexicographical_compare(
+                    left.begin(), left.end(), right.begin(), right.end(),
+                    [](char16_t x, char16_t y) { return sim::foldCase(x) < sim::foldCase(y); });
+            });
         if (search->results.empty()) {
             return sim::fail(ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE);
         }
     } else {
         if (::stat(resolved->hostPath.c_str(), &info) != 0) {
             const int code = errno;
-            return sim::fail(code == ENOENT ? missingError(resolved->hostPath) : ERROR_PATH_NOT_FOUND,
-                             INVALID_HANDLE_VALUE);
+            return sim::fail(
+                code == ENOENT ? missingError(resolved->hostPath) : ERROR_PATH_NOT_FOUND,
+                INVALID_HANDLE_VALUE);
         }
         search->results.push_back(
             findData(info, sim::fromUtf8(resolved->hostPath.filename().string())));
@@ -447,9 +450,9 @@ BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD numberOfBytesToWrite, DWORD* n
     DWORD total = 0;
     while (total < numberOfBytesToWrite) {
         // MSG_NOSIGNAL: a closed reader must give an error code, not SIGPIPE.
-        const ssize_t put = socket ? ::send(fd, bytes + total, numberOfBytesToWrite - total,
-                                            MSG_NOSIGNAL)
-                                   : ::write(fd, bytes + total, numberOfBytesToWrite - total);
+        const ssize_t put =
+            socket ? ::send(fd, bytes + total, numberOfBytesToWrite - total, MSG_NOSIGNAL)
+                   : ::write(fd, bytes + total, numberOfBytesToWrite - total);
         if (put < 0 && errno == EINTR) {
             continue;
         }
@@ -457,8 +460,9 @@ BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD numberOfBytesToWrite, DWORD* n
             const int code = errno;
             *numberOfBytesWritten = total;
             // Writing to a pipe whose reader has gone: "the pipe is being closed".
-            return sim::fail(pipe && (code == EPIPE || code == ECONNRESET) ? ERROR_NO_DATA
-                                                                           : sim::win32FromErrno(code),
+            return sim::fail(pipe && (code == EPIPE || code == ECONNRESET)
+                                 ? ERROR_NO_DATA
+                                 : sim::win32FromErrno(code),
                              FALSE);
         }
         total += static_cast<DWORD>(put);

@@ -34,7 +34,9 @@ HandleTable& table() {
     return *instance;
 }
 
-std::uintptr_t valueOf(os::HANDLE handle) { return reinterpret_cast<std::uintptr_t>(handle); }
+std::uintptr_t valueOf(os::HANDLE handle) {
+    return reinterpret_cast<std::uintptr_t>(handle);
+}
 
 }  // namespace
 

@@ -32,7 +32,7 @@ struct HookState {
 
     bool virtualClock = false;
     std::uint64_t virtualMs = 0;
-    std::int64_t wallAtStartMs = 0;   // real wall clock when the virtual clock started
+    std::int64_t wallAtStartMs = 0;  // real wall clock when the virtual clock started
     std::uint64_t virtualAtStartMs = 0;
     std::vector<std::uint32_t> sleeps;
     std::vector<std::uint32_t> waits;
@@ -219,7 +219,8 @@ std::int64_t wallClockMs() {
     if (!hooks.virtualClock) {
         return realWallMs();
     }
-    return hooks.wallAtStartMs + static_cast<std::int64_t>(hooks.virtualMs - hooks.virtualAtStartMs);
+    return hooks.wallAtStartMs +
+           static_cast<std::int64_t>(hooks.virtualMs - hooks.virtualAtStartMs);
 }
 
 void advanceVirtualClock(std::uint64_t milliseconds) {

@@ -30,7 +30,7 @@ using nlohmann::json;
 // Line of every value of a JSON text, by field name ("volumes[2].type").
 // The text must already have parsed; the scan trusts its structure.
 class LineMap {
-public:
+  public:
     explicit LineMap(const std::string& text) : text_(text) {
         skipSpace();
         if (at_ < text_.size()) {
@@ -53,7 +53,7 @@ public:
         }
     }
 
-private:
+  private:
     void skipSpace() {
         while (at_ < text_.size() && std::isspace(static_cast<unsigned char>(text_[at_]))) {
             if (text_[at_] == '\n') {
@@ -128,9 +128,8 @@ private:
 
 // Reads one description, throwing MachineError "<file>:<line>: <field>: <problem>".
 class Reader {
-public:
-    Reader(const std::string& text, const std::filesystem::path& file)
-        : text_(text), file_(file) {}
+  public:
+    Reader(const std::string& text, const std::filesystem::path& file) : text_(text), file_(file) {}
 
     json parse() {
         try {
@@ -184,12 +183,14 @@ public:
 
     std::uint64_t unsignedNumber(const json& value, const std::string& field,
                                  std::uint64_t maximum) const {
-        if (!value.is_number_unsigned() && !(value.is_number_integer() && value.get<std::int64_t>() >= 0)) {
+        if (!value.is_number_unsigned() &&
+            !(value.is_number_integer() && value.get<std::int64_t>() >= 0)) {
             fail(field, "expected a whole number of at least 0, found " + describe(value));
         }
         const std::uint64_t number = value.get<std::uint64_t>();
         if (number > maximum) {
-            fail(field, "number " + std::to_string(number) + " is above " + std::to_string(maximum));
+            fail(field,
+                 "number " + std::to_string(number) + " is above " + std::to_string(maximum));
         }
         return number;
     }
@@ -209,7 +210,7 @@ public:
         return std::string(value.type_name()) + " " + shown;
     }
 
-private:
+  private:
     // The key of the last "name": pair that starts before `byte`, to say
     // where a syntax error sits in a long file.
     std::string lastKeyBefore(std::size_t byte) const {
@@ -224,7 +225,8 @@ private:
                 } else if (c == '"') {
                     inString = false;
                     std::size_t next = i + 1;
-                    while (next < text_.size() && std::isspace(static_cast<unsigned char>(text_[next]))) {
+                    while (next < text_.size() &&
+                           std::isspace(static_cast<unsigned char>(text_[next]))) {
                         ++next;
                     }
                     if (next < text_.size() && text_[next] == ':') {
@@ -248,7 +250,9 @@ private:
 
 constexpr std::u16string_view kGuidPrefix = u"\\\\?\\Volume";
 
-bool isHex(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
+bool isHex(char c) {
+    return std::isxdigit(static_cast<unsigned char>(c)) != 0;
+}
 
 // "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" including the braces.
 bool isGuidText(std::string_view text) {
@@ -264,11 +268,13 @@ bool isGuidText(std::string_view text) {
     return true;
 }
 
-bool isDriveLetter(char16_t c) { return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z'); }
+bool isDriveLetter(char16_t c) {
+    return (c >= u'A' && c <= u'Z') || (c >= u'a' && c <= u'z');
+}
 
 bool isBadNameCharacter(char16_t c) {
-    return c < 0x20 || c == u'<' || c == u'>' || c == u':' || c == u'"' || c == u'|' ||
-           c == u'?' || c == u'*' || c == u'/';
+    return c < 0x20 || c == u'<' || c == u'>' || c == u':' || c == u'"' || c == u'|' || c == u'?' ||
+           c == u'*' || c == u'/';
 }
 
 std::u16string folded(std::u16string_view text) {
@@ -306,8 +312,8 @@ std::uint32_t serialFromGuid(std::string_view guid) {
 
 DriveType driveTypeFrom(const std::string& name, bool* known) {
     static const std::pair<const char*, DriveType> kTypes[] = {
-        {"fixed", DriveType::Fixed},   {"removable", DriveType::Removable},
-        {"cdrom", DriveType::CdRom},   {"remote", DriveType::Remote},
+        {"fixed", DriveType::Fixed},     {"removable", DriveType::Removable},
+        {"cdrom", DriveType::CdRom},     {"remote", DriveType::Remote},
         {"ramdisk", DriveType::RamDisk}, {"unknown", DriveType::Unknown},
     };
     *known = true;
@@ -324,7 +330,8 @@ Volume readVolume(const Reader& reader, const json& entry, const std::string& fi
                   const std::filesystem::path& baseDirectory,
                   const std::filesystem::path& stateDirectory) {
     if (!entry.is_object()) {
-        reader.fail(field, "expected an object describing a volume, found " + Reader::describe(entry));
+        reader.fail(field,
+                    "expected an object describing a volume, found " + Reader::describe(entry));
     }
     reader.onlyKeys(entry, field,
                     {"guid", "paths", "type", "fileSystem", "label", "serial", "totalBytes",
@@ -402,7 +409,8 @@ Volume readVolume(const Reader& reader, const json& entry, const std::string& fi
     }
     volume.fileSystem = u"NTFS";
     if (entry.contains("fileSystem")) {
-        const std::string name = reader.text(entry["fileSystem"], Reader::join(field, "fileSystem"));
+        const std::string name =
+            reader.text(entry["fileSystem"], Reader::join(field, "fileSystem"));
         if (name.empty() || name.size() > 31) {
             reader.fail(Reader::join(field, "fileSystem"),
                         "a file-system name has 1 to 31 characters (\"RAW\" for none)");
@@ -494,7 +502,8 @@ Volume readVolume(const Reader& reader, const json& entry, const std::string& fi
 
 FaultSpec readFault(const Reader& reader, const json& entry, const std::string& field) {
     if (!entry.is_object()) {
-        reader.fail(field, "expected an object describing a fault, found " + Reader::describe(entry));
+        reader.fail(field,
+                    "expected an object describing a fault, found " + Reader::describe(entry));
     }
     FaultSpec fault;
     if (entry.contains("unbindable")) {
@@ -502,7 +511,8 @@ FaultSpec readFault(const Reader& reader, const json& entry, const std::string& 
         const json& target = entry["unbindable"];
         const std::string targetField = Reader::join(field, "unbindable");
         if (!target.is_object() || !target.contains("module") || !target.contains("export")) {
-            reader.fail(targetField, "expected {\"module\": \"kivapi.dll\", \"export\": \"KIV_...\"}");
+            reader.fail(targetField,
+                        "expected {\"module\": \"kivapi.dll\", \"export\": \"KIV_...\"}");
         }
         reader.onlyKeys(target, targetField, {"module", "export"});
         fault.kind = FaultSpec::Kind::Unbindable;
@@ -635,11 +645,12 @@ Machine Machine::parse(const std::string& text, const std::filesystem::path& fil
     Reader reader(text, file);
     const json document = reader.parse();
     if (!document.is_object()) {
-        reader.fail("", "a machine description is a JSON object, found " + Reader::describe(document));
+        reader.fail("",
+                    "a machine description is a JSON object, found " + Reader::describe(document));
     }
-    reader.onlyKeys(document, "",
-                    {"os", "majorVersion", "minorVersion", "buildNumber", "volumes", "faults",
-                     "generator"});
+    reader.onlyKeys(
+        document, "",
+        {"os", "majorVersion", "minorVersion", "buildNumber", "volumes", "faults", "generator"});
     Machine machine;
     machine.file_ = file;
     std::filesystem::path stateName = file.stem();
@@ -684,7 +695,8 @@ Machine Machine::parse(const std::string& text, const std::filesystem::path& fil
     if (document.contains("volumes")) {
         const json& volumes = document["volumes"];
         if (!volumes.is_array()) {
-            reader.fail("volumes", "expected a list of volumes, found " + Reader::describe(volumes));
+            reader.fail("volumes",
+                        "expected a list of volumes, found " + Reader::describe(volumes));
         }
         for (std::size_t i = 0; i < volumes.size(); ++i) {
             machine.volumes_.push_back(readVolume(reader, volumes[i],
@@ -711,7 +723,8 @@ Machine Machine::parse(const std::string& text, const std::filesystem::path& fil
         const std::string volumeField = "volumes[" + std::to_string(v) + "]";
         auto [guidAt, guidNew] = seen.emplace(folded(volume.guidName), volumeField + ".guid");
         if (!guidNew) {
-            reader.fail(volumeField + ".guid", "the same GUID is already used by " + guidAt->second);
+            reader.fail(volumeField + ".guid",
+                        "the same GUID is already used by " + guidAt->second);
         }
         for (std::size_t p = 0; p < volume.paths.size(); ++p) {
             const std::string pathField = volumeField + ".paths[" + std::to_string(p) + "]";
@@ -778,14 +791,15 @@ void Machine::prepareDirectories() const {
     std::error_code error;
     std::filesystem::create_directories(stateDirectory_, error);
     if (error) {
-        throw MachineError("machine file " + file_.string() + ": cannot create the state directory " +
-                           stateDirectory_.string() + ": " + error.message());
+        throw MachineError("machine file " + file_.string() +
+                           ": cannot create the state directory " + stateDirectory_.string() +
+                           ": " + error.message());
     }
     for (std::size_t v = 0; v < volumes_.size(); ++v) {
         std::filesystem::create_directories(volumes_[v].backingDirectory, error);
         if (error) {
-            throw MachineError("machine file " + file_.string() + ": volumes[" +
-                               std::to_string(v) + "]: cannot create the backing directory " +
+            throw MachineError("machine file " + file_.string() + ": volumes[" + std::to_string(v) +
+                               "]: cannot create the backing directory " +
                                volumes_[v].backingDirectory.string() + ": " + error.message());
         }
     }
@@ -875,7 +889,8 @@ const Volume* Machine::findVolume(std::u16string_view guidName) const {
 
 const Volume* Machine::volumeAtRoot(std::u16string_view root) const {
     std::u16string key = folded(root);
-    if (key.size() >= 4 && (key.compare(0, 4, u"\\\\?\\") == 0 || key.compare(0, 4, u"\\\\.\\") == 0) &&
+    if (key.size() >= 4 &&
+        (key.compare(0, 4, u"\\\\?\\") == 0 || key.compare(0, 4, u"\\\\.\\") == 0) &&
         key.size() >= 6 && key[5] == u':') {
         key.erase(0, 4);
     }

@@ -104,10 +104,13 @@ FARPROC kernel32Export(std::string_view name) {
 // "C:\dir\KivApi.DLL" -> "kivapi.dll"
 std::string moduleFileName(std::u16string_view path) {
     const std::size_t cut = path.find_last_of(u"\\/");
-    return sim::lowerAscii(sim::toUtf8(cut == std::u16string_view::npos ? path : path.substr(cut + 1)));
+    return sim::lowerAscii(
+        sim::toUtf8(cut == std::u16string_view::npos ? path : path.substr(cut + 1)));
 }
 
-bool isKernel32(std::string_view name) { return name == kKernel32 || name == "kernel32"; }
+bool isKernel32(std::string_view name) {
+    return name == kKernel32 || name == "kernel32";
+}
 
 // "kivapi.dll" -> "libkivapi.so"
 std::string sharedObjectName(std::string_view name) {
@@ -224,7 +227,8 @@ FARPROC GetProcAddress(HMODULE module, LPCSTR procName) {
         return sim::fail(ERROR_PROC_NOT_FOUND, FARPROC{nullptr});
     }
     if (module == kernel32Handle()) {
-        FARPROC address = sim::isUnbindable(kKernel32, procName) ? nullptr : kernel32Export(procName);
+        FARPROC address =
+            sim::isUnbindable(kKernel32, procName) ? nullptr : kernel32Export(procName);
         return address != nullptr ? address : sim::fail(ERROR_PROC_NOT_FOUND, FARPROC{nullptr});
     }
     std::string name;

@@ -30,13 +30,13 @@ constexpr DWORD kVolumeNameBuffer = 50;
 constexpr DWORD kMaxComponentLength = 255;
 
 class VolumeSearch final : public sim::SearchObject {
-public:
+  public:
     std::vector<std::u16string> names;
     std::size_t next = 0;
 };
 
 class MountPointSearch final : public sim::SearchObject {
-public:
+  public:
     std::vector<std::u16string> mountPoints;
     std::size_t next = 0;
 };
@@ -348,9 +348,8 @@ UINT GetDriveTypeW(LPCWSTR rootPath) {
  *           GetVolumeInformationW   (kernel32.dll)
  */
 BOOL GetVolumeInformationW(LPCWSTR rootPath, LPWSTR volumeName, DWORD volumeNameSize,
-                           DWORD* serialNumber, DWORD* maxComponentLength,
-                           DWORD* fileSystemFlags, LPWSTR fileSystemName,
-                           DWORD fileSystemNameSize) {
+                           DWORD* serialNumber, DWORD* maxComponentLength, DWORD* fileSystemFlags,
+                           LPWSTR fileSystemName, DWORD fileSystemNameSize) {
     DWORD error = 0;
     const sim::Machine* machine = sim::enterCall("GetVolumeInformationW", &error);
     if (machine == nullptr) {
@@ -397,7 +396,8 @@ BOOL GetVolumeInformationW(LPCWSTR rootPath, LPWSTR volumeName, DWORD volumeName
  *           GetDiskFreeSpaceExW   (kernel32.dll)
  */
 BOOL GetDiskFreeSpaceExW(LPCWSTR directoryName, PULARGE_INTEGER freeBytesAvailableToCaller,
-                         PULARGE_INTEGER totalNumberOfBytes, PULARGE_INTEGER totalNumberOfFreeBytes) {
+                         PULARGE_INTEGER totalNumberOfBytes,
+                         PULARGE_INTEGER totalNumberOfFreeBytes) {
     DWORD error = 0;
     const sim::Machine* machine = sim::enterCall("GetDiskFreeSpaceExW", &error);
     if (machine == nullptr) {

@@ -42,10 +42,8 @@ TEST(FaultInjectionTest, FailsTheChosenCallsWithTheChosenCode) {
         const char* pattern;
     };
     const Row rows[] = {
-        {"NextCall", 0, 1, "F...."},
-        {"ThirdCall", 2, 1, "..F.."},
-        {"NextTwoAfterOne", 1, 2, ".FF.."},
-        {"Always", 0, sim::kAlways, "FFFFF"},
+        {"NextCall", 0, 1, "F...."},        {"ThirdCall", 2, 1, "..F.."},
+        {"NextTwoAfterOne", 1, 2, ".FF.."}, {"Always", 0, sim::kAlways, "FFFFF"},
         {"NoCall", 0, 0, "....."},
     };
     TempMachine machine(platformtest::nestedMachine());
@@ -105,7 +103,7 @@ TEST(FaultInjectionTest, MissingKernel32HasNoModuleHandle) {
 }
 
 class VirtualClockTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         sim::useVirtualClock(true);
         sim::clearRecordedSleeps();
@@ -179,7 +177,8 @@ TEST(RealClockTest, ATimedWaitGetsADeadline) {
         seen = *deadline;
         return false;
     }));
-    const long long deltaMs = (seen.tv_sec - now.tv_sec) * 1000LL + (seen.tv_nsec - now.tv_nsec) / 1000000;
+    const long long deltaMs =
+        (seen.tv_sec - now.tv_sec) * 1000LL + (seen.tv_nsec - now.tv_nsec) / 1000000;
     EXPECT_GE(deltaMs, 2500);
     EXPECT_LT(seen.tv_nsec, 1000000000L);
 }

@@ -27,7 +27,7 @@ using testsupport::TempMachine;
 constexpr os::DWORD kNone = 0;
 
 class FileTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         // C:\Folder\Report.TXT and C:\Folder\cache.kiv, a file C:\plain.
         const std::filesystem::path c = backing(0);
@@ -162,11 +162,15 @@ TEST_F(FileTest, FindFileRows) {
         os::DWORD error;  // after the last name, or of the first call
     };
     const Row rows[] = {
-        {"ExactNameGivesSpellingOnDisk", "c:\\folder\\REPORT.txt", {u"Report.TXT"},
+        {"ExactNameGivesSpellingOnDisk",
+         "c:\\folder\\REPORT.txt",
+         {u"Report.TXT"},
          os::ERROR_NO_MORE_FILES},
         {"FolderIsFound", "C:\\Folder", {u"Folder"}, os::ERROR_NO_MORE_FILES},
         {"MountFolderIsFound", "C:\\mnt\\data", {u"data"}, os::ERROR_NO_MORE_FILES},
-        {"StarListsInNameOrder", "C:\\Folder\\*", {u"cache.kiv", u"Report.TXT"},
+        {"StarListsInNameOrder",
+         "C:\\Folder\\*",
+         {u"cache.kiv", u"Report.TXT"},
          os::ERROR_NO_MORE_FILES},
         {"PatternIgnoresCase", "C:\\Folder\\*.KIV", {u"cache.kiv"}, os::ERROR_NO_MORE_FILES},
         {"QuestionMark", "C:\\Folder\\Report.tx?", {u"Report.TXT"}, os::ERROR_NO_MORE_FILES},
@@ -193,8 +197,8 @@ TEST_F(FileTest, FindDataDescribesTheFile) {
     EXPECT_EQ(data.nFileSizeLow, 5u);
     EXPECT_EQ(data.nFileSizeHigh, 0u);
     // Written after 2020-01-01 (132223104000000000 in 100 ns units since 1601).
-    const std::uint64_t written =
-        (std::uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) | data.ftLastWriteTime.dwLowDateTime;
+    const std::uint64_t written = (std::uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) |
+                                  data.ftLastWriteTime.dwLowDateTime;
     EXPECT_GT(written, 132223104000000000ull);
 
     // Search handles have their own closer.
@@ -245,8 +249,8 @@ TEST(DescriptorHandleTest, PipeReadWriteAndBrokenEnds) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         os::SetLastError(kUntouched);
-        EXPECT_FALSE(os::ReadFile(row.handle, buffer, 1, row.nullCount ? nullptr : &count,
-                                  row.overlapped));
+        EXPECT_FALSE(
+            os::ReadFile(row.handle, buffer, 1, row.nullCount ? nullptr : &count, row.overlapped));
         EXPECT_EQ(os::GetLastError(), row.error);
     }
 
@@ -282,8 +286,8 @@ TEST(DescriptorHandleTest, FileReadStopsOnlyAtTheEnd) {
     EXPECT_EQ(count, content.size());
     ASSERT_EQ(lseek(fd, 0, SEEK_SET), 0);
     std::string back(content.size() + 10, '\0');
-    ASSERT_TRUE(os::ReadFile(sim::handleFromFd(fd), back.data(), static_cast<os::DWORD>(back.size()),
-                             &count, nullptr));
+    ASSERT_TRUE(os::ReadFile(sim::handleFromFd(fd), back.data(),
+                             static_cast<os::DWORD>(back.size()), &count, nullptr));
     EXPECT_EQ(count, content.size());
     // At the end of a file a read succeeds with nothing.
     ASSERT_TRUE(os::ReadFile(sim::handleFromFd(fd), back.data(), 10, &count, nullptr));

@@ -22,9 +22,10 @@ using testsupport::TempMachine;
 
 // A machine file with the given text in a temporary directory.
 class RawMachineFile {
-public:
+  public:
     explicit RawMachineFile(const std::string& text) {
-        std::string pattern = (std::filesystem::temp_directory_path() / "fikiv-raw-XXXXXX").string();
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "fikiv-raw-XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) {
             throw std::runtime_error("mkdtemp failed");
         }
@@ -38,7 +39,7 @@ public:
     }
     const std::filesystem::path& file() const { return file_; }
 
-private:
+  private:
     std::filesystem::path directory_;
     std::filesystem::path file_;
 };
@@ -63,7 +64,8 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
          "{\n  \"volumes\": [\n    {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
          "     \"type\": \"fixed\",,\n  ]\n}\n",
          "4: after field \"type\": malformed JSON: syntax error"},
-        {"UnterminatedText", "{\n  \"os\": {\"major\": 10}\n", "3: after field \"major\": malformed JSON"},
+        {"UnterminatedText", "{\n  \"os\": {\"major\": 10}\n",
+         "3: after field \"major\": malformed JSON"},
         {"UnknownDriveType",
          "{\n  \"volumes\": [\n    {\n      \"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
          "      \"type\": \"fixd\"\n    }\n  ]\n}\n",
@@ -82,10 +84,12 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
          "   \"freebytes\": 5}\n]}",
          "3: volumes[0].freebytes: unknown field"},
         {"NegativeSize",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"totalBytes\": -1}]}",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"totalBytes\": "
+         "-1}]}",
          "1: volumes[0].totalBytes: expected a whole number of at least 0"},
         {"PathUsedTwice",
-         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": [\"C:\\\\\"]},\n"
+         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": "
+         "[\"C:\\\\\"]},\n"
          " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"paths\": [\"c:\\\\\"]}\n]}",
          "3: volumes[1].paths[0]: \"C:\\\" is already used by volumes[0].paths[0]"},
         {"SameGuidTwice",
@@ -101,7 +105,8 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
          "  \"paths\": [\"C:\\\\\", \"C:\\\\self\\\\\"]}]}",
          "2: volumes[0].paths[1]: \"C:\\self\\\" lies on the volume itself"},
         {"PathThatIsNoWindowsPath",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": [\"/mnt\"]}]}",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": "
+         "[\"/mnt\"]}]}",
          "1: volumes[0].paths[0]: \"\\mnt\" is neither a drive root"},
         {"FaultWithoutError", "{\n\"faults\": [\n  {\"function\": \"Sleep\"}\n]}",
          "3: faults[0]: expected {\"function\", \"error\""},
@@ -176,9 +181,9 @@ TEST(MachineFileTest, StateAndBackingDirectoriesSitNextToTheFile) {
     const sim::Machine& current = sim::Machine::current();
     EXPECT_EQ(current.stateDirectory(), machine.directory() / "machine.state");
     EXPECT_EQ(current.volumes()[0].backingDirectory, machine.directory() / "disks/c");
-    EXPECT_EQ(current.volumes()[1].backingDirectory,
-              machine.directory() / "machine.state" / "volumes" /
-                  "{00000000-0000-0000-0000-000000000002}");
+    EXPECT_EQ(current.volumes()[1].backingDirectory, machine.directory() / "machine.state" /
+                                                         "volumes" /
+                                                         "{00000000-0000-0000-0000-000000000002}");
     // Folders that hold mount points exist on their volume.
     EXPECT_TRUE(std::filesystem::is_directory(machine.directory() / "disks/c/mnt/data"));
     EXPECT_TRUE(std::filesystem::is_directory(machine.directory() / "disks/c/mnt/d2"));

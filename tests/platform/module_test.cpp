@@ -22,7 +22,7 @@ using testsupport::TempMachine;
 using AnswerFunction = int (*)();
 
 class ModuleTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (const char* value = std::getenv("FIKIV_LIBRARY_PATH")) {
             savedPath_ = value;
@@ -39,7 +39,7 @@ protected:
 
     TempMachine machine_{platformtest::nestedMachine()};
 
-private:
+  private:
     std::optional<std::string> savedPath_;
 };
 
@@ -139,9 +139,12 @@ TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
         {"FindFirstVolumeW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeW)},
         {"FindNextVolumeW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeW)},
         {"FindVolumeClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeClose)},
-        {"FindFirstVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeMountPointW)},
-        {"FindNextVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeMountPointW)},
-        {"FindVolumeMountPointClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeMountPointClose)},
+        {"FindFirstVolumeMountPointW",
+         reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeMountPointW)},
+        {"FindNextVolumeMountPointW",
+         reinterpret_cast<os::FARPROC>(&os::FindNextVolumeMountPointW)},
+        {"FindVolumeMountPointClose",
+         reinterpret_cast<os::FARPROC>(&os::FindVolumeMountPointClose)},
         {"GetVolumePathNameW", reinterpret_cast<os::FARPROC>(&os::GetVolumePathNameW)},
         {"GetVolumeNameForVolumeMountPointW",
          reinterpret_cast<os::FARPROC>(&os::GetVolumeNameForVolumeMountPointW)},
@@ -153,7 +156,8 @@ TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
         SCOPED_TRACE(row.name);
         os::SetLastError(kUntouched);
         EXPECT_EQ(os::GetProcAddress(kernel32, row.name), row.expected);
-        EXPECT_EQ(os::GetLastError(), row.expected == nullptr ? os::ERROR_PROC_NOT_FOUND : kUntouched);
+        EXPECT_EQ(os::GetLastError(),
+                  row.expected == nullptr ? os::ERROR_PROC_NOT_FOUND : kUntouched);
     }
     // A bound function answers like the direct call.
     using FindFirst = os::HANDLE (*)(os::LPWSTR, os::DWORD);

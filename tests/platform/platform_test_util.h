@@ -20,7 +20,9 @@ namespace platformtest {
 inline constexpr os::DWORD kUntouched = 0xdeadbeef;
 inline constexpr char16_t kCanary = 0x1111;
 
-inline std::u16string wide(std::string_view text) { return std::u16string(text.begin(), text.end()); }
+inline std::u16string wide(std::string_view text) {
+    return std::u16string(text.begin(), text.end());
+}
 
 inline std::string narrow(std::u16string_view text) {
     std::string result;
@@ -32,7 +34,7 @@ inline std::string narrow(std::u16string_view text) {
 
 // `length` characters for the call, then canaries that must survive it.
 class CanaryBuffer {
-public:
+  public:
     explicit CanaryBuffer(os::DWORD length) : length_(length), data_(length + 4, kCanary) {}
     os::LPWSTR data() { return data_.data(); }
     os::DWORD length() const { return length_; }
@@ -55,7 +57,7 @@ public:
         return ::testing::AssertionSuccess();
     }
 
-private:
+  private:
     os::DWORD length_;
     std::vector<char16_t> data_;
 };

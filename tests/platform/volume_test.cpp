@@ -27,7 +27,7 @@ using testsupport::TempMachine;
 constexpr os::DWORD kNone = 0;  // "no error expected" in a row
 
 class NestedMachineTest : public ::testing::Test {
-protected:
+  protected:
     TempMachine machine_{platformtest::nestedMachine()};
 
     static std::u16string guid(int number) { return TempMachine::guidName(number); }
@@ -100,7 +100,8 @@ TEST_F(NestedMachineTest, FindFirstVolumeBufferRows) {
         SCOPED_TRACE(row.name);
         CanaryBuffer buffer(row.length);
         os::SetLastError(kUntouched);
-        os::HANDLE find = os::FindFirstVolumeW(row.nullBuffer ? nullptr : buffer.data(), row.length);
+        os::HANDLE find =
+            os::FindFirstVolumeW(row.nullBuffer ? nullptr : buffer.data(), row.length);
         EXPECT_EQ(find != os::INVALID_HANDLE_VALUE, row.succeeds);
         EXPECT_EQ(os::GetLastError(), row.error);
         EXPECT_TRUE(buffer.canaryIntact());
@@ -178,10 +179,14 @@ TEST_F(NestedMachineTest, MountPointsLiveOnTheVolumeThatHoldsTheirFolder) {
         {"NestedVolumeHasNone", guid(3), {}, os::ERROR_NO_MORE_FILES},
         {"VolumeWithoutPath", guid(5), {}, os::ERROR_NO_MORE_FILES},
         {"DriveRoot", u"C:\\", {u"mnt\\data\\", u"mnt\\d2\\"}, kNone},
-        {"WrongCaseGuid", wide("\\\\?\\VOLUME{00000000-0000-0000-0000-000000000002}\\"),
-         {u"inner\\"}, kNone},
+        {"WrongCaseGuid",
+         wide("\\\\?\\VOLUME{00000000-0000-0000-0000-000000000002}\\"),
+         {u"inner\\"},
+         kNone},
         {"MountPointAsRoot", u"c:\\MNT\\DATA\\", {u"inner\\"}, kNone},
-        {"AbsentVolume", wide("\\\\?\\Volume{00000000-0000-0000-0000-000000000099}\\"), {},
+        {"AbsentVolume",
+         wide("\\\\?\\Volume{00000000-0000-0000-0000-000000000099}\\"),
+         {},
          os::ERROR_FILE_NOT_FOUND},
         {"NoTrailingBackslash", guid(1).substr(0, 48), {}, os::ERROR_INVALID_NAME},
         {"FolderThatIsNoRoot", u"C:\\mnt\\", {}, os::ERROR_FILE_NOT_FOUND},
@@ -220,9 +225,9 @@ TEST_F(NestedMachineTest, MountPointBufferRows) {
         SCOPED_TRACE(row.name);
         CanaryBuffer buffer(row.length);
         os::SetLastError(kUntouched);
-        os::HANDLE find = os::FindFirstVolumeMountPointW(row.nullRoot ? nullptr : root.c_str(),
-                                                         row.nullBuffer ? nullptr : buffer.data(),
-                                                         row.length);
+        os::HANDLE find =
+            os::FindFirstVolumeMountPointW(row.nullRoot ? nullptr : root.c_str(),
+                                           row.nullBuffer ? nullptr : buffer.data(), row.length);
         EXPECT_EQ(find != os::INVALID_HANDLE_VALUE, row.succeeds);
         EXPECT_EQ(os::GetLastError(), row.error);
         EXPECT_TRUE(buffer.canaryIntact());
@@ -256,8 +261,8 @@ TEST_F(NestedMachineTest, GetVolumeNameForVolumeMountPointRows) {
         const char* name;
         const char* path;  // null: a null pointer
         os::DWORD length;
-        os::DWORD error;   // kNone: succeeds
-        int volume;        // expected GUID name on success
+        os::DWORD error;  // kNone: succeeds
+        int volume;       // expected GUID name on success
     };
     const Row rows[] = {
         {"NullPath", nullptr, 50, os::ERROR_INVALID_PARAMETER, 0},
@@ -285,8 +290,7 @@ TEST_F(NestedMachineTest, GetVolumeNameForVolumeMountPointRows) {
         {"MountPointBelowGuidRoot",
          "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\mnt\\data\\", 50, kNone, 2},
         {"NestedMountPointBelowGuidRoot",
-         "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\MNT\\data\\inner\\", 50, kNone,
-         3},
+         "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\MNT\\data\\inner\\", 50, kNone, 3},
         {"MountPointBelowMountedGuidRoot",
          "\\\\?\\Volume{00000000-0000-0000-0000-000000000002}\\inner\\", 50, kNone, 3},
         {"FolderBelowGuidRoot", "\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\mnt\\", 50,
@@ -427,7 +431,7 @@ TEST_F(NestedMachineTest, GetVolumeInformationRows) {
     struct Row {
         const char* name;
         const char* root;
-        os::DWORD labelLength;     // 0: no label buffer
+        os::DWORD labelLength;       // 0: no label buffer
         os::DWORD fileSystemLength;  // 0: no file-system buffer
         os::DWORD error;
         const char* label;
@@ -444,8 +448,8 @@ TEST_F(NestedMachineTest, GetVolumeInformationRows) {
         {"LabelOneShort", "G:\\", 5, 6, os::ERROR_BAD_LENGTH, nullptr, nullptr},
         {"FileSystemOneShort", "G:\\", 6, 5, os::ERROR_BAD_LENGTH, nullptr, nullptr},
         {"MountPoint", "C:\\mnt\\d2\\", 1, 5, kNone, "", "ReFS"},
-        {"WrongCaseGuid", "\\\\?\\VOLUME{00000000-0000-0000-0000-000000000005}\\", 1, 5, kNone,
-         "", "NTFS"},
+        {"WrongCaseGuid", "\\\\?\\VOLUME{00000000-0000-0000-0000-000000000005}\\", 1, 5, kNone, "",
+         "NTFS"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -478,7 +482,8 @@ TEST_F(NestedMachineTest, GetVolumeInformationRows) {
         }
     }
     os::DWORD serial = 0;
-    ASSERT_TRUE(os::GetVolumeInformationW(u"G:\\", nullptr, 0, &serial, nullptr, nullptr, nullptr, 0));
+    ASSERT_TRUE(
+        os::GetVolumeInformationW(u"G:\\", nullptr, 0, &serial, nullptr, nullptr, nullptr, 0));
     EXPECT_EQ(serial, 0x1A2B3C4Du);
 }
 
@@ -532,7 +537,7 @@ TEST_F(NestedMachineTest, GetDiskFreeSpaceRows) {
 
 // The default machine, written on first use when FIKIV_MACHINE is not set.
 class DefaultMachineTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         std::string pattern = (std::filesystem::temp_directory_path() / "fikiv-rt-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
@@ -553,7 +558,7 @@ protected:
 
     std::filesystem::path runtime_;
 
-private:
+  private:
     static void saveVariable(const char* name, std::optional<std::string>* saved) {
         if (const char* value = std::getenv(name)) {
             *saved = value;
@@ -616,7 +621,8 @@ TEST_F(DefaultMachineTest, EveryReasonToSkipAVolumeMeetsALargerOne) {
             for (const std::u16string& mountPoint : *mountPoints) {
                 CanaryBuffer mounted(50);
                 const std::u16string path = u"C:\\" + mountPoint;
-                ASSERT_TRUE(os::GetVolumeNameForVolumeMountPointW(path.c_str(), mounted.data(), 50));
+                ASSERT_TRUE(
+                    os::GetVolumeNameForVolumeMountPointW(path.c_str(), mounted.data(), 50));
                 mountedSomewhere[mounted.text()] = true;
             }
         }

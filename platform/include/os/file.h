@@ -66,8 +66,8 @@ BOOL FindClose(HANDLE find);
 // ERROR_NOT_SUPPORTED for overlapped operation.
 BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD numberOfBytesToRead, DWORD* numberOfBytesRead,
               LPVOID overlapped);
-BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD numberOfBytesToWrite,
-               DWORD* numberOfBytesWritten, LPVOID overlapped);
+BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD numberOfBytesToWrite, DWORD* numberOfBytesWritten,
+               LPVOID overlapped);
 
 }  // namespace os
 

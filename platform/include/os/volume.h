@@ -92,9 +92,8 @@ UINT GetDriveTypeW(LPCWSTR rootPath);
 // name buffer is too small for its text and NUL (nothing written then),
 // ERROR_INVALID_PARAMETER for a null `rootPath`.
 BOOL GetVolumeInformationW(LPCWSTR rootPath, LPWSTR volumeName, DWORD volumeNameSize,
-                           DWORD* serialNumber, DWORD* maxComponentLength,
-                           DWORD* fileSystemFlags, LPWSTR fileSystemName,
-                           DWORD fileSystemNameSize);
+                           DWORD* serialNumber, DWORD* maxComponentLength, DWORD* fileSystemFlags,
+                           LPWSTR fileSystemName, DWORD fileSystemNameSize);
 // Free and total bytes of the volume that holds `directoryName`. Any output may
 // be null. FALSE with ERROR_PATH_NOT_FOUND when no volume holds the path or
 // the folder does not exist, ERROR_NOT_READY for an empty removable or CD-ROM
@@ -102,7 +101,8 @@ BOOL GetVolumeInformationW(LPCWSTR rootPath, LPWSTR volumeName, DWORD volumeName
 // for a null name. The bytes available to the caller equal the free bytes
 // (no quotas).
 BOOL GetDiskFreeSpaceExW(LPCWSTR directoryName, PULARGE_INTEGER freeBytesAvailableToCaller,
-                         PULARGE_INTEGER totalNumberOfBytes, PULARGE_INTEGER totalNumberOfFreeBytes);
+                         PULARGE_INTEGER totalNumberOfBytes,
+                         PULARGE_INTEGER totalNumberOfFreeBytes);
 
 }  // namespace os
 

@@ -32,7 +32,9 @@ int usage() {
     return kExitUsage;
 }
 
-std::string utf8(const std::u16string& text) { return sim::toUtf8(text); }
+std::string utf8(const std::u16string& text) {
+    return sim::toUtf8(text);
+}
 
 std::string sizeText(std::uint64_t bytes) {
     static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB"};
@@ -83,7 +85,7 @@ std::string attributeText(std::uint32_t attributes) {
 // The snapshot driver's attributes of a volume, asked of the driver library
 // the way the plug-in asks them.
 class DriverView {
-public:
+  public:
     DriverView() {
         module_ = os::LoadLibraryW(u"kivapi.dll");
         if (module_ == nullptr) {
@@ -102,7 +104,9 @@ public:
     DriverView(const DriverView&) = delete;
     DriverView& operator=(const DriverView&) = delete;
 
-    bool available() const { return open_ != nullptr && close_ != nullptr && information_ != nullptr; }
+    bool available() const {
+        return open_ != nullptr && close_ != nullptr && information_ != nullptr;
+    }
 
     // False when the driver does not answer for the volume.
     bool attributes(const std::u16string& volumeName, std::uint32_t* attributes) const {
@@ -125,9 +129,9 @@ public:
         return true;
     }
 
-private:
-    using OpenFunction = std::uint32_t (*)(const char*, std::uint32_t, std::uint32_t,
-                                           std::uint32_t, std::uint32_t, std::uint64_t*);
+  private:
+    using OpenFunction = std::uint32_t (*)(const char*, std::uint32_t, std::uint32_t, std::uint32_t,
+                                           std::uint32_t, std::uint64_t*);
     using CloseFunction = std::uint32_t (*)(std::uint64_t*);
     using InformationFunction = std::uint32_t (*)(std::uint64_t, std::uint16_t, void*);
 
@@ -211,9 +215,10 @@ int show() {
     const auto paths = volumePaths(names);
     const DriverView driver;
     if (!driver.available()) {
-        std::printf("(driver library not loaded, error %u: driver attributes are taken from the "
-                    "description)\n\n",
-                    os::GetLastError());
+        std::printf(
+            "(driver library not loaded, error %u: driver attributes are taken from the "
+            "description)\n\n",
+            os::GetLastError());
     }
     for (const std::u16string& name : names) {
         std::printf("%s\n", utf8(name).c_str());

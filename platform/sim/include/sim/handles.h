@@ -22,7 +22,7 @@ int fdFromHandle(os::HANDLE handle);
 
 // An object behind a table handle; destroyed when its handle is closed.
 class HandleObject {
-public:
+  public:
     virtual ~HandleObject() = default;
 };
 

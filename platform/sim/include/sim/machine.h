@@ -44,10 +44,10 @@ struct Volume {
     std::uint32_t serialNumber = 0;
     std::uint64_t totalBytes = 0;
     std::uint64_t freeBytes = 0;
-    bool mediaPresent = true;               // false: empty removable or CD-ROM drive
-    std::uint32_t driverAttributes = 0;     // KIV attribute bits 0x1 .. 0x10
-    std::uint32_t driverValue = 0;          // second word of the driver's volume information
-    std::filesystem::path backingDirectory; // where the volume's files live on Linux
+    bool mediaPresent = true;                // false: empty removable or CD-ROM drive
+    std::uint32_t driverAttributes = 0;      // KIV attribute bits 0x1 .. 0x10
+    std::uint32_t driverValue = 0;           // second word of the driver's volume information
+    std::filesystem::path backingDirectory;  // where the volume's files live on Linux
 };
 
 // A fault listed in the machine file, registered into the hooks (sim/hooks.h)
@@ -55,30 +55,30 @@ struct Volume {
 struct FaultSpec {
     enum class Kind { Function, Unbindable, MissingLibrary };
     Kind kind = Kind::Function;
-    std::string function;    // Kind::Function
+    std::string function;  // Kind::Function
     std::uint32_t error = 0;
     std::uint32_t skip = 0;
     std::uint32_t count = 1;  // 0xFFFFFFFF: every call
-    std::string module;      // Kind::Unbindable, Kind::MissingLibrary
-    std::string exportName;  // Kind::Unbindable
+    std::string module;       // Kind::Unbindable, Kind::MissingLibrary
+    std::string exportName;   // Kind::Unbindable
 };
 
 class MachineError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
 };
 
 // A Windows path resolved onto a volume.
 struct ResolvedPath {
     const Volume* volume = nullptr;
-    std::u16string rootPath;          // the drive root, mount point or GUID name used
-    std::u16string relative;          // rest of the path below that root, no leading '\'
-    std::filesystem::path hostPath;   // Linux path of the file (case-insensitively matched
-                                      // for the components that exist)
+    std::u16string rootPath;         // the drive root, mount point or GUID name used
+    std::u16string relative;         // rest of the path below that root, no leading '\'
+    std::filesystem::path hostPath;  // Linux path of the file (case-insensitively matched
+                                     // for the components that exist)
 };
 
 class Machine {
-public:
+  public:
     // The machine of this process, loaded on first use. Throws MachineError.
     static const Machine& current();
     // Forgets the loaded machine so the next current() loads anew (tests that
@@ -129,7 +129,7 @@ public:
     // ("mnt\data\"), in the order of the description.
     const std::vector<std::u16string>& mountPointsOn(const Volume& volume) const;
 
-private:
+  private:
     void index();
     void prepareDirectories() const;
 
