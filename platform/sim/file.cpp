@@ -22,6 +22,7 @@
 #include "os/error.h"
 #include "os_call.h"
 #include "search_handle.h"
+#include "pipe_framing.h"
 #include "sim/errors.h"
 #include "sim/handles.h"
 #include "sim/machine.h"
@@ -368,6 +369,11 @@ BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD numberOfBytesToRead, DWORD* numb
     if (sim::takeFault("ReadFile", &error)) {
         return sim::fail(error, FALSE);
     }
+    // A named pipe's server end is a table handle that keeps the message
+    // framing; it has its own reader and writer.
+    if (sim::isPipeInstance(file)) {
+        return sim::readPipeMessage(file, buffer, numberOfBytesToRead, numberOfBytesRead);
+    }
     const int fd = sim::fdFromHandle(file);
     if (fd < 0) {
         return sim::fail(ERROR_INVALID_HANDLE, FALSE);
@@ -428,6 +434,11 @@ BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD numberOfBytesToWrite, DWORD* n
     std::uint32_t error = 0;
     if (sim::takeFault("WriteFile", &error)) {
         return sim::fail(error, FALSE);
+    }
+    // A named pipe's server end is a table handle that keeps the message
+    // framing; it has its own reader and writer.
+    if (sim::isPipeInstance(file)) {
+        return sim::writePipeMessage(file, buffer, numberOfBytesToWrite, numberOfBytesWritten);
     }
     const int fd = sim::fdFromHandle(file);
     if (fd < 0) {

@@ -42,8 +42,8 @@ tarp_MsgCatalog*& activeCatalogueSlot() {
 }  // namespace
 
 const std::u16string& kivTag() {
-    static const std::u16string* tag = new std::u16string(u"<kiv>");
-    return *tag;
+    static const std::u16string tag(u"<kiv>");
+    return tag;
 }
 
 bool hasKivTag(const tarn_objid* identity) {

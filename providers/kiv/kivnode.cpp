@@ -50,10 +50,10 @@ KivNode::~KivNode() {
 
 std::int32_t KivNode::supportsFiType(tarn_node* record, const char* fiType) {
     tarp_TraceMethod trace(kSource, u"KivNode::supportsFiType", __LINE__);
-    static const std::string* const kOwnType = new std::string("kiv-cow-snapshot");
-    static const std::string* const kAnyType = new std::string("any");
+    static const std::string ownType("kiv-cow-snapshot");
+    static const std::string anyType("any");
     std::uint32_t* answer = record != nullptr ? record->fi_support : nullptr;
-    bool supported = fiType != nullptr && (*kOwnType == fiType || *kAnyType == fiType);
+    bool supported = fiType != nullptr && (ownType == fiType || anyType == fiType);
     if (answer != nullptr) {
         if (supported) {
             *answer |= 0x1;

@@ -18,7 +18,6 @@
 #include "os/file.h"
 #include "os/handle.h"
 #include "os/pipe.h"
-#include "pipe_framing.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
@@ -36,14 +35,13 @@ std::u16string wide(const std::string& text) {
     return std::u16string(text.begin(), text.end());
 }
 
-// The server end of an instance is read and written through the pipe's own
-// message functions: ReadFile and WriteFile do not pass instances to them yet
-// (ReadFileAndWriteFileDoNotServeInstancesYet pins that gap).
+// The server end of an instance is read and written with ReadFile and
+// WriteFile, as a Windows server does.
 os::BOOL serverRead(os::HANDLE pipe, void* buffer, os::DWORD size, os::DWORD* got) {
-    return sim::readPipeMessage(pipe, buffer, size, got);
+    return os::ReadFile(pipe, buffer, size, got, nullptr);
 }
 os::BOOL serverWrite(os::HANDLE pipe, const void* buffer, os::DWORD size, os::DWORD* written) {
-    return sim::writePipeMessage(pipe, buffer, size, written);
+    return os::WriteFile(pipe, buffer, size, written, nullptr);
 }
 
 os::HANDLE createPipe(const std::u16string& name, os::DWORD maxInstances = 1) {
@@ -411,29 +409,6 @@ TEST_F(PipeTest, KilledServerLeavesTheNameFree) {
     EXPECT_EQ(call(name, pattern(4, 0), 4).error, os::ERROR_FILE_NOT_FOUND);
     os::UniqueHandle pipe(createPipe(name));
     EXPECT_TRUE(pipe.valid()) << "error " << os::GetLastError();
-}
-
-// Known gap: ReadFile and WriteFile treat a pipe instance as an invalid
-// handle until they hand instances to sim::readPipeMessage and
-// sim::writePipeMessage. When this test fails they do: switch serverRead and
-// serverWrite to ReadFile and WriteFile and remove this test.
-TEST_F(PipeTest, ReadFileAndWriteFileDoNotServeInstancesYet) {
-    std::u16string name = pipeName("fikiv_pipe_readfile");
-    os::UniqueHandle pipe(createPipe(name));
-    ASSERT_TRUE(pipe.valid());
-    auto client = callAsync(name, pattern(8, 1), 8);
-    ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
-    unsigned char buffer[8];
-    os::DWORD got = 0;
-    os::SetLastError(0xdeadbeef);
-    EXPECT_EQ(os::ReadFile(pipe.get(), buffer, sizeof(buffer), &got, nullptr), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
-    os::SetLastError(0xdeadbeef);
-    EXPECT_EQ(os::WriteFile(pipe.get(), buffer, sizeof(buffer), &got, nullptr), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
-    ASSERT_EQ(serverRead(pipe.get(), buffer, sizeof(buffer), &got), os::TRUE);
-    ASSERT_EQ(serverWrite(pipe.get(), buffer, got, &got), os::TRUE);
-    EXPECT_EQ(client.get().ok, os::TRUE);
 }
 
 }  // namespace
