@@ -9,6 +9,7 @@
 #include "os/codepage.h"
 #include "os/error.h"
 #include "os/module.h"
+#include "path_helper.h"
 #include "string_helper.h"
 
 namespace {
@@ -37,12 +38,6 @@ GetVolumeNameForVolumeMountPointW_t volumeNameForMountPoint() {
         function = reinterpret_cast<GetVolumeNameForVolumeMountPointW_t>(address);
     }
     return function;
-}
-
-void removeTrailingBackslashes(std::u16string& name) {
-    while (!name.empty() && name.back() == u'\\') {
-        name.pop_back();
-    }
 }
 
 }  // namespace
@@ -87,10 +82,10 @@ std::int32_t KivFiCoordinator::interpose(tarn_node* record, tarn_objid** newIden
         char16_t volumeName[kVolumeNameLength] = {};
         if (resolve(name.c_str(), volumeName, kVolumeNameLength) != 0) {
             name = volumeName;
-            removeTrailingBackslashes(name);
+            name = withoutTrailingBackslashes(name);
             driverName = toNarrow(name, os::CP_UTF8);
         }
-        removeTrailingBackslashes(name);
+        name = withoutTrailingBackslashes(name);
     }
 
     KivHandle handle = kInvalidKivHandle;

@@ -10,6 +10,7 @@
 #include "os/file.h"
 #include "os/types.h"
 #include "os/volume.h"
+#include "path_helper.h"
 #include "strings/bounded_string.h"
 #include "tarn/records.h"
 
@@ -22,20 +23,6 @@ std::uint32_t gCacheFileCounter = 0;
 constexpr std::size_t kMessageCapacity = 4096;
 constexpr std::uint32_t kMessageInformation = 1;
 constexpr std::uint32_t kMessageWarning = 2;
-
-std::u16string withTrailingBackslash(std::u16string name) {
-    if (name.empty() || name.back() != u'\\') {
-        name.push_back(u'\\');
-    }
-    return name;
-}
-
-std::u16string withoutTrailingBackslashes(std::u16string name) {
-    while (!name.empty() && name.back() == u'\\') {
-        name.pop_back();
-    }
-    return name;
-}
 
 std::uint32_t saturate32(std::uint64_t value) {
     return static_cast<std::uint32_t>(

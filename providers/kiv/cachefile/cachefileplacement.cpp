@@ -15,6 +15,7 @@
 #include "os/codepage.h"
 #include "os/error.h"
 #include "os/volume.h"
+#include "path_helper.h"
 #include "string_helper.h"
 
 namespace {
@@ -31,20 +32,6 @@ constexpr std::uint32_t kProbeArgumentB = 1000;
 // cache file; an active cache (0x10) does not stop another one.
 constexpr std::uint32_t kUnusableAttributes =
     KIV_ATTRIBUTE_CLAIMED | KIV_ATTRIBUTE_DISABLED | KIV_ATTRIBUTE_SNAPSHOT;
-
-std::u16string withTrailingBackslash(std::u16string name) {
-    if (name.empty() || name.back() != u'\\') {
-        name.push_back(u'\\');
-    }
-    return name;
-}
-
-std::u16string withoutTrailingBackslashes(std::u16string name) {
-    while (!name.empty() && name.back() == u'\\') {
-        name.pop_back();
-    }
-    return name;
-}
 
 std::u16string decimal(std::uint32_t value) {
     const std::string digits = std::to_string(value);
