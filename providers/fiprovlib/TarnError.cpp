@@ -1,6 +1,9 @@
 // Framework status errors and their texts from the "TarnError" catalogue.
 #include "fiprovlib/TarnError.h"
 
+#include <memory>
+#include <mutex>
+
 #include "strings/bounded_string.h"
 #include "tarn/msgcatalog.h"
 
@@ -8,13 +11,25 @@ namespace {
 
 constexpr std::size_t kIdCapacity = 16;
 
-// The error root catalogue, made on first need and kept until the process
-// ends (it is never destroyed, so texts handed out stay valid at exit). The
-// initialisation of a function-local static is serialised by the language,
-// so two threads cannot both make it.
+// The error root catalogue, made on first need and kept until the plug-in is
+// unloaded (releaseErrorCatalogue). Texts handed out stay valid until then.
+struct ErrorCatalogue {
+    std::mutex mutex;
+    std::unique_ptr<tarp_MsgCatalog> catalogue;
+};
+
+ErrorCatalogue& errorCatalogue() {
+    static ErrorCatalogue holder;
+    return holder;
+}
+
 tarp_MsgCatalog& errorCatalog() {
-    static tarp_MsgCatalog* catalog = new tarp_MsgCatalog("TarnError", "root", false);
-    return *catalog;
+    ErrorCatalogue& holder = errorCatalogue();
+    std::lock_guard<std::mutex> lock(holder.mutex);
+    if (holder.catalogue == nullptr) {
+        holder.catalogue = std::make_unique<tarp_MsgCatalog>("TarnError", "root", false);
+    }
+    return *holder.catalogue;
 }
 
 }  // namespace
@@ -40,4 +55,10 @@ const char16_t* TarnError::localizedMessage() {
 
 const char16_t* TarnError::kindName() const {
     return u"Tarn Error Code";
+}
+
+void releaseErrorCatalogue() {
+    ErrorCatalogue& holder = errorCatalogue();
+    std::lock_guard<std::mutex> lock(holder.mutex);
+    holder.catalogue.reset();
 }

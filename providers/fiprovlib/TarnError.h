@@ -17,4 +17,9 @@ public:
     const char16_t* kindName() const override;
 };
 
+// Deletes the "TarnError" catalogue when the plug-in is unloaded (before ICU
+// is cleaned up); texts handed out before are invalid afterwards. A later
+// message() makes it again.
+void releaseErrorCatalogue();
+
 #endif  // PROVIDERS_FIPROVLIB_TARNERROR_H_

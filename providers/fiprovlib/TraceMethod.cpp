@@ -26,9 +26,11 @@ struct LogState {
     std::u16string pluginName = u"<Plugin name not set>";
 };
 
+// Destroyed with the library (after the coordinator, whose nodes still trace
+// while it is deleted at unload).
 LogState& logState() {
-    static LogState* state = new LogState;
-    return *state;
+    static LogState state;
+    return state;
 }
 
 std::u16string pluginNameCopy() {
@@ -48,11 +50,19 @@ struct DepthRegistry {
     std::mutex mutex;
     DepthEntry* first = nullptr;
     DepthEntry* last = nullptr;
+
+    ~DepthRegistry() {
+        while (first != nullptr) {
+            DepthEntry* next = first->next;
+            delete first;
+            first = next;
+        }
+    }
 };
 
 DepthRegistry& depthRegistry() {
-    static DepthRegistry* registry = new DepthRegistry;
-    return *registry;
+    static DepthRegistry registry;
+    return registry;
 }
 
 // REQUIRES: the registry's mutex is held.
