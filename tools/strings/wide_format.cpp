@@ -14,7 +14,7 @@ constexpr char16_t kReplacement = 0xFFFD;
 
 enum class Size { Default, Char, Short, Long32, Long64, LongDouble, Wide };
 
-struct Spec {
+struct Directive {
     bool left = false;
     bool plus = false;
     bool space = false;
@@ -86,20 +86,20 @@ void appendCodePoint(std::u16string& out, char32_t value) {
 
 // Appends `body` padded to the width; `zeroAfter` is how many leading units of
 // `body` (sign, radix prefix) stand before zero padding.
-void appendPadded(std::u16string& out, const Spec& spec, const std::u16string& body,
+void appendPadded(std::u16string& out, const Directive& directive, const std::u16string& body,
                   std::size_t zeroAfter, bool zeroAllowed) {
-    std::size_t width = spec.width > 0 ? static_cast<std::size_t>(spec.width) : 0;
+    std::size_t width = directive.width > 0 ? static_cast<std::size_t>(directive.width) : 0;
     std::size_t pad = body.size() < width ? width - body.size() : 0;
     if (pad == 0) {
         out += body;
         return;
     }
-    if (spec.left) {
+    if (directive.left) {
         out += body;
         out.append(pad, u' ');
         return;
     }
-    if (spec.zero && zeroAllowed) {
+    if (directive.zero && zeroAllowed) {
         out.append(body, 0, zeroAfter);
         out.append(pad, u'0');
         out.append(body, zeroAfter, std::u16string::npos);
@@ -144,7 +144,7 @@ unsigned long long readUnsigned(va_list& arguments, Size size) {
     }
 }
 
-void formatInteger(std::u16string& out, const Spec& spec, char conversion,
+void formatInteger(std::u16string& out, const Directive& directive, char conversion,
                    unsigned long long magnitude, bool negative, bool isSigned) {
     unsigned base = 10;
     const char* digitSet = "0123456789abcdef";
@@ -160,26 +160,26 @@ void formatInteger(std::u16string& out, const Spec& spec, char conversion,
     for (unsigned long long rest = magnitude; rest != 0; rest /= base) {
         digits.insert(digits.begin(), static_cast<char16_t>(digitSet[rest % base]));
     }
-    std::size_t minimum = spec.precision >= 0 ? static_cast<std::size_t>(spec.precision) : 1;
+    std::size_t minimum = directive.precision >= 0 ? static_cast<std::size_t>(directive.precision) : 1;
     if (digits.size() < minimum) {
         digits.insert(0, minimum - digits.size(), u'0');
     }
-    if (spec.alternate && conversion == 'o' && (digits.empty() || digits.front() != u'0')) {
+    if (directive.alternate && conversion == 'o' && (digits.empty() || digits.front() != u'0')) {
         digits.insert(digits.begin(), u'0');
     }
     std::u16string prefix;
     if (negative) {
         prefix = u"-";
-    } else if (isSigned && spec.plus) {
+    } else if (isSigned && directive.plus) {
         prefix = u"+";
-    } else if (isSigned && spec.space) {
+    } else if (isSigned && directive.space) {
         prefix = u" ";
     }
-    if (spec.alternate && magnitude != 0 && (conversion == 'x' || conversion == 'X')) {
+    if (directive.alternate && magnitude != 0 && (conversion == 'x' || conversion == 'X')) {
         prefix += conversion == 'x' ? u"0x" : u"0X";
     }
     // A precision turns zero padding off for integers.
-    appendPadded(out, spec, prefix + digits, prefix.size(), spec.precision < 0);
+    appendPadded(out, directive, prefix + digits, prefix.size(), directive.precision < 0);
 }
 
 // Prints a number with the C library's formatter; `value` is double or long double.
@@ -195,9 +195,9 @@ std::string printNumber(const char* pattern, int width, int precision, Number va
     return text;
 }
 
-void formatFloating(std::u16string& out, const Spec& spec, char conversion, va_list& arguments) {
-    const bool longDouble = spec.size == Size::LongDouble;
-    int precision = spec.precision;
+void formatFloating(std::u16string& out, const Directive& directive, char conversion, va_list& arguments) {
+    const bool longDouble = directive.size == Size::LongDouble;
+    int precision = directive.precision;
     if (precision < 0) {
         // The Windows CRT prints every fraction digit of a double in hex form.
         precision = conversion == 'a' || conversion == 'A' ? 13 : 6;
@@ -205,15 +205,15 @@ void formatFloating(std::u16string& out, const Spec& spec, char conversion, va_l
     char pattern[32];
     std::size_t at = 0;
     pattern[at++] = '%';
-    if (spec.left)
+    if (directive.left)
         pattern[at++] = '-';
-    if (spec.plus)
+    if (directive.plus)
         pattern[at++] = '+';
-    if (spec.space)
+    if (directive.space)
         pattern[at++] = ' ';
-    if (spec.alternate)
+    if (directive.alternate)
         pattern[at++] = '#';
-    if (spec.zero)
+    if (directive.zero)
         pattern[at++] = '0';
     pattern[at++] = '*';
     pattern[at++] = '.';
@@ -223,29 +223,29 @@ void formatFloating(std::u16string& out, const Spec& spec, char conversion, va_l
     pattern[at++] = conversion;
     pattern[at] = '\0';
     std::string text =
-        longDouble ? printNumber(pattern, spec.width, precision, va_arg(arguments, long double))
-                   : printNumber(pattern, spec.width, precision, va_arg(arguments, double));
+        longDouble ? printNumber(pattern, directive.width, precision, va_arg(arguments, long double))
+                   : printNumber(pattern, directive.width, precision, va_arg(arguments, double));
     out += widenAscii(text.c_str());
 }
 
-void formatWideText(std::u16string& out, const Spec& spec, const char16_t* text) {
+void formatWideText(std::u16string& out, const Directive& directive, const char16_t* text) {
     if (text == nullptr) {
         text = u"(null)";
     }
     std::size_t length = 0;
-    std::size_t limit = spec.precision >= 0 ? static_cast<std::size_t>(spec.precision)
+    std::size_t limit = directive.precision >= 0 ? static_cast<std::size_t>(directive.precision)
                                             : static_cast<std::size_t>(-1);
     while (length < limit && text[length] != 0) {
         ++length;
     }
-    appendPadded(out, spec, std::u16string(text, length), 0, true);
+    appendPadded(out, directive, std::u16string(text, length), 0, true);
 }
 
-void formatNarrowText(std::u16string& out, const Spec& spec, const char* text) {
+void formatNarrowText(std::u16string& out, const Directive& directive, const char* text) {
     if (text == nullptr) {
         text = "(null)";
     }
-    std::size_t limit = spec.precision >= 0 ? static_cast<std::size_t>(spec.precision)
+    std::size_t limit = directive.precision >= 0 ? static_cast<std::size_t>(directive.precision)
                                             : static_cast<std::size_t>(-1);
     std::u16string converted;
     const auto* at = reinterpret_cast<const unsigned char*>(text);
@@ -259,17 +259,17 @@ void formatNarrowText(std::u16string& out, const Spec& spec, const char* text) {
         }
         converted += one;
     }
-    appendPadded(out, spec, converted, 0, true);
+    appendPadded(out, directive, converted, 0, true);
 }
 
-void formatCharacter(std::u16string& out, const Spec& spec, bool narrow, va_list& arguments) {
+void formatCharacter(std::u16string& out, const Directive& directive, bool narrow, va_list& arguments) {
     int value = va_arg(arguments, int);
     char16_t unit = static_cast<char16_t>(value);
     if (narrow) {
         unsigned char byte = static_cast<unsigned char>(value);
         unit = byte < 0x80 ? static_cast<char16_t>(byte) : kReplacement;
     }
-    appendPadded(out, spec, std::u16string(1, unit), 0, true);
+    appendPadded(out, directive, std::u16string(1, unit), 0, true);
 }
 
 // Reads a decimal number at `at`, or '*' from the arguments.
@@ -291,52 +291,52 @@ int readNumber(const char16_t*& at, va_list& arguments, bool* fromArgument) {
 }
 
 // Parses an optional size prefix and notes what it says about the argument.
-void readSize(const char16_t*& at, Spec& spec) {
+void readSize(const char16_t*& at, Directive& directive) {
     switch (*at) {
         case u'h':
             ++at;
             if (*at == u'h') {
                 ++at;
-                spec.size = Size::Char;
+                directive.size = Size::Char;
             } else {
-                spec.size = Size::Short;
+                directive.size = Size::Short;
             }
-            spec.narrowText = true;
+            directive.narrowText = true;
             return;
         case u'l':
             ++at;
             if (*at == u'l') {
                 ++at;
-                spec.size = Size::Long64;
+                directive.size = Size::Long64;
             } else {
-                spec.size = Size::Long32;
-                spec.wideText = true;
+                directive.size = Size::Long32;
+                directive.wideText = true;
             }
             return;
         case u'w':
             ++at;
-            spec.wideText = true;
+            directive.wideText = true;
             return;
         case u'L':
             ++at;
-            spec.size = Size::LongDouble;
+            directive.size = Size::LongDouble;
             return;
         case u'z':
         case u'j':
         case u't':
             ++at;
-            spec.size = Size::Long64;
+            directive.size = Size::Long64;
             return;
         case u'I':
             ++at;
             if (at[0] == u'6' && at[1] == u'4') {
                 at += 2;
-                spec.size = Size::Long64;
+                directive.size = Size::Long64;
             } else if (at[0] == u'3' && at[1] == u'2') {
                 at += 2;
-                spec.size = Size::Long32;
+                directive.size = Size::Long32;
             } else {
-                spec.size = Size::Long64;  // pointer-sized
+                directive.size = Size::Long64;  // pointer-sized
             }
             return;
         default:
@@ -360,27 +360,27 @@ std::u16string formatWide(const char16_t* format, va_list arguments) {
             continue;
         }
         const char16_t* start = at++;
-        Spec spec;
+        Directive directive;
         for (bool flag = true; flag;) {
             switch (*at) {
                 case u'-':
-                    spec.left = true;
+                    directive.left = true;
                     ++at;
                     break;
                 case u'+':
-                    spec.plus = true;
+                    directive.plus = true;
                     ++at;
                     break;
                 case u' ':
-                    spec.space = true;
+                    directive.space = true;
                     ++at;
                     break;
                 case u'#':
-                    spec.alternate = true;
+                    directive.alternate = true;
                     ++at;
                     break;
                 case u'0':
-                    spec.zero = true;
+                    directive.zero = true;
                     ++at;
                     break;
                 default:
@@ -389,19 +389,19 @@ std::u16string formatWide(const char16_t* format, va_list arguments) {
             }
         }
         bool fromArgument = false;
-        spec.width = readNumber(at, args, &fromArgument);
-        if (fromArgument && spec.width < 0) {
-            spec.left = true;
-            spec.width = spec.width == -2147483647 - 1 ? 0 : -spec.width;
+        directive.width = readNumber(at, args, &fromArgument);
+        if (fromArgument && directive.width < 0) {
+            directive.left = true;
+            directive.width = directive.width == -2147483647 - 1 ? 0 : -directive.width;
         }
         if (*at == u'.') {
             ++at;
-            spec.precision = readNumber(at, args, &fromArgument);
-            if (spec.precision < 0) {
-                spec.precision = -1;
+            directive.precision = readNumber(at, args, &fromArgument);
+            if (directive.precision < 0) {
+                directive.precision = -1;
             }
         }
-        readSize(at, spec);
+        readSize(at, directive);
         char16_t conversion = *at;
         if (conversion == 0) {
             out.append(start, at);
@@ -414,22 +414,22 @@ std::u16string formatWide(const char16_t* format, va_list arguments) {
                 break;
             case u'd':
             case u'i': {
-                long long value = readSigned(args, spec.size);
+                long long value = readSigned(args, directive.size);
                 unsigned long long magnitude = value < 0
                                                    ? 0ull - static_cast<unsigned long long>(value)
                                                    : static_cast<unsigned long long>(value);
-                formatInteger(out, spec, 'd', magnitude, value < 0, true);
+                formatInteger(out, directive, 'd', magnitude, value < 0, true);
                 break;
             }
             case u'u':
             case u'o':
             case u'x':
             case u'X':
-                formatInteger(out, spec, static_cast<char>(conversion),
-                              readUnsigned(args, spec.size), false, false);
+                formatInteger(out, directive, static_cast<char>(conversion),
+                              readUnsigned(args, directive.size), false, false);
                 break;
             case u'p': {
-                Spec pointer = spec;
+                Directive pointer = directive;
                 pointer.precision = 16;
                 pointer.alternate = false;
                 auto value = reinterpret_cast<std::uintptr_t>(va_arg(args, void*));
@@ -444,27 +444,27 @@ std::u16string formatWide(const char16_t* format, va_list arguments) {
             case u'G':
             case u'a':
             case u'A':
-                formatFloating(out, spec, static_cast<char>(conversion), args);
+                formatFloating(out, directive, static_cast<char>(conversion), args);
                 break;
             case u's':
-                if (spec.narrowText) {
-                    formatNarrowText(out, spec, va_arg(args, const char*));
+                if (directive.narrowText) {
+                    formatNarrowText(out, directive, va_arg(args, const char*));
                 } else {
-                    formatWideText(out, spec, va_arg(args, const char16_t*));
+                    formatWideText(out, directive, va_arg(args, const char16_t*));
                 }
                 break;
             case u'S':
-                if (spec.wideText) {
-                    formatWideText(out, spec, va_arg(args, const char16_t*));
+                if (directive.wideText) {
+                    formatWideText(out, directive, va_arg(args, const char16_t*));
                 } else {
-                    formatNarrowText(out, spec, va_arg(args, const char*));
+                    formatNarrowText(out, directive, va_arg(args, const char*));
                 }
                 break;
             case u'c':
-                formatCharacter(out, spec, spec.narrowText, args);
+                formatCharacter(out, directive, directive.narrowText, args);
                 break;
             case u'C':
-                formatCharacter(out, spec, !spec.wideText, args);
+                formatCharacter(out, directive, !directive.wideText, args);
                 break;
             default:
                 // %n and anything unknown: written as it stands.
