@@ -46,7 +46,7 @@ Addressed addressOf(Group group) {
 // Node records for the group object and one volume, attached to the
 // provider's nodes for as long as this object lives.
 class ConfigNodes {
-public:
+  public:
     ConfigNodes(host::PluginHost& plugin, const std::u16string& volume)
         : plugin_(plugin), group_(kGroupName), volume_(volume) {
         groupStatus_ = plugin_.init_node(group_.record(), nullptr, 0, nullptr);
@@ -62,7 +62,7 @@ public:
         return addressed.groupObject ? group_.record() : volume_.record();
     }
 
-private:
+  private:
     host::PluginHost& plugin_;
     host::HostNode group_;
     host::HostNode volume_;
@@ -156,8 +156,7 @@ int runConfigSet(const GlobalOptions& options, const SetOptions& set) {
                                   addressed, &wide, nullptr);
     std::cout << "set " << addressed.name << " settings: status " << status << "\n";
     std::string stored;
-    request(session.plugin(), nodes.recordFor(addressed), kConfigGet, addressed, nullptr,
-            &stored);
+    request(session.plugin(), nodes.recordFor(addressed), kConfigGet, addressed, nullptr, &stored);
     std::cout << "provider holds: " << (stored.empty() ? "(nothing)" : stored) << "\n";
     printMessages(session.context().takeMessages(), 3, "  ");
     return status == 0 ? kExitOk : kExitFailed;

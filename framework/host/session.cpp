@@ -67,8 +67,7 @@ void printMessages(const std::vector<host::HostMessage>& messages, std::uint32_t
         if (message.level > maxLevel) {
             continue;
         }
-        std::cout << indent << levelName(message.level) << ": " << readableText(message)
-                  << "\n";
+        std::cout << indent << levelName(message.level) << ": " << readableText(message) << "\n";
     }
 }
 

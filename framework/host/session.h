@@ -15,7 +15,7 @@
 namespace fihost {
 
 class ProviderSession {
-public:
+  public:
     explicit ProviderSession(std::optional<std::string> locale);
 
     // Loads and initialises the plug-in; says on stderr why not.
@@ -24,7 +24,7 @@ public:
     host::PluginHost& plugin() { return plugin_; }
     host::HostContext& context() { return context_; }
 
-private:
+  private:
     host::HostContext context_;
     host::PluginHost plugin_;
 };

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 class tarp_Error {
-public:
+  public:
     tarp_Error(std::uint32_t code, const char16_t* file, std::uint32_t line,
                const char16_t* function);
     virtual ~tarp_Error();
@@ -26,7 +26,7 @@ public:
     std::uint32_t line() const { return line_; }
     const char16_t* function() const { return function_; }
 
-private:
+  private:
     std::uint32_t code_;
     const char16_t* file_;
     std::uint32_t line_;

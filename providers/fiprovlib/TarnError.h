@@ -6,7 +6,7 @@
 #include "fiprovlib/Error.h"
 
 class TarnError : public tarp_Error {
-public:
+  public:
     TarnError(std::uint32_t code, const char16_t* file, std::uint32_t line,
               const char16_t* function);
 

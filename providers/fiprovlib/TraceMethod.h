@@ -35,7 +35,7 @@ void writeLogV(std::uint32_t level, const char16_t* format, va_list arguments);
 // lines at level 4. Make it first thing in the operation so the exit line is
 // written on every way out.
 class tarp_TraceMethod {
-public:
+  public:
     // Throws tarp_Win32Error (code 13) when the thread's registry entry
     // cannot be allocated.
     tarp_TraceMethod(const char16_t* file, const char16_t* function, std::uint32_t line,
@@ -56,7 +56,7 @@ public:
     // Depth registry entry of the calling thread, 0 when it has none (tests).
     static std::uint32_t currentThreadDepth();
 
-private:
+  private:
     void incThreadIndent();
     void decThreadIndent();
 

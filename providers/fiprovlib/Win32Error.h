@@ -8,7 +8,7 @@
 inline constexpr std::uint32_t kWin32ErrorBase = 0x1000;
 
 class tarp_Win32Error : public tarp_Error {
-public:
+  public:
     tarp_Win32Error(std::uint32_t systemCode, const char16_t* file, std::uint32_t line,
                     const char16_t* function);
     // A copy starts with its own (empty) text buffer.
@@ -23,7 +23,7 @@ public:
     const char16_t* localizedMessage() override;
     const char16_t* kindName() const override;
 
-private:
+  private:
     char16_t* systemText_ = nullptr;
 };
 

@@ -43,8 +43,7 @@ GetVolumeNameForVolumeMountPointW_t volumeNameForMountPoint() {
 }  // namespace
 
 std::int32_t KivFiCoordinator::interpose(tarn_node* record, tarn_objid** newIdentity,
-                                         tarn_objid*** groupIdentities,
-                                         std::uint32_t* groupCount) {
+                                         tarn_objid*** groupIdentities, std::uint32_t* groupCount) {
     tarp_TraceMethod trace(kSource, kFunction, __LINE__);
     if (record == nullptr || newIdentity == nullptr || groupIdentities == nullptr ||
         groupCount == nullptr) {

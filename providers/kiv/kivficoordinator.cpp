@@ -76,9 +76,13 @@ tarn_objid* makeObjid(const std::u16string& name) {
     return tarn_get_objid(name.c_str(), length, kObjidKind);
 }
 
-KivApi* coordinatorKivApi() { return kivApiSlot(); }
+KivApi* coordinatorKivApi() {
+    return kivApiSlot();
+}
 
-tarp_MsgCatalog* activeCatalogue() { return activeCatalogueSlot(); }
+tarp_MsgCatalog* activeCatalogue() {
+    return activeCatalogueSlot();
+}
 
 KivFiCoordinator& KivFiCoordinator::instance() {
     KivFiCoordinator*& slot = instanceSlot();
@@ -175,8 +179,7 @@ std::int32_t KivFiCoordinator::errMsg(std::uint32_t status, const char16_t** tex
     return kTarnSuccess;
 }
 
-std::int32_t KivFiCoordinator::claim(tarn_objid* identity, void* /*unused*/,
-                                     std::uint32_t* flag) {
+std::int32_t KivFiCoordinator::claim(tarn_objid* identity, void* /*unused*/, std::uint32_t* flag) {
     tarp_TraceMethod trace(kSource, u"KivFiCoordinator::claim", __LINE__);
     std::string driverName = toNarrow(objectName(identity), os::CP_UTF8);
     KivHandle handle = kInvalidKivHandle;
@@ -184,8 +187,8 @@ std::int32_t KivFiCoordinator::claim(tarn_objid* identity, void* /*unused*/,
                                     /*a=*/0, /*b=*/0, &handle);
     if (status == 0 && isValidKivHandle(handle)) {
         KivVolumeInformation information{};
-        std::uint32_t read = KIV_GetVolumeInformation(kivApi_, handle, sizeof(information),
-                                                      &information);
+        std::uint32_t read =
+            KIV_GetVolumeInformation(kivApi_, handle, sizeof(information), &information);
         KIV_Close(kivApi_, &handle);
         if (read != 0) {
             return 0;
@@ -208,14 +211,36 @@ std::int32_t KivFiCoordinator::checkNodeExistence(tarn_node* record, std::uint32
     return kTarnSuccess;
 }
 
-std::int32_t KivFiCoordinator::spareOperationA(void*) { return 0; }
-std::int32_t KivFiCoordinator::spareOperationB(void*, void*, std::uint32_t) { return 0; }
-std::int32_t KivFiCoordinator::spareOperationC(void*) { return 0; }
-std::int32_t KivFiCoordinator::spareOperationD(void*, void*) { return 0; }
-std::int32_t KivFiCoordinator::spareOperationE(void*, void*) { return 0; }
-std::int32_t KivFiCoordinator::spareOperationF(void*) { return 0; }
-std::int32_t KivFiCoordinator::spareOperationG(void*) { return 0; }
-std::int32_t KivFiCoordinator::getLastError(void*) { return 0; }
-std::int32_t KivFiCoordinator::delLastError(void*) { return 0; }
-std::int32_t KivFiCoordinator::getLocaleMessage(void*, void*, void*, void*) { return 0; }
-std::int32_t KivFiCoordinator::delLocaleMessage(void*) { return 0; }
+std::int32_t KivFiCoordinator::spareOperationA(void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::spareOperationB(void*, void*, std::uint32_t) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::spareOperationC(void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::spareOperationD(void*, void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::spareOperationE(void*, void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::spareOperationF(void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::spareOperationG(void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::getLastError(void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::delLastError(void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::getLocaleMessage(void*, void*, void*, void*) {
+    return 0;
+}
+std::int32_t KivFiCoordinator::delLocaleMessage(void*) {
+    return 0;
+}

@@ -38,7 +38,7 @@ KivApi* coordinatorKivApi();
 tarp_MsgCatalog* activeCatalogue();
 
 class KivFiCoordinator final : public FiCoordinator {
-public:
+  public:
     // The process-wide coordinator, created on first call. Throws the os::DWORD
     // error of the driver binding when it cannot be built; the next call tries
     // again.
@@ -67,25 +67,34 @@ public:
     std::int32_t claim(tarn_objid* identity, void* unused, std::uint32_t* flag) override;
     std::int32_t supportsFiType(tarn_node* record, const char* fiType) override;
     std::int32_t initNode(tarn_node* record, void* a, std::uint32_t b, void* c) override;
-    std::int32_t config(tarn_node* record, std::uint32_t operation, void* argument, tarn_config_request* request) override;
+    std::int32_t config(tarn_node* record, std::uint32_t operation, void* argument,
+                        tarn_config_request* request) override;
     std::int32_t initAltNode(tarn_node* source, void* argument, tarn_node* alternate) override;
-    std::int32_t reAccessTmpObj(tarn_node* record, void* a, void* b, void* c, void* d, std::uint32_t e) override;
-    std::int32_t reAccessAltNode(tarn_node* record, void* a, void* b, void* c, void* d, void* e, std::uint32_t f, std::uint32_t g) override;
+    std::int32_t reAccessTmpObj(tarn_node* record, void* a, void* b, void* c, void* d,
+                                std::uint32_t e) override;
+    std::int32_t reAccessAltNode(tarn_node* record, void* a, void* b, void* c, void* d, void* e,
+                                 std::uint32_t f, std::uint32_t g) override;
     void deInitNode(tarn_node* record) override;
     std::int32_t dispose(void* a, tarn_node* record, void* b, std::uint32_t c) override;
     std::int32_t online(void* a, tarn_node* record, std::uint32_t b, std::uint32_t c) override;
     std::int32_t subobjList(tarn_node* record, void* list, void* count) override;
-    std::int32_t buildAltTree(tarn_node* record, void* a, void* b, void* c, std::uint32_t d, void* e) override;
+    std::int32_t buildAltTree(tarn_node* record, void* a, void* b, void* c, std::uint32_t d,
+                              void* e) override;
     std::int32_t quiesce(tarn_fi_entry* entry, void* a, std::uint32_t b, void* c) override;
     void unquiesce(tarn_fi_entry* entry, void* a, std::uint32_t b) override;
-    std::int32_t make(tarn_fi_entry* entry, void* a, tarn_fi_entry** list, std::uint32_t count, tarn_objid*** identities, std::uint32_t* identityCount) override;
-    std::int32_t prepare(tarn_fi_entry* entry, void* a, tarn_fi_entry** list, std::uint32_t count, std::uint32_t mode) override;
-    std::int32_t select(tarn_fi_entry* entry, void* a, tarn_fi_entry** entries, std::int32_t count) override;
-    std::int32_t isReady(tarn_fi_entry* entry, void* a, tarn_fi_entry** list, std::uint32_t count) override;
+    std::int32_t make(tarn_fi_entry* entry, void* a, tarn_fi_entry** list, std::uint32_t count,
+                      tarn_objid*** identities, std::uint32_t* identityCount) override;
+    std::int32_t prepare(tarn_fi_entry* entry, void* a, tarn_fi_entry** list, std::uint32_t count,
+                         std::uint32_t mode) override;
+    std::int32_t select(tarn_fi_entry* entry, void* a, tarn_fi_entry** entries,
+                        std::int32_t count) override;
+    std::int32_t isReady(tarn_fi_entry* entry, void* a, tarn_fi_entry** list,
+                         std::uint32_t count) override;
     std::int32_t cacheDisable(tarn_node* record, std::uint32_t flags) override;
     void cacheEnable(tarn_node* record, std::uint32_t flags) override;
     void cacheFlush(tarn_node* record, std::uint32_t flags) override;
-    std::int32_t interpose(tarn_node* record, tarn_objid** newIdentity, tarn_objid*** groupIdentities, std::uint32_t* groupCount) override;
+    std::int32_t interpose(tarn_node* record, tarn_objid** newIdentity,
+                           tarn_objid*** groupIdentities, std::uint32_t* groupCount) override;
     std::int32_t queryOperation(void* a, tarn_node* record, void* b, void* c) override;
     std::int32_t spareOperationA(void* a) override;
     std::int32_t spareOperationB(void* a, void* b, std::uint32_t c) override;
@@ -101,14 +110,18 @@ public:
     std::int32_t delLastError(void* a) override;
     std::int32_t getLocaleMessage(void* a, void* b, void* c, void* d) override;
     std::int32_t delLocaleMessage(void* a) override;
-    std::int32_t enableAccess(tarn_access_record* access, std::uint32_t a, std::uint32_t b, std::uint32_t flags) override;
+    std::int32_t enableAccess(tarn_access_record* access, std::uint32_t a, std::uint32_t b,
+                              std::uint32_t flags) override;
     std::int32_t disableAccess(tarn_access_record* access, std::uint32_t a) override;
-    std::int32_t restore(void* a, void* b, std::uint32_t c, void* d, void* e, std::uint32_t f, void* g) override;
-    std::int32_t resync(void* a, void* b, std::uint32_t c, void* d, void* e, std::uint32_t f, void* g) override;
-    std::int32_t getStatus(void* a, void* b, std::uint32_t c, void* d, std::uint32_t e, void* f) override;
+    std::int32_t restore(void* a, void* b, std::uint32_t c, void* d, void* e, std::uint32_t f,
+                         void* g) override;
+    std::int32_t resync(void* a, void* b, std::uint32_t c, void* d, void* e, std::uint32_t f,
+                        void* g) override;
+    std::int32_t getStatus(void* a, void* b, std::uint32_t c, void* d, std::uint32_t e,
+                           void* f) override;
     std::int32_t queryValidSecondaries(void* a, void* b, void* c) override;
 
-private:
+  private:
     KivFiCoordinator();
 
     std::set<FrozenImageNode*> nodes_;

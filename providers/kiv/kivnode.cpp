@@ -107,8 +107,8 @@ std::int32_t KivNode::reAccessTmpObj(tarn_node*, void*, void*, void*, void*, std
     return kTarnSuccess;
 }
 
-std::int32_t KivNode::reAccessAltNode(tarn_node*, void*, void*, void*, void*, void*,
-                                      std::uint32_t, std::uint32_t) {
+std::int32_t KivNode::reAccessAltNode(tarn_node*, void*, void*, void*, void*, void*, std::uint32_t,
+                                      std::uint32_t) {
     tarp_TraceMethod trace(kSource, u"KivNode::reAccessAltNode", __LINE__);
     return kTarnSuccess;
 }
@@ -162,9 +162,13 @@ std::int32_t KivNode::prepare(tarn_fi_entry*, void*, tarn_fi_entry**, std::uint3
     return kTarnNotSupported;
 }
 
-bool KivNode::isValidQuiesceConfig() { return config_.isValidQuiesceConfig(); }
+bool KivNode::isValidQuiesceConfig() {
+    return config_.isValidQuiesceConfig();
+}
 
-bool KivNode::isValidNodeSplitConfig() { return config_.isValidNodeSplitConfig(); }
+bool KivNode::isValidNodeSplitConfig() {
+    return config_.isValidNodeSplitConfig();
+}
 
 std::int32_t KivNode::isReady(tarn_fi_entry* entry, void*, tarn_fi_entry** list,
                               std::uint32_t count) {

@@ -18,7 +18,7 @@
 #include "kiv/kivconfig/kivconfig.h"
 
 class KivNode final : public FrozenImageNode {
-public:
+  public:
     // A node for `record` (initNode), or an alternate node (initAltNode).
     // Its name is the record's identity name.
     KivNode(tarn_node* record, bool isAltNode);
@@ -69,7 +69,7 @@ public:
     }
     std::int32_t spareNodeOperationH(void*) override { return 0; }
 
-private:
+  private:
     bool isAltNode_;
     KivConfig config_;
     KivHandle snapshotHandle_ = kInvalidKivHandle;

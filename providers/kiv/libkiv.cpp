@@ -85,7 +85,9 @@ namespace {
 // Process-wide state of the entry points, written only by fikiv_fi_pgn_init.
 bool initialised = false;
 
-KivFiCoordinator& coordinator() { return KivFiCoordinator::instance(); }
+KivFiCoordinator& coordinator() {
+    return KivFiCoordinator::instance();
+}
 
 // No exception may cross into the host: an unexpected failure below the
 // coordinator (an operating-system error code, an allocation failure) becomes
@@ -149,7 +151,7 @@ FIKIV_ENTRY std::int32_t fikiv_fi_pgn_errmsg(std::uint32_t status, const char16_
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_claim(tarn_objid* identity, void* argument,
-                                             std::uint32_t* flag) {
+                                            std::uint32_t* flag) {
     if (identity == nullptr || argument == nullptr || flag == nullptr || !initialised) {
         return 0;
     }
@@ -175,10 +177,12 @@ FIKIV_ENTRY std::int32_t fikiv_fi_pgn_init_remnode(void*, void*, void*) {
     return kTarnNotSupported;
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_pre_prepare(void*) { return kTarnSuccess; }
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_pre_prepare(void*) {
+    return kTarnSuccess;
+}
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_enumerate_nodes(tarn_list_node** list, void*,
-                                                       std::uint32_t, void*) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_enumerate_nodes(tarn_list_node** list, void*, std::uint32_t,
+                                                      void*) {
     if (list == nullptr) {
         return kTarnInvalidRequest;
     }
@@ -218,7 +222,7 @@ FIKIV_ENTRY std::int32_t fikiv_fi_pgn_get_associated_nodes(void* node, tarn_list
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_check_node_existence(tarn_node* record,
-                                                            std::uint32_t* exists) {
+                                                           std::uint32_t* exists) {
     if (record == nullptr || exists == nullptr) {
         return kTarnInvalidRequest;
     }
@@ -248,28 +252,28 @@ FIKIV_ENTRY std::int32_t fikiv_fi_pgn_supports_fitype(tarn_node* record, const c
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_init_node(tarn_node* record, void* a, std::uint32_t b,
-                                                 void* c) {
+                                                void* c) {
     return guarded([&] { return coordinator().initNode(record, a, b, c); });
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_config(tarn_node* record, std::uint32_t operation,
-                                              void* argument, tarn_config_request* request) {
+                                             void* argument, tarn_config_request* request) {
     return guarded([&] { return coordinator().config(record, operation, argument, request); });
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_init_altnode(tarn_node* source, void* argument,
-                                                    tarn_node* alternate) {
+                                                   tarn_node* alternate) {
     return guarded([&] { return coordinator().initAltNode(source, argument, alternate); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_reaccess_tmpobj(tarn_node* record, void* a, void* b,
-                                                       void* c, void* d, std::uint32_t e) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_reaccess_tmpobj(tarn_node* record, void* a, void* b, void* c,
+                                                      void* d, std::uint32_t e) {
     return guarded([&] { return coordinator().reAccessTmpObj(record, a, b, c, d, e); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_reaccess_altnode(tarn_node* record, void* a, void* b,
-                                                        void* c, void* d, void* e,
-                                                        std::uint32_t f, std::uint32_t g) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_reaccess_altnode(tarn_node* record, void* a, void* b, void* c,
+                                                       void* d, void* e, std::uint32_t f,
+                                                       std::uint32_t g) {
     return guarded([&] { return coordinator().reAccessAltNode(record, a, b, c, d, e, f, g); });
 }
 
@@ -278,12 +282,12 @@ FIKIV_ENTRY void fikiv_fi_pgn_deinit_node(tarn_node* record) {
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_dispose(void* a, tarn_node* record, void* b,
-                                               std::uint32_t c) {
+                                              std::uint32_t c) {
     return guarded([&] { return coordinator().dispose(a, record, b, c); });
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_online(void* a, tarn_node* record, std::uint32_t b,
-                                              std::uint32_t c) {
+                                             std::uint32_t c) {
     return guarded([&] { return coordinator().online(a, record, b, c); });
 }
 
@@ -294,13 +298,13 @@ FIKIV_ENTRY std::int32_t fikiv_fi_pgn_subobj_list(tarn_node* record, void* list,
     return guarded([&] { return coordinator().subobjList(record, list, count); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_build_alttree(tarn_node* record, void* a, void* b,
-                                                     void* c, std::uint32_t d, void* e) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_build_alttree(tarn_node* record, void* a, void* b, void* c,
+                                                    std::uint32_t d, void* e) {
     return guarded([&] { return coordinator().buildAltTree(record, a, b, c, d, e); });
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_quiesce(tarn_fi_entry* entry, void* a, std::uint32_t b,
-                                               void* c) {
+                                              void* c) {
     return guarded([&] { return coordinator().quiesce(entry, a, b, c); });
 }
 
@@ -309,25 +313,24 @@ FIKIV_ENTRY void fikiv_fi_pgn_unquiesce(tarn_fi_entry* entry, void* a, std::uint
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_make(tarn_fi_entry* entry, void* a, tarn_fi_entry** list,
-                                            std::uint32_t count, tarn_objid*** identities,
-                                            std::uint32_t* identityCount) {
+                                           std::uint32_t count, tarn_objid*** identities,
+                                           std::uint32_t* identityCount) {
     return guarded(
         [&] { return coordinator().make(entry, a, list, count, identities, identityCount); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_prepare(tarn_fi_entry* entry, void* a,
-                                               tarn_fi_entry** list, std::uint32_t count,
-                                               std::uint32_t mode) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_prepare(tarn_fi_entry* entry, void* a, tarn_fi_entry** list,
+                                              std::uint32_t count, std::uint32_t mode) {
     return guarded([&] { return coordinator().prepare(entry, a, list, count, mode); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_select(tarn_fi_entry* entry, void* a,
-                                              tarn_fi_entry** entries, std::int32_t count) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_select(tarn_fi_entry* entry, void* a, tarn_fi_entry** entries,
+                                             std::int32_t count) {
     return guarded([&] { return coordinator().select(entry, a, entries, count); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_isready(tarn_fi_entry* entry, void* a,
-                                               tarn_fi_entry** list, std::uint32_t count) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_isready(tarn_fi_entry* entry, void* a, tarn_fi_entry** list,
+                                              std::uint32_t count) {
     return guarded([&] { return coordinator().isReady(entry, a, list, count); });
 }
 
@@ -340,8 +343,8 @@ FIKIV_ENTRY void fikiv_fi_pgn_cache_enable(tarn_node* record) {
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_interpose(tarn_node* record, tarn_objid** newIdentity,
-                                                 tarn_objid*** groupIdentities,
-                                                 std::uint32_t* groupCount) {
+                                                tarn_objid*** groupIdentities,
+                                                std::uint32_t* groupCount) {
     if (!initialised) {
         return 0;
     }
@@ -351,7 +354,7 @@ FIKIV_ENTRY std::int32_t fikiv_fi_pgn_interpose(tarn_node* record, tarn_objid** 
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_process_providerstate(tarn_node* record, void* a,
-                                                             std::uint32_t b) {
+                                                            std::uint32_t b) {
     return guarded([&] { return coordinator().processProviderState(record, a, b); });
 }
 
@@ -360,27 +363,26 @@ FIKIV_ENTRY std::int32_t fikiv_fi_pgn_objctl(void* a, void* b, void* c, void* d)
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_enable_access(tarn_access_record* access, std::uint32_t a,
-                                                     std::uint32_t b, std::uint32_t flags) {
+                                                    std::uint32_t b, std::uint32_t flags) {
     return guarded([&] { return coordinator().enableAccess(access, a, b, flags); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_disable_access(tarn_access_record* access,
-                                                      std::uint32_t a) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_disable_access(tarn_access_record* access, std::uint32_t a) {
     return guarded([&] { return coordinator().disableAccess(access, a); });
 }
 
-FIKIV_ENTRY std::int32_t fikiv_fi_pgn_restore(void* a, void* b, std::uint32_t c, void* d,
-                                               void* e, std::uint32_t f, void* g) {
+FIKIV_ENTRY std::int32_t fikiv_fi_pgn_restore(void* a, void* b, std::uint32_t c, void* d, void* e,
+                                              std::uint32_t f, void* g) {
     return guarded([&] { return coordinator().restore(a, b, c, d, e, f, g); });
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_resync(void* a, void* b, std::uint32_t c, void* d, void* e,
-                                              std::uint32_t f, void* g) {
+                                             std::uint32_t f, void* g) {
     return guarded([&] { return coordinator().resync(a, b, c, d, e, f, g); });
 }
 
 FIKIV_ENTRY std::int32_t fikiv_fi_pgn_get_status(void* a, void* b, std::uint32_t c, void* d,
-                                                  std::uint32_t e, void* f) {
+                                                 std::uint32_t e, void* f) {
     return guarded([&] { return coordinator().getStatus(a, b, c, d, e, f); });
 }
 

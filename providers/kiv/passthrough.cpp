@@ -51,8 +51,8 @@ void markFailed(tarn_node* record) {
 
 }  // namespace
 
-std::int32_t KivFiCoordinator::reAccessTmpObj(tarn_node* record, void* a, void* b, void* c,
-                                              void* d, std::uint32_t e) {
+std::int32_t KivFiCoordinator::reAccessTmpObj(tarn_node* record, void* a, void* b, void* c, void* d,
+                                              std::uint32_t e) {
     tarp_TraceMethod trace(kSource, u"KivFiCoordinator::reAccessTmpObj", __LINE__);
     return routed(nodeOf(record), [&](FrozenImageNode* node) {
         return node->reAccessTmpObj(record, a, b, c, d, e);
@@ -60,8 +60,7 @@ std::int32_t KivFiCoordinator::reAccessTmpObj(tarn_node* record, void* a, void* 
 }
 
 std::int32_t KivFiCoordinator::reAccessAltNode(tarn_node* record, void* a, void* b, void* c,
-                                               void* d, void* e, std::uint32_t f,
-                                               std::uint32_t g) {
+                                               void* d, void* e, std::uint32_t f, std::uint32_t g) {
     tarp_TraceMethod trace(kSource, u"KivFiCoordinator::reAccessAltNode", __LINE__);
     return routed(nodeOf(record), [&](FrozenImageNode* node) {
         return node->reAccessAltNode(record, a, b, c, d, e, f, g);
@@ -91,9 +90,8 @@ std::int32_t KivFiCoordinator::subobjList(tarn_node* record, void* list, void* c
 std::int32_t KivFiCoordinator::buildAltTree(tarn_node* record, void* a, void* b, void* c,
                                             std::uint32_t d, void* e) {
     tarp_TraceMethod trace(kSource, u"KivFiCoordinator::buildAltTree", __LINE__);
-    return routed(nodeOf(record), [&](FrozenImageNode* node) {
-        return node->buildAltTree(record, a, b, c, d, e);
-    });
+    return routed(nodeOf(record),
+                  [&](FrozenImageNode* node) { return node->buildAltTree(record, a, b, c, d, e); });
 }
 
 std::int32_t KivFiCoordinator::quiesce(tarn_fi_entry* entry, void* a, std::uint32_t b, void* c) {
@@ -190,11 +188,9 @@ std::int32_t KivFiCoordinator::queryOperation(void* a, tarn_node* record, void* 
                   [&](FrozenImageNode* node) { return node->queryOperation(a, record, b, c); });
 }
 
-std::int32_t KivFiCoordinator::processProviderState(tarn_node* record, void* a,
-                                                    std::uint32_t b) {
-    return routed(nodeOf(record), [&](FrozenImageNode* node) {
-        return node->processProviderState(record, a, b);
-    });
+std::int32_t KivFiCoordinator::processProviderState(tarn_node* record, void* a, std::uint32_t b) {
+    return routed(nodeOf(record),
+                  [&](FrozenImageNode* node) { return node->processProviderState(record, a, b); });
 }
 
 std::int32_t KivFiCoordinator::enableAccess(tarn_access_record* access, std::uint32_t a,
@@ -211,7 +207,9 @@ std::int32_t KivFiCoordinator::disableAccess(tarn_access_record* access, std::ui
                   [&](FrozenImageNode* node) { return node->setAccess(access, a, 0, 0); });
 }
 
-std::int32_t KivFiCoordinator::objctl(void*, void*, void*, void*) { return kTarnSuccess; }
+std::int32_t KivFiCoordinator::objctl(void*, void*, void*, void*) {
+    return kTarnSuccess;
+}
 
 std::int32_t KivFiCoordinator::restore(void*, void*, std::uint32_t, void*, void*, std::uint32_t,
                                        void*) {
@@ -223,9 +221,10 @@ std::int32_t KivFiCoordinator::resync(void*, void*, std::uint32_t, void*, void*,
     return kTarnSuccess;
 }
 
-std::int32_t KivFiCoordinator::getStatus(void*, void*, std::uint32_t, void*, std::uint32_t,
-                                         void*) {
+std::int32_t KivFiCoordinator::getStatus(void*, void*, std::uint32_t, void*, std::uint32_t, void*) {
     return kTarnSuccess;
 }
 
-std::int32_t KivFiCoordinator::queryValidSecondaries(void*, void*, void*) { return kTarnSuccess; }
+std::int32_t KivFiCoordinator::queryValidSecondaries(void*, void*, void*) {
+    return kTarnSuccess;
+}

@@ -31,7 +31,9 @@ std::string selfPath() {
 
 }  // namespace
 
-ChildRole::ChildRole(const char* name, ChildMain main) { roles()[name] = main; }
+ChildRole::ChildRole(const char* name, ChildMain main) {
+    roles()[name] = main;
+}
 
 pid_t startChild(const std::string& role, const std::vector<std::string>& arguments) {
     std::string program = selfPath();

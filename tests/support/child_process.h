@@ -18,9 +18,9 @@ struct ChildRole {
     ChildRole(const char* name, ChildMain main);
 };
 
-#define FIKIV_CHILD_ROLE(name)                                                      \
-    static int name##ChildMain(const std::vector<std::string>& arguments);          \
-    static ::testsupport::ChildRole name##ChildRole(#name, &name##ChildMain);       \
+#define FIKIV_CHILD_ROLE(name)                                                \
+    static int name##ChildMain(const std::vector<std::string>& arguments);    \
+    static ::testsupport::ChildRole name##ChildRole(#name, &name##ChildMain); \
     static int name##ChildMain([[maybe_unused]] const std::vector<std::string>& arguments)
 
 // Starts this program as `role` with the arguments; the child inherits the

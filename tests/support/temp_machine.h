@@ -13,7 +13,7 @@
 namespace testsupport {
 
 class TempMachine {
-public:
+  public:
     explicit TempMachine(const nlohmann::json& description);
     ~TempMachine();
     TempMachine(const TempMachine&) = delete;
@@ -32,7 +32,7 @@ public:
     // The GUID name "\\?\Volume{...}\" of volume `number`.
     static std::u16string guidName(int number);
 
-private:
+  private:
     std::filesystem::path directory_;
     std::filesystem::path file_;
     std::string previous_;

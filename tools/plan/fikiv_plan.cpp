@@ -96,8 +96,7 @@ int main(int argc, char** argv) {
         std::vector<CacheFileSizes> sizes;
         PlacementReport report;
         std::cout << "placing cache files:\n";
-        bool placed =
-            placeCacheFiles(ProviderMutex(), targetNames, hints, paths, sizes, &report);
+        bool placed = placeCacheFiles(ProviderMutex(), targetNames, hints, paths, sizes, &report);
         std::cout << "\nwhy:\n";
         for (const std::u16string& line : describePlacement(report)) {
             std::cout << "  " << narrow(line.c_str()) << "\n";

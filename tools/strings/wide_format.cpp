@@ -160,7 +160,8 @@ void formatInteger(std::u16string& out, const Directive& directive, char convers
     for (unsigned long long rest = magnitude; rest != 0; rest /= base) {
         digits.insert(digits.begin(), static_cast<char16_t>(digitSet[rest % base]));
     }
-    std::size_t minimum = directive.precision >= 0 ? static_cast<std::size_t>(directive.precision) : 1;
+    std::size_t minimum =
+        directive.precision >= 0 ? static_cast<std::size_t>(directive.precision) : 1;
     if (digits.size() < minimum) {
         digits.insert(0, minimum - digits.size(), u'0');
     }
@@ -195,7 +196,8 @@ std::string printNumber(const char* pattern, int width, int precision, Number va
     return text;
 }
 
-void formatFloating(std::u16string& out, const Directive& directive, char conversion, va_list& arguments) {
+void formatFloating(std::u16string& out, const Directive& directive, char conversion,
+                    va_list& arguments) {
     const bool longDouble = directive.size == Size::LongDouble;
     int precision = directive.precision;
     if (precision < 0) {
@@ -223,8 +225,9 @@ void formatFloating(std::u16string& out, const Directive& directive, char conver
     pattern[at++] = conversion;
     pattern[at] = '\0';
     std::string text =
-        longDouble ? printNumber(pattern, directive.width, precision, va_arg(arguments, long double))
-                   : printNumber(pattern, directive.width, precision, va_arg(arguments, double));
+        longDouble
+            ? printNumber(pattern, directive.width, precision, va_arg(arguments, long double))
+            : printNumber(pattern, directive.width, precision, va_arg(arguments, double));
     out += widenAscii(text.c_str());
 }
 
@@ -234,7 +237,7 @@ void formatWideText(std::u16string& out, const Directive& directive, const char1
     }
     std::size_t length = 0;
     std::size_t limit = directive.precision >= 0 ? static_cast<std::size_t>(directive.precision)
-                                            : static_cast<std::size_t>(-1);
+                                                 : static_cast<std::size_t>(-1);
     while (length < limit && text[length] != 0) {
         ++length;
     }
@@ -246,7 +249,7 @@ void formatNarrowText(std::u16string& out, const Directive& directive, const cha
         text = "(null)";
     }
     std::size_t limit = directive.precision >= 0 ? static_cast<std::size_t>(directive.precision)
-                                            : static_cast<std::size_t>(-1);
+                                                 : static_cast<std::size_t>(-1);
     std::u16string converted;
     const auto* at = reinterpret_cast<const unsigned char*>(text);
     // With a precision the text need not be terminated: stop before reading
@@ -262,7 +265,8 @@ void formatNarrowText(std::u16string& out, const Directive& directive, const cha
     appendPadded(out, directive, converted, 0, true);
 }
 
-void formatCharacter(std::u16string& out, const Directive& directive, bool narrow, va_list& arguments) {
+void formatCharacter(std::u16string& out, const Directive& directive, bool narrow,
+                     va_list& arguments) {
     int value = va_arg(arguments, int);
     char16_t unit = static_cast<char16_t>(value);
     if (narrow) {

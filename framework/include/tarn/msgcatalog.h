@@ -23,7 +23,7 @@
 struct UResourceBundle;
 
 class TARN_RT_API tarp_IcuMsgCatalog {
-public:
+  public:
     // Opens catalogue `catalogName` in `localeName` (null or empty: root).
     // `flag` is accepted for the framework's signature and not used.
     tarp_IcuMsgCatalog(const char* catalogName, const char* localeName, bool flag);
@@ -40,7 +40,7 @@ public:
     // True when the bundle was found (in the locale or its root).
     bool isOpen() const { return bundle_ != nullptr; }
 
-private:
+  private:
     const char16_t* lookup(const char* id);
 
     UResourceBundle* bundle_ = nullptr;
@@ -49,7 +49,7 @@ private:
 };
 
 class TARN_RT_API tarp_MsgCatalog : public tarp_IcuMsgCatalog {
-public:
+  public:
     tarp_MsgCatalog(const char* catalogName, const char* localeName, bool flag);
     ~tarp_MsgCatalog() override;
 };

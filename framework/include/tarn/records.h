@@ -42,29 +42,29 @@ struct tarn_objid {
 struct tarn_fi_link;
 
 struct tarn_node {
-    std::uint32_t flags;          // 0x00
-    std::uint32_t status;         // 0x04
-    tarn_objid* objid;            // 0x08
-    void* reserved10;             // 0x10
-    std::uint32_t* fi_support;    // 0x18
+    std::uint32_t flags;        // 0x00
+    std::uint32_t status;       // 0x04
+    tarn_objid* objid;          // 0x08
+    void* reserved10;           // 0x10
+    std::uint32_t* fi_support;  // 0x18
     unsigned char reserved20[0x30];
-    std::uint64_t attach_word;    // 0x50
-    tarn_fi_link* fi_list;        // 0x58
+    std::uint64_t attach_word;  // 0x50
+    tarn_fi_link* fi_list;      // 0x58
     unsigned char reserved60[0x30];
-    void* provider_data;          // 0x90
-    char16_t* object_name;        // 0x98
+    void* provider_data;    // 0x90
+    char16_t* object_name;  // 0x98
 };
 
 struct tarn_fi_entry {
-    const char* fi_type;     // 0x00
-    tarn_node* node;         // 0x08
-    tarn_node* group_node;   // 0x10
+    const char* fi_type;    // 0x00
+    tarn_node* node;        // 0x08
+    tarn_node* group_node;  // 0x10
 };
 
 struct tarn_fi_link {
-    tarn_fi_link* next;      // 0x00
-    tarn_fi_entry* first;    // 0x08
-    tarn_fi_entry* second;   // 0x10
+    tarn_fi_link* next;     // 0x00
+    tarn_fi_entry* first;   // 0x08
+    tarn_fi_entry* second;  // 0x10
 };
 
 struct tarn_version {
@@ -72,9 +72,9 @@ struct tarn_version {
 };
 
 struct tarn_fim_info {
-    std::uint32_t words[6];        // 0x00 .. 0x14
-    char16_t* description;         // 0x18
-    char16_t* version_text;        // 0x20
+    std::uint32_t words[6];  // 0x00 .. 0x14
+    char16_t* description;   // 0x18
+    char16_t* version_text;  // 0x20
 };
 
 // Handed with every configuration request.

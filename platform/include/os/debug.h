@@ -20,8 +20,8 @@ void OutputDebugStringW(LPCWSTR outputString);
 // supported: `buffer` is really an LPWSTR* that receives a LocalAlloc'ed text
 // ending in "\r\n". Returns its length, or 0 with ERROR_MR_MID_NOT_FOUND for an
 // unknown code, ERROR_INVALID_PARAMETER for unsupported flags.
-DWORD FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD languageId,
-                     LPWSTR buffer, DWORD size, void* arguments);
+DWORD FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD languageId, LPWSTR buffer,
+                     DWORD size, void* arguments);
 // Frees memory from FormatMessageW; returns NULL on success.
 HLOCAL LocalFree(HLOCAL memory);
 

@@ -15,7 +15,7 @@ BOOL CloseHandle(HANDLE object);
 // INVALID_HANDLE_VALUE both count as empty. Move-assignment closes the held
 // handle first.
 class UniqueHandle {
-public:
+  public:
     UniqueHandle() = default;
     explicit UniqueHandle(HANDLE handle) : handle_(handle) {}
     UniqueHandle(const UniqueHandle&) = delete;
@@ -43,7 +43,7 @@ public:
         handle_ = handle;
     }
 
-private:
+  private:
     HANDLE handle_ = nullptr;
 };
 

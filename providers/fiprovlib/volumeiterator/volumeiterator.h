@@ -16,7 +16,7 @@ struct VolumeIteratorState;
 struct MountPointIteratorState;
 
 class VolumeIterator {
-public:
+  public:
     // The first volume. Throws os::DWORD.
     static VolumeIterator begin();
     static VolumeIterator end();
@@ -32,13 +32,13 @@ public:
     bool operator==(const VolumeIterator& other) const;
     bool operator!=(const VolumeIterator& other) const { return !(*this == other); }
 
-private:
+  private:
     explicit VolumeIterator(VolumeIteratorState* state);
     VolumeIteratorState* state_;
 };
 
 class MountPointIterator {
-public:
+  public:
     // The first mount point of `volumeName` (a GUID name), or the end when it
     // has none. Throws os::DWORD.
     static MountPointIterator begin(const std::u16string& volumeName);
@@ -54,7 +54,7 @@ public:
     bool operator==(const MountPointIterator& other) const;
     bool operator!=(const MountPointIterator& other) const { return !(*this == other); }
 
-private:
+  private:
     explicit MountPointIterator(MountPointIteratorState* state);
     MountPointIteratorState* state_;
 };

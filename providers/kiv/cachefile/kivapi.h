@@ -36,13 +36,13 @@ static_assert(offsetof(KivVolumeInformation, value) == 4);
 
 // One element of the array given to KIV_Prepare.
 struct KivSnapshotParametersRecord {
-    KivHandle SourceVolumeObject;      // 0
-    const char* SnapshotVolumeName;    // 8, UTF-8
-    const char* CacheFileName;         // 16, UTF-8
+    KivHandle SourceVolumeObject;        // 0
+    const char* SnapshotVolumeName;      // 8, UTF-8
+    const char* CacheFileName;           // 16, UTF-8
     std::uint32_t InitialCacheFileSize;  // 24, MB
     std::uint32_t MaximumCacheFileSize;  // 28, MB
-    std::uint32_t Reserved;            // 32, always 0
-    std::uint32_t Padding;             // 36
+    std::uint32_t Reserved;              // 32, always 0
+    std::uint32_t Padding;               // 36
 };
 static_assert(sizeof(KivSnapshotParametersRecord) == 40);
 static_assert(offsetof(KivSnapshotParametersRecord, CacheFileName) == 16);

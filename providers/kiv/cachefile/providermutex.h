@@ -19,13 +19,13 @@ os::HANDLE ProviderMutex();
 // kProviderMutexWaitMs and throws the boolean false on time-out or
 // abandonment; the destructor releases the mutex.
 class ProviderMutexLock {
-public:
+  public:
     explicit ProviderMutexLock(os::HANDLE mutex);
     ~ProviderMutexLock();
     ProviderMutexLock(const ProviderMutexLock&) = delete;
     ProviderMutexLock& operator=(const ProviderMutexLock&) = delete;
 
-private:
+  private:
     os::HANDLE mutex_;
 };
 

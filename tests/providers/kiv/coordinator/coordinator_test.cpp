@@ -161,9 +161,9 @@ struct InterposeRow {
     std::u16string object;
     std::uint32_t flags;
     std::int32_t expected;
-    std::string expectedIdentity;          // when interposed
-    std::vector<std::string> warningParts; // level-2 log line must hold each
-    std::size_t catalogueReports;          // reports of MSG_ERROR_KIVAPI
+    std::string expectedIdentity;           // when interposed
+    std::vector<std::string> warningParts;  // level-2 log line must hold each
+    std::size_t catalogueReports;           // reports of MSG_ERROR_KIVAPI
 };
 
 TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
@@ -171,26 +171,58 @@ TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
     ASSERT_EQ(init(), 0);
     const InterposeRow rows[] = {
         {"GUID path used unchanged", TempMachine::guidName(1), 0, 1, "<kiv>" + guid(1), {}, 0},
-        {"drive without backslash resolves to its GUID path", u"C:", 0, 1,
-         "<kiv>" + guidWithoutBackslash(1), {}, 0},
-        {"drive with backslash resolves too", u"C:\\", 0, 1, "<kiv>" + guidWithoutBackslash(1),
-         {}, 0},
-        {"snapshot attribute alone is a valid source", u"D:", 0, 1,
-         "<kiv>" + guidWithoutBackslash(2), {}, 0},
+        {"drive without backslash resolves to its GUID path",
+         u"C:",
+         0,
+         1,
+         "<kiv>" + guidWithoutBackslash(1),
+         {},
+         0},
+        {"drive with backslash resolves too",
+         u"C:\\",
+         0,
+         1,
+         "<kiv>" + guidWithoutBackslash(1),
+         {},
+         0},
+        {"snapshot attribute alone is a valid source",
+         u"D:",
+         0,
+         1,
+         "<kiv>" + guidWithoutBackslash(2),
+         {},
+         0},
         {"mount-point path", u"C:\\mnt\\data", 0, 1, "<kiv>" + guidWithoutBackslash(6), {}, 0},
-        {"no attribute", u"E:", 0, 0, "",
+        {"no attribute",
+         u"E:",
+         0,
+         0,
+         "",
          {"KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(3) + "]"},
          0},
-        {"active cache and disabled", u"F:", 0, 0, "",
+        {"active cache and disabled",
+         u"F:",
+         0,
+         0,
+         "",
          {guidWithoutBackslash(4) +
           " - KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE - KIV_ATTRIBUTE_DISABLED"},
          2},
-        {"disabled", u"H:", 0, 0, "",
-         {guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED"}, 1},
-        {"unknown drive keeps its name", u"Q:", 0, 0, "",
-         {"cant interpose due to open volume [Q:] failed"}, 0},
-        {"unknown drive given with backslash reads without it", u"Q:\\", 0, 0, "",
-         {"cant interpose due to open volume [Q:] failed"}, 0},
+        {"disabled", u"H:", 0, 0, "", {guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED"}, 1},
+        {"unknown drive keeps its name",
+         u"Q:",
+         0,
+         0,
+         "",
+         {"cant interpose due to open volume [Q:] failed"},
+         0},
+        {"unknown drive given with backslash reads without it",
+         u"Q:\\",
+         0,
+         0,
+         "",
+         {"cant interpose due to open volume [Q:] failed"},
+         0},
         {"declined by the host flag", TempMachine::guidName(1), 0x800, 0, "", {}, 0},
     };
     for (const InterposeRow& row : rows) {
@@ -206,8 +238,7 @@ TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
         std::vector<HostMessage> seen = userMessages(context_->messages());
         if (row.expected == 1) {
             ASSERT_NE(identity, nullptr);
-            EXPECT_EQ(host::toUtf8(std::u16string_view(identity->name,
-                                                       identity->length / 2 - 1)),
+            EXPECT_EQ(host::toUtf8(std::u16string_view(identity->name, identity->length / 2 - 1)),
                       row.expectedIdentity);
             EXPECT_EQ(count, 1u);
             ASSERT_NE(groups, nullptr);
@@ -302,8 +333,10 @@ TEST_F(CoordinatorTest, InterposeTracesEntryAndExit) {
     EXPECT_TRUE(contains(traces.front(), "Entering Function KivFiCoordinator::interpose["));
     EXPECT_TRUE(contains(traces.back(), "Exiting Function KivFiCoordinator::interpose["));
     bool explained = std::any_of(traces.begin(), traces.end(), [](const std::string& line) {
-        return line.find("KIV volume information does not have KIV_ATTRIBUTE_VALID_SOURCE set "
-                         "for " + guidWithoutBackslash(3)) != std::string::npos;
+        return line.find(
+                   "KIV volume information does not have KIV_ATTRIBUTE_VALID_SOURCE set "
+                   "for " +
+                   guidWithoutBackslash(3)) != std::string::npos;
     });
     EXPECT_TRUE(explained);
 }

@@ -35,16 +35,19 @@ inline nlohmann::json testMachine(nlohmann::json faults = nlohmann::json::array(
               TempMachine::volume(3, {"E:\\"}, "fixed", "NTFS", 100ull << 30, 50ull << 30, 0x0),
               TempMachine::volume(4, {"F:\\"}, "fixed", "NTFS", 100ull << 30, 50ull << 30, 0x14),
               TempMachine::volume(5, {"G:\\"}, "fixed", "NTFS", 100ull << 30, 50ull << 30, 0x2),
-              TempMachine::volume(6, {"C:\\mnt\\data\\"}, "fixed", "NTFS", 10ull << 30,
-                                  5ull << 30, 0x1),
-              TempMachine::volume(7, {"H:\\"}, "fixed", "NTFS", 100ull << 30, 50ull << 30,
-                                  0x4)}},
+              TempMachine::volume(6, {"C:\\mnt\\data\\"}, "fixed", "NTFS", 10ull << 30, 5ull << 30,
+                                  0x1),
+              TempMachine::volume(7, {"H:\\"}, "fixed", "NTFS", 100ull << 30, 50ull << 30, 0x4)}},
             {"faults", faults}};
 }
 
-inline std::string utf8(const std::u16string& text) { return host::toUtf8(text); }
+inline std::string utf8(const std::u16string& text) {
+    return host::toUtf8(text);
+}
 
-inline std::string guid(int number) { return utf8(TempMachine::guidName(number)); }
+inline std::string guid(int number) {
+    return utf8(TempMachine::guidName(number));
+}
 
 inline std::string guidWithoutBackslash(int number) {
     std::string name = guid(number);
