@@ -36,12 +36,6 @@ HandleTarget identifyHandle(const sim::Machine& machine, DriverHandle handle);
 // Opens `directory` and returns its handle through `handle`; 0 or a Win32 code.
 std::uint32_t openDirectoryHandle(const std::filesystem::path& directory, DriverHandle* handle);
 
-// UTF-8 <-> UTF-16 without the platform's private helpers; false on bad input.
-bool utf8ToUtf16(std::string_view text, std::u16string* out);
-std::string utf16ToUtf8(std::u16string_view text);
-// ASCII case folding, enough for volume GUIDs, drive letters and device names.
-std::string foldAscii(std::string_view text);
-
 }  // namespace kivsim
 
 #endif  // DRIVERS_KIVSIM_DRIVER_HANDLES_H_

@@ -25,6 +25,7 @@
 #include "sim/handles.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
+#include "sim/text.h"
 
 #define KIV_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -64,13 +65,11 @@ std::uint32_t entryPoint(const char* name, Body&& body) {
 // Snapshot volume names compare without case, without trailing backslashes
 // and with "\\.\" and "\\?\" taken as the same prefix.
 std::string comparableName(std::string_view name) {
-    std::string text = foldAscii(name);
+    std::string text = sim::lowerAscii(name);
     if (text.rfind("\\\\.\\", 0) == 0) {
         text[2] = '?';
     }
-    while (!text.empty() && text.back() == '\\') {
-        text.pop_back();
-    }
+    text.resize(sim::withoutTrailingBackslashes(text).size());
     return text;
 }
 
@@ -116,19 +115,13 @@ const SnapshotElement* findSnapshotByName(DriverStore& store, std::string_view n
 
 // Folded "<volume GUID>\<relative path>" of a cache file.
 std::string cacheKeyOf(const sim::ResolvedPath& resolved) {
-    std::u16string guid = resolved.volume->guidName;
-    while (!guid.empty() && guid.back() == u'\\') {
-        guid.pop_back();
-    }
-    return foldAscii(utf16ToUtf8(guid + u'\\' + resolved.relative));
+    return sim::lowerAscii(
+        sim::toUtf8(sim::withTrailingBackslash(resolved.volume->guidName) + resolved.relative));
 }
 
 bool sameVolume(const std::string& cacheKey, const sim::Volume& volume) {
-    std::u16string guid = volume.guidName;
-    while (!guid.empty() && guid.back() == u'\\') {
-        guid.pop_back();
-    }
-    return cacheKey.rfind(foldAscii(utf16ToUtf8(guid + u'\\')), 0) == 0;
+    return cacheKey.rfind(sim::lowerAscii(sim::toUtf8(sim::withTrailingBackslash(volume.guidName))),
+                          0) == 0;
 }
 
 // One element of a KIV_Prepare call, checked and resolved.
@@ -151,7 +144,7 @@ std::uint32_t checkElement(const sim::Machine& machine, const KivSnapshotParamet
         return os::ERROR_INVALID_PARAMETER;
     }
     std::u16string cachePath;
-    if (!utf8ToUtf16(record.CacheFileName, &cachePath)) {
+    if (!sim::fromUtf8Strict(record.CacheFileName, &cachePath)) {
         return os::ERROR_NO_UNICODE_TRANSLATION;
     }
     const std::optional<sim::ResolvedPath> resolved = machine.resolve(cachePath);
@@ -170,7 +163,7 @@ std::uint32_t checkElement(const sim::Machine& machine, const KivSnapshotParamet
     }
     out->cacheVolume = resolved->volume;
     out->element.snapshotName = record.SnapshotVolumeName;
-    out->element.sourceGuid = utf16ToUtf8(source.volume->guidName);
+    out->element.sourceGuid = sim::toUtf8(source.volume->guidName);
     out->element.cacheFileName = record.CacheFileName;
     out->element.cacheKey = cacheKeyOf(*resolved);
     out->element.cacheHostPath = resolved->hostPath.string();
@@ -298,7 +291,7 @@ KIV_EXPORT std::uint32_t KIV_Open(const char* name, std::uint32_t /*access*/,
             return os::ERROR_NOT_READY;
         }
         std::u16string wide;
-        if (!utf8ToUtf16(name, &wide)) {
+        if (!sim::fromUtf8Strict(name, &wide)) {
             return os::ERROR_NO_UNICODE_TRANSLATION;
         }
         if (wide.empty()) {
@@ -500,7 +493,7 @@ KIV_EXPORT std::uint32_t KIV_Create(KivHandle snapshot, std::uint32_t quiesceWai
         }
         for (const SnapshotElement& element : set->elements) {
             std::u16string sourceName;
-            utf8ToUtf16(element.sourceGuid, &sourceName);
+            sim::fromUtf8Strict(element.sourceGuid, &sourceName);
             const sim::Volume* source = machine->volumeAtRoot(sourceName);
             const std::filesystem::path image = store.snapshotPath(element.snapshotId);
             std::error_code error;

@@ -16,7 +16,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "os/codepage.h"
 #include "os/error.h"
 #include "os/time.h"
 #include "sim/errors.h"
@@ -24,6 +23,7 @@
 #include "sim/handles.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
+#include "sim/text.h"
 
 namespace {
 
@@ -35,23 +35,6 @@ class EventSource final : public sim::HandleObject {
   private:
     std::string name_;
 };
-
-// UTF-8 of a wide text, unpaired surrogates as U+FFFD, last error untouched.
-std::string toUtf8(os::LPCWSTR text) {
-    std::string result;
-    if (text == nullptr || text[0] == 0) {
-        return result;
-    }
-    os::DWORD saved = os::GetLastError();
-    int needed = os::WideCharToMultiByte(os::CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (needed > 0) {
-        result.resize(static_cast<std::size_t>(needed));
-        os::WideCharToMultiByte(os::CP_UTF8, 0, text, -1, result.data(), needed, nullptr, nullptr);
-        result.resize(static_cast<std::size_t>(needed - 1));
-    }
-    os::SetLastError(saved);
-    return result;
-}
 
 std::string utcTimeText() {
     os::SYSTEMTIME now{};
@@ -108,7 +91,8 @@ HANDLE RegisterEventSourceW(LPCWSTR serverName, LPCWSTR sourceName) {
     if (serverName != nullptr || sourceName == nullptr || sourceName[0] == 0) {
         return sim::fail(ERROR_INVALID_PARAMETER, HANDLE{nullptr});
     }
-    return sim::registerHandle(std::make_unique<EventSource>(toUtf8(sourceName)));
+    return sim::registerHandle(
+        std::make_unique<EventSource>(sim::toUtf8(sourceName == nullptr ? u"" : sourceName)));
 }
 
 BOOL ReportEventW(HANDLE eventLog, WORD type, WORD category, DWORD eventId, PSID userSid,
@@ -129,7 +113,7 @@ BOOL ReportEventW(HANDLE eventLog, WORD type, WORD category, DWORD eventId, PSID
     }
     nlohmann::json texts = nlohmann::json::array();
     for (WORD i = 0; i < numStrings; ++i) {
-        texts.push_back(toUtf8(strings[i]));
+        texts.push_back(sim::toUtf8(strings[i] == nullptr ? u"" : strings[i]));
     }
     nlohmann::json record = {
         {"time", utcTimeText()},

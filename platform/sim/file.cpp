@@ -26,7 +26,7 @@
 #include "sim/errors.h"
 #include "sim/handles.h"
 #include "sim/machine.h"
-#include "wide_text.h"
+#include "sim/text.h"
 
 namespace os {
 namespace {
@@ -165,9 +165,7 @@ bool matches(std::u16string_view pattern, std::u16string_view name) {
 }
 
 std::u16string lastComponent(std::u16string_view path) {
-    while (!path.empty() && path.back() == u'\\') {
-        path.remove_suffix(1);
-    }
+    path = sim::withoutTrailingBackslashes(path);
     const std::size_t cut = path.find_last_of(u"\\/");
     return std::u16string(cut == std::u16string_view::npos ? path : path.substr(cut + 1));
 }

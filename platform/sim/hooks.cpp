@@ -12,7 +12,7 @@
 
 #include "sim/clock.h"
 #include "sim/machine.h"
-#include "wide_text.h"
+#include "sim/text.h"
 
 namespace sim {
 namespace {

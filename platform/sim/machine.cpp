@@ -20,7 +20,7 @@
 #include <nlohmann/json.hpp>
 
 #include "sim/hooks.h"
-#include "wide_text.h"
+#include "sim/text.h"
 
 namespace sim {
 namespace {
@@ -304,26 +304,9 @@ std::vector<std::u16string> splitComponents(std::u16string_view text) {
 std::uint32_t serialFromGuid(std::string_view guid) {
     std::uint32_t hash = 2166136261u;
     for (char c : guid) {
-        hash = (hash ^ static_cast<unsigned char>(std::tolower(static_cast<unsigned char>(c)))) *
-               16777619u;
+        hash = (hash ^ static_cast<unsigned char>(lowerAscii(c))) * 16777619u;
     }
     return hash;
-}
-
-DriveType driveTypeFrom(const std::string& name, bool* known) {
-    static const std::pair<const char*, DriveType> kTypes[] = {
-        {"fixed", DriveType::Fixed},     {"removable", DriveType::Removable},
-        {"cdrom", DriveType::CdRom},     {"remote", DriveType::Remote},
-        {"ramdisk", DriveType::RamDisk}, {"unknown", DriveType::Unknown},
-    };
-    *known = true;
-    for (const auto& [text, type] : kTypes) {
-        if (lowerAscii(name) == text) {
-            return type;
-        }
-    }
-    *known = false;
-    return DriveType::Unknown;
 }
 
 Volume readVolume(const Reader& reader, const json& entry, const std::string& field,
@@ -399,9 +382,9 @@ Volume readVolume(const Reader& reader, const json& entry, const std::string& fi
 
     if (entry.contains("type")) {
         const std::string name = reader.text(entry["type"], Reader::join(field, "type"));
-        bool known = false;
-        volume.type = driveTypeFrom(name, &known);
-        if (!known) {
+        const std::optional<std::uint32_t> type = driveTypeFromName(name);
+        volume.type = static_cast<DriveType>(type.value_or(0));
+        if (!type) {
             reader.fail(Reader::join(field, "type"),
                         "unknown drive type \"" + name +
                             "\" (expected fixed, removable, cdrom, remote, ramdisk or unknown)");

@@ -25,7 +25,7 @@
 #include "os/volume.h"
 #include "sim/errors.h"
 #include "sim/hooks.h"
-#include "wide_text.h"
+#include "sim/text.h"
 
 namespace os {
 namespace {

@@ -48,18 +48,6 @@ inline std::string escapeObjectName(std::u16string_view name) {
     return escaped.substr(0, kMaxEscapedNameLength - 17) + suffix;
 }
 
-// ASCII upper case to lower case; names that Windows compares without regard
-// to case (pipes) are folded before escaping.
-inline std::u16string foldObjectName(std::u16string_view name) {
-    std::u16string folded(name);
-    for (char16_t& c : folded) {
-        if (c >= u'A' && c <= u'Z') {
-            c = static_cast<char16_t>(c - u'A' + u'a');
-        }
-    }
-    return folded;
-}
-
 }  // namespace sim
 
 #endif  // PLATFORM_SIM_OBJECT_NAMES_H_

@@ -52,6 +52,7 @@
 #include "sim/handles.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
+#include "sim/text.h"
 
 namespace sim {
 namespace {
@@ -74,7 +75,7 @@ DWORD parsePipeName(const char16_t* name, std::u16string* local) {
     if (name == nullptr) {
         return os::ERROR_PATH_NOT_FOUND;
     }
-    std::u16string folded = foldObjectName(name);
+    std::u16string folded = lowerAscii(name);
     if (!std::u16string_view(folded).starts_with(kPrefix) || folded.size() == kPrefix.size() ||
         folded.size() - kPrefix.size() > 256) {
         return os::ERROR_INVALID_NAME;

@@ -29,6 +29,7 @@
 #include "sim/errors.h"
 #include "sim/handles.h"
 #include "sim/hooks.h"
+#include "sim/text.h"
 
 namespace sim {
 namespace {
@@ -116,7 +117,7 @@ bool isDebugPrivilege(const os::LUID& luid) {
 }
 
 bool equalsIgnoringCase(std::u16string_view left, std::u16string_view right) {
-    return foldObjectName(left) == foldObjectName(right);
+    return lowerAscii(left) == lowerAscii(right);
 }
 
 }  // namespace

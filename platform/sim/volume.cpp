@@ -20,7 +20,7 @@
 #include "sim/errors.h"
 #include "sim/handles.h"
 #include "sim/machine.h"
-#include "wide_text.h"
+#include "sim/text.h"
 
 namespace os {
 namespace {

@@ -65,9 +65,7 @@ std::int32_t KivFiCoordinator::interpose(tarn_node* record, tarn_objid** newIden
     std::string driverName = toNarrow(name, os::CP_UTF8);
 
     if (name.find(u"Volume{") == std::u16string::npos) {
-        if (name.back() != u'\\') {
-            name += u'\\';
-        }
+        name = withTrailingBackslash(name);
         GetVolumeNameForVolumeMountPointW_t resolve = nullptr;
         try {
             resolve = volumeNameForMountPoint();

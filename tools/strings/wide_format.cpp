@@ -3,9 +3,13 @@
 // string; the counted entry point then applies the Windows truncation rules.
 #include "strings/wide_format.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <string>
+
+#include "os/codepage.h"
+#include "os/error.h"
 
 namespace strings {
 namespace {
@@ -26,63 +30,6 @@ struct Directive {
     bool narrowText = false;  // h prefix on s/c
     bool wideText = false;    // l or w prefix on s/c
 };
-
-// Decodes one UTF-8 sequence from `text` (stopping at a NUL); returns the code
-// point or U+FFFD for an ill-formed sequence, and advances past what it used
-// (one byte only for a bad lead byte, the maximal valid prefix otherwise).
-char32_t decodeUtf8(const unsigned char*& text) {
-    unsigned char lead = *text++;
-    if (lead < 0x80) {
-        return lead;
-    }
-    int more = 0;
-    char32_t value = 0;
-    unsigned char low = 0x80;
-    unsigned char high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-        more = 1;
-        value = lead & 0x1F;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-        more = 2;
-        value = lead & 0x0F;
-        if (lead == 0xE0) {
-            low = 0xA0;  // shorter forms are overlong
-        } else if (lead == 0xED) {
-            high = 0x9F;  // D800..DFFF are not characters
-        }
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-        more = 3;
-        value = lead & 0x07;
-        if (lead == 0xF0) {
-            low = 0x90;
-        } else if (lead == 0xF4) {
-            high = 0x8F;  // nothing above U+10FFFF
-        }
-    } else {
-        return kReplacement;
-    }
-    for (int i = 0; i < more; ++i) {
-        unsigned char next = *text;
-        if (next < low || next > high) {
-            return kReplacement;
-        }
-        value = (value << 6) | (next & 0x3F);
-        ++text;
-        low = 0x80;
-        high = 0xBF;
-    }
-    return value;
-}
-
-void appendCodePoint(std::u16string& out, char32_t value) {
-    if (value < 0x10000) {
-        out.push_back(static_cast<char16_t>(value));
-        return;
-    }
-    value -= 0x10000;
-    out.push_back(static_cast<char16_t>(0xD800 + (value >> 10)));
-    out.push_back(static_cast<char16_t>(0xDC00 + (value & 0x3FF)));
-}
 
 // Appends `body` padded to the width; `zeroAfter` is how many leading units of
 // `body` (sign, radix prefix) stand before zero padding.
@@ -244,25 +191,42 @@ void formatWideText(std::u16string& out, const Directive& directive, const char1
     appendPadded(out, directive, std::u16string(text, length), 0, true);
 }
 
+// The UTF-16 of `length` bytes of UTF-8, converted by the system so that the
+// formatter replaces ill-formed bytes as every other conversion does. Leaves
+// the caller's last error as it was: formatting a trace line must not change it.
+std::u16string widenUtf8(const char* text, std::size_t length) {
+    if (length == 0 || length > static_cast<std::size_t>(INT_MAX)) {
+        return {};
+    }
+    const os::DWORD saved = os::GetLastError();
+    const int count = static_cast<int>(length);
+    std::u16string wide;
+    const int needed = os::MultiByteToWideChar(os::CP_UTF8, 0, text, count, nullptr, 0);
+    if (needed > 0) {
+        wide.resize(static_cast<std::size_t>(needed));
+        const int written =
+            os::MultiByteToWideChar(os::CP_UTF8, 0, text, count, wide.data(), needed);
+        wide.resize(written > 0 ? static_cast<std::size_t>(written) : 0);
+    }
+    os::SetLastError(saved);
+    return wide;
+}
+
 void formatNarrowText(std::u16string& out, const Directive& directive, const char* text) {
     if (text == nullptr) {
         text = "(null)";
     }
-    std::size_t limit = directive.precision >= 0 ? static_cast<std::size_t>(directive.precision)
-                                                 : static_cast<std::size_t>(-1);
-    std::u16string converted;
-    const auto* at = reinterpret_cast<const unsigned char*>(text);
-    // With a precision the text need not be terminated: stop before reading
-    // past what may be printed.
-    while (converted.size() < limit && *at != 0) {
-        std::u16string one;
-        appendCodePoint(one, decodeUtf8(at));
-        if (converted.size() + one.size() > limit) {
-            break;
-        }
-        converted += one;
+    // A precision counts bytes of the narrow text, as the wide CRT counts it,
+    // so a text that is not terminated is read no further than the precision.
+    // A character the precision cuts in two is ill-formed and prints as U+FFFD.
+    const std::size_t limit = directive.precision >= 0
+                                  ? static_cast<std::size_t>(directive.precision)
+                                  : static_cast<std::size_t>(-1);
+    std::size_t length = 0;
+    while (length < limit && text[length] != '\0') {
+        ++length;
     }
-    appendPadded(out, directive, converted, 0, true);
+    appendPadded(out, directive, widenUtf8(text, length), 0, true);
 }
 
 void formatCharacter(std::u16string& out, const Directive& directive, bool narrow,
@@ -270,6 +234,7 @@ void formatCharacter(std::u16string& out, const Directive& directive, bool narro
     int value = va_arg(arguments, int);
     char16_t unit = static_cast<char16_t>(value);
     if (narrow) {
+        // A byte on its own is a UTF-8 character only in ASCII.
         unsigned char byte = static_cast<unsigned char>(value);
         unit = byte < 0x80 ? static_cast<char16_t>(byte) : kReplacement;
     }

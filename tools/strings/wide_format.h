@@ -4,7 +4,9 @@
 //
 // Conversions and their arguments (LLP64 sizes, as on 64-bit Windows):
 //   %s %ls %ws      const char16_t*  UTF-16 text; null prints "(null)"
-//   %hs %S          const char*      UTF-8 text, converted; null prints "(null)"
+//   %hs %S          const char*      UTF-8 text, converted by MultiByteToWideChar
+//                                    (ill-formed bytes print as U+FFFD); null
+//                                    prints "(null)"; a precision counts bytes
 //   %c %lc %wc      int              one UTF-16 unit
 //   %hc %C          int              one narrow character (ASCII; others U+FFFD)
 //   %d %i           int; with h short, hh signed char, l 32-bit (long is 32-bit

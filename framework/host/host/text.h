@@ -11,7 +11,8 @@ namespace host {
 // surrogate becomes U+FFFD.
 std::string toUtf8(const char16_t* text);
 std::string toUtf8(std::u16string_view text);
-// UTF-16 of UTF-8 text; a malformed byte becomes U+FFFD.
+// UTF-16 of UTF-8 text; ill-formed bytes become U+FFFD, one for each maximal
+// subpart (sim/text.h).
 std::u16string toUtf16(std::string_view text);
 
 }  // namespace host

@@ -18,7 +18,7 @@
 #include "os/version.h"
 #include "os/volume.h"
 #include "sim/machine.h"
-#include "wide_text.h"
+#include "sim/text.h"
 
 namespace {
 
@@ -47,25 +47,6 @@ std::string sizeText(std::uint64_t bytes) {
     char text[32];
     std::snprintf(text, sizeof(text), unit == 0 ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
     return text;
-}
-
-const char* typeText(os::UINT type) {
-    switch (type) {
-        case os::DRIVE_REMOVABLE:
-            return "removable";
-        case os::DRIVE_FIXED:
-            return "fixed";
-        case os::DRIVE_REMOTE:
-            return "remote";
-        case os::DRIVE_CDROM:
-            return "cdrom";
-        case os::DRIVE_RAMDISK:
-            return "ramdisk";
-        case os::DRIVE_NO_ROOT_DIR:
-            return "no root";
-        default:
-            return "unknown";
-    }
 }
 
 std::string attributeText(std::uint32_t attributes) {
@@ -110,10 +91,7 @@ class DriverView {
 
     // False when the driver does not answer for the volume.
     bool attributes(const std::u16string& volumeName, std::uint32_t* attributes) const {
-        std::string name = sim::toUtf8(volumeName);
-        while (!name.empty() && name.back() == '\\') {
-            name.pop_back();
-        }
+        const std::string name = sim::toUtf8(sim::withoutTrailingBackslashes(volumeName));
         std::uint64_t handle = ~std::uint64_t{0};
         if (open_(name.c_str(), 3, 128, 3, 1000, &handle) != 0 || handle == 0 ||
             handle == ~std::uint64_t{0}) {
@@ -230,7 +208,7 @@ int show() {
             }
         }
         std::printf("  paths        %s\n", pathList.empty() ? "(none)" : pathList.c_str());
-        std::printf("  type         %s\n", typeText(os::GetDriveTypeW(name.c_str())));
+        std::printf("  type         %s\n", sim::driveTypeName(os::GetDriveTypeW(name.c_str())));
         char16_t label[64];
         char16_t fileSystem[64];
         if (os::GetVolumeInformationW(name.c_str(), label, 64, nullptr, nullptr, nullptr,

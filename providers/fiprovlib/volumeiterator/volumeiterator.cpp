@@ -10,6 +10,7 @@
 #include "os/types.h"
 #include "os/version.h"
 #include "os/volume.h"
+#include "path_helper.h"
 
 namespace {
 
@@ -340,10 +341,7 @@ bool getVolumeNameForMountPoint(const std::u16string& path, std::u16string& volu
     }
     auto getVolumeName = bindOrThrow<GetVolumeNameForVolumeMountPointW_t>(
         module, "GetVolumeNameForVolumeMountPointW");
-    std::u16string mountPoint = path;
-    if (mountPoint.empty() || mountPoint.back() != u'\\') {
-        mountPoint.push_back(u'\\');
-    }
+    const std::u16string mountPoint = withTrailingBackslash(path);
     char16_t buffer[kGuidBufferLength] = {};
     if (!getVolumeName(mountPoint.c_str(), buffer, kGuidBufferLength)) {
         return false;

@@ -22,6 +22,7 @@
 #include "sim/machine.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
+#include "support/text_cases.h"
 
 namespace {
 
@@ -305,6 +306,21 @@ TEST(KivDriverTest, OtherBadCallsGetAStatusNotACrash) {
     EXPECT_NE(api().cancelAsyncOperation(volume), 0u);
     EXPECT_NE(api().getCacheMap(volume, buffer, sizeof(buffer), &count), 0u);
     KIV_Close(&api(), &volume);
+}
+
+// A name that is not UTF-8 names nothing; the driver says so rather than
+// opening whatever its replacement characters would match.
+TEST(KivDriverTest, IllFormedNamesAreRefused) {
+    TempMachine machine(driverMachine());
+    for (const testsupport::Utf8Case& row : testsupport::utf8Cases()) {
+        if (row.wellFormed) {
+            continue;
+        }
+        SCOPED_TRACE(row.name);
+        std::uint32_t status = 0;
+        EXPECT_EQ(openVolume("C:\\" + row.bytes, &status), kInvalidKivHandle);
+        EXPECT_EQ(status, os::ERROR_NO_UNICODE_TRANSLATION);
+    }
 }
 
 TEST(KivDriverTest, GeneratedNamesAreUniqueOnTheMachine) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "strings/bounded_string.h"
+#include "support/text_cases.h"
 
 namespace {
 
@@ -131,6 +132,25 @@ TEST(WideFormatTest, StringsAndCharacters) {
          format(u"%s%s[%d, %s]", u"Entering Function ", u"KivConfig::set", 344,
                 u"providers\\kiv\\kivconfig"),
          u"Entering Function KivConfig::set[344, providers\\kiv\\kivconfig]"},
+    });
+}
+
+// %hs converts as every other conversion does, ill-formed bytes included.
+TEST(WideFormatTest, NarrowTextFollowsTheConversionTable) {
+    for (const testsupport::Utf8Case& row : testsupport::utf8Cases()) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(format(u"%hs", row.bytes.c_str()), row.units);
+    }
+}
+
+// A precision on narrow text counts its bytes; a character cut by it is
+// ill-formed.
+TEST(WideFormatTest, NarrowPrecisionCountsBytes) {
+    checkRows({
+        {"whole character", format(u"[%.5hs]", "caf\xC3\xA9!"), u"[caf\u00E9]"},
+        {"character cut", format(u"[%.4hs]", "caf\xC3\xA9!"), u"[caf\uFFFD]"},
+        {"padded after conversion", format(u"[%3.2hs]", "\xC3\xA9\xC3\xA9"), u"[  \u00E9]"},
+        {"zero precision", format(u"[%.0hs]", "abc"), u"[]"},
     });
 }
 
