@@ -11,6 +11,7 @@
 #include "host/text.h"
 #include "session.h"
 #include "sim/machine.h"
+#include "sim/text.h"
 
 namespace fihost {
 namespace {
@@ -19,23 +20,6 @@ struct VolumesOptions {
     std::string locale;
     bool traces = false;
 };
-
-const char* typeName(sim::DriveType type) {
-    switch (type) {
-        case sim::DriveType::Removable:
-            return "removable";
-        case sim::DriveType::Fixed:
-            return "fixed";
-        case sim::DriveType::Remote:
-            return "remote";
-        case sim::DriveType::CdRom:
-            return "cdrom";
-        case sim::DriveType::RamDisk:
-            return "ramdisk";
-        default:
-            return "unknown";
-    }
-}
 
 std::string gibibytes(std::uint64_t bytes) {
     char text[32];
@@ -69,10 +53,10 @@ int runVolumes(const GlobalOptions& options, const VolumesOptions& volumesOption
         }
         char attributes[16];
         std::snprintf(attributes, sizeof(attributes), "0x%" PRIx32, volume.driverAttributes);
-        std::cout << "\n  " << typeName(volume.type) << ", " << host::toUtf8(volume.fileSystem)
-                  << ", " << gibibytes(volume.totalBytes) << " total, "
-                  << gibibytes(volume.freeBytes) << " free, driver attributes " << attributes
-                  << "\n";
+        std::cout << "\n  " << sim::driveTypeName(static_cast<std::uint32_t>(volume.type)) << ", "
+                  << host::toUtf8(volume.fileSystem) << ", " << gibibytes(volume.totalBytes)
+                  << " total, " << gibibytes(volume.freeBytes) << " free, driver attributes "
+                  << attributes << "\n";
 
         // The host names a volume by its first path, as a user would; a volume
         // without one by its GUID name.
