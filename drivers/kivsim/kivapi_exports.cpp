@@ -301,6 +301,7 @@ KIV_EXPORT std::uint32_t KIV_Open(const char* name, std::uint32_t /*access*/,
             if (!volume->mediaPresent) {
                 return os::ERROR_NOT_READY;
             }
+            machine->prepareVolume(*volume);
             return openDirectoryHandle(volume->backingDirectory, handle);
         }
         DriverStore store(machine->stateDirectory());

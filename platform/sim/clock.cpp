@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "os/time.h"
+#include "os_call.h"
 #include "sim/hooks.h"
 
 namespace sim {
@@ -65,7 +66,7 @@ void split(std::int64_t epochMs, std::time_t* seconds, std::int64_t* millisecond
 }  // namespace
 
 void GetSystemTime(SYSTEMTIME* systemTime) {
-    sim::takeFault("GetSystemTime", nullptr);
+    sim::faultOnEntry<"GetSystemTime">(nullptr);
     if (systemTime == nullptr) {
         return;
     }
@@ -78,7 +79,7 @@ void GetSystemTime(SYSTEMTIME* systemTime) {
 }
 
 void GetLocalTime(SYSTEMTIME* systemTime) {
-    sim::takeFault("GetLocalTime", nullptr);
+    sim::faultOnEntry<"GetLocalTime">(nullptr);
     if (systemTime == nullptr) {
         return;
     }
@@ -91,13 +92,13 @@ void GetLocalTime(SYSTEMTIME* systemTime) {
 }
 
 ULONGLONG GetTickCount64() {
-    sim::takeFault("GetTickCount64", nullptr);
+    sim::faultOnEntry<"GetTickCount64">(nullptr);
     return sim::nowMs();
 }
 
 void Sleep(DWORD milliseconds) {
     // Sleep cannot fail; a fault registered for it only counts the call.
-    sim::takeFault("Sleep", nullptr);
+    sim::faultOnEntry<"Sleep">(nullptr);
     if (sim::virtualClockOn()) {
         sim::recordSleep(milliseconds);
         return;

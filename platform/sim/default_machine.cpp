@@ -12,9 +12,14 @@
 //                             found through the mount point
 //   C:          41 GiB free   the system volume
 //   F:          CD-ROM drive without a disc
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <system_error>
 
@@ -85,6 +90,28 @@ bool holdsTheBuiltInDescription(const std::filesystem::path& file) {
     }
 }
 
+// The fallback under /tmp, where anyone may create names: the directory is
+// made private (0700) and used only when it is a real directory (no symbolic
+// link) owned by this user that no one else may write to.
+std::filesystem::path privateFallbackDirectory(const std::filesystem::path& directory) {
+    if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw MachineError("default machine: cannot create " + directory.string() + ": " +
+                           std::strerror(errno));
+    }
+    struct stat status {};
+    if (::lstat(directory.c_str(), &status) != 0) {
+        throw MachineError("default machine: cannot examine " + directory.string() + ": " +
+                           std::strerror(errno));
+    }
+    if (!S_ISDIR(status.st_mode) || status.st_uid != ::getuid() ||
+        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw MachineError("default machine: refusing " + directory.string() +
+                           ": it is not a private directory of this user (a symbolic link, "
+                           "another user's, or writable by others)");
+    }
+    return directory;
+}
+
 }  // namespace
 
 std::filesystem::path Machine::defaultFile() {
@@ -96,7 +123,15 @@ std::filesystem::path Machine::defaultFile() {
             return directory / "machine.json";
         }
     }
-    return std::filesystem::path("/tmp") / user / "default" / "machine.json";
+    const std::filesystem::path fallback =
+        privateFallbackDirectory(std::filesystem::path("/tmp") / user);
+    static std::atomic<bool> told{false};
+    if (!told.exchange(true)) {
+        std::fprintf(stderr,
+                     "fikiv: no usable $XDG_RUNTIME_DIR; the default machine is kept under %s\n",
+                     fallback.c_str());
+    }
+    return fallback / "default" / "machine.json";
 }
 
 std::filesystem::path Machine::currentFile() {
@@ -123,7 +158,10 @@ void Machine::writeDefault(const std::filesystem::path& file) {
     {
         std::ofstream stream(temporary, std::ios::trunc);
         stream << defaultDescription().dump(2) << "\n";
+        stream.close();
         if (!stream) {
+            // A full disk, say: leave no half-written file behind.
+            std::filesystem::remove(temporary, error);
             throw MachineError("default machine: cannot write " + temporary.string());
         }
     }

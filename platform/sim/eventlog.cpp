@@ -18,6 +18,7 @@
 
 #include "os/error.h"
 #include "os/time.h"
+#include "os_call.h"
 #include "sim/errors.h"
 #include "sim/eventlog.h"
 #include "sim/handles.h"
@@ -85,7 +86,7 @@ namespace os {
 
 HANDLE RegisterEventSourceW(LPCWSTR serverName, LPCWSTR sourceName) {
     DWORD fault = 0;
-    if (sim::takeFault("RegisterEventSourceW", &fault)) {
+    if (sim::faultOnEntry<"RegisterEventSourceW">(&fault)) {
         return sim::fail(fault, HANDLE{nullptr});
     }
     if (serverName != nullptr || sourceName == nullptr || sourceName[0] == 0) {
@@ -101,7 +102,7 @@ BOOL ReportEventW(HANDLE eventLog, WORD type, WORD category, DWORD eventId, PSID
     (void)rawData;
     (void)dataSize;
     DWORD fault = 0;
-    if (sim::takeFault("ReportEventW", &fault)) {
+    if (sim::faultOnEntry<"ReportEventW">(&fault)) {
         return sim::fail(fault, FALSE);
     }
     auto* source = sim::lookupHandleAs<EventSource>(eventLog);

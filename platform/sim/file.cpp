@@ -177,7 +177,7 @@ std::u16string lastComponent(std::u16string_view path) {
  */
 DWORD GetFileAttributesW(LPCWSTR fileName) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetFileAttributesW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetFileAttributesW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, INVALID_FILE_ATTRIBUTES);
     }
@@ -213,7 +213,7 @@ DWORD GetFileAttributesW(LPCWSTR fileName) {
  */
 BOOL CreateDirectoryW(LPCWSTR pathName, LPSECURITY_ATTRIBUTES /*securityAttributes*/) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("CreateDirectoryW", &error);
+    const sim::Machine* machine = sim::enterCall<"CreateDirectoryW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, FALSE);
     }
@@ -247,7 +247,7 @@ BOOL CreateDirectoryW(LPCWSTR pathName, LPSECURITY_ATTRIBUTES /*securityAttribut
  */
 HANDLE FindFirstFileW(LPCWSTR fileName, WIN32_FIND_DATAW* findFileData) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("FindFirstFileW", &error);
+    const sim::Machine* machine = sim::enterCall<"FindFirstFileW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, INVALID_HANDLE_VALUE);
     }
@@ -327,7 +327,7 @@ HANDLE FindFirstFileW(LPCWSTR fileName, WIN32_FIND_DATAW* findFileData) {
  */
 BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* findFileData) {
     std::uint32_t error = 0;
-    if (sim::takeFault("FindNextFileW", &error)) {
+    if (sim::faultOnEntry<"FindNextFileW">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* search = sim::lookupHandleAs<FileSearch>(find);
@@ -349,7 +349,7 @@ BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* findFileData) {
  */
 BOOL FindClose(HANDLE find) {
     std::uint32_t error = 0;
-    if (sim::takeFault("FindClose", &error)) {
+    if (sim::faultOnEntry<"FindClose">(&error)) {
         return sim::fail(error, FALSE);
     }
     if (sim::lookupHandleAs<FileSearch>(find) == nullptr || !sim::closeTableHandle(find)) {
@@ -364,7 +364,7 @@ BOOL FindClose(HANDLE find) {
 BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD numberOfBytesToRead, DWORD* numberOfBytesRead,
               LPVOID overlapped) {
     std::uint32_t error = 0;
-    if (sim::takeFault("ReadFile", &error)) {
+    if (sim::faultOnEntry<"ReadFile">(&error)) {
         return sim::fail(error, FALSE);
     }
     // A named pipe's server end is a table handle that keeps the message
@@ -430,7 +430,7 @@ BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD numberOfBytesToRead, DWORD* numb
 BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD numberOfBytesToWrite, DWORD* numberOfBytesWritten,
                LPVOID overlapped) {
     std::uint32_t error = 0;
-    if (sim::takeFault("WriteFile", &error)) {
+    if (sim::faultOnEntry<"WriteFile">(&error)) {
         return sim::fail(error, FALSE);
     }
     // A named pipe's server end is a table handle that keeps the message

@@ -11,6 +11,7 @@
 
 #include "os/error.h"
 #include "os/handle.h"
+#include "os_call.h"
 #include "search_handle.h"
 #include "sim/errors.h"
 #include "sim/hooks.h"
@@ -96,7 +97,7 @@ namespace os {
 
 BOOL CloseHandle(HANDLE object) {
     DWORD error = 0;
-    if (sim::takeFault("CloseHandle", &error)) {
+    if (sim::faultOnEntry<"CloseHandle">(&error)) {
         return sim::fail(error, FALSE);
     }
     // The current-process pseudo handle: closing it is allowed and does nothing.

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "os/error.h"
 #include "os/file.h"
@@ -23,6 +24,7 @@
 #include "os/time.h"
 #include "os/version.h"
 #include "os/volume.h"
+#include "os_call.h"
 #include "sim/errors.h"
 #include "sim/hooks.h"
 #include "sim/text.h"
@@ -93,12 +95,34 @@ FARPROC kernel32Export(std::string_view name) {
         {"FreeLibrary", procOf(&FreeLibrary)},
         {"GetModuleHandleW", procOf(&GetModuleHandleW)},
     };
-    for (const Export& entry : kExports) {
-        if (name == entry.name) {
-            return entry.address;
+    // Looked up by hash: programs bind these on every use.
+    static const auto* table = [] {
+        auto* byName = new std::unordered_map<std::string_view, FARPROC>;
+        for (const Export& entry : kExports) {
+            byName->emplace(entry.name, entry.address);
+        }
+        return byName;
+    }();
+    auto found = table->find(name);
+    return found == table->end() ? nullptr : found->second;
+}
+
+// Whether the last component of `path` is "kernel32.dll" or "kernel32" in
+// any case, without converting it.
+bool namesKernel32(std::u16string_view path) {
+    const std::size_t cut = path.find_last_of(u"\\/");
+    const std::u16string_view name = cut == std::u16string_view::npos ? path : path.substr(cut + 1);
+    constexpr std::u16string_view kName = u"kernel32.dll";
+    if (name.size() != kName.size() && name.size() != kName.size() - 4) {
+        return false;
+    }
+    for (std::size_t i = 0; i < name.size(); ++i) {
+        const char16_t c = name[i] >= u'A' && name[i] <= u'Z' ? name[i] + 0x20 : name[i];
+        if (c != kName[i]) {
+            return false;
         }
     }
-    return nullptr;
+    return true;
 }
 
 // "C:\dir\KivApi.DLL" -> "kivapi.dll"
@@ -180,7 +204,7 @@ void* openLibrary(const std::string& soName) {
  */
 HMODULE LoadLibraryW(LPCWSTR fileName) {
     std::uint32_t error = 0;
-    if (sim::takeFault("LoadLibraryW", &error)) {
+    if (sim::faultOnEntry<"LoadLibraryW">(&error)) {
         return sim::fail(error, HMODULE{nullptr});
     }
     if (fileName == nullptr || fileName[0] == u'\0') {
@@ -212,7 +236,7 @@ HMODULE LoadLibraryW(LPCWSTR fileName) {
  */
 FARPROC GetProcAddress(HMODULE module, LPCSTR procName) {
     std::uint32_t error = 0;
-    if (sim::takeFault("GetProcAddress", &error)) {
+    if (sim::faultOnEntry<"GetProcAddress">(&error)) {
         return sim::fail(error, FARPROC{nullptr});
     }
     if (module == nullptr) {
@@ -256,7 +280,7 @@ FARPROC GetProcAddress(HMODULE module, LPCSTR procName) {
  */
 BOOL FreeLibrary(HMODULE module) {
     std::uint32_t error = 0;
-    if (sim::takeFault("FreeLibrary", &error)) {
+    if (sim::faultOnEntry<"FreeLibrary">(&error)) {
         return sim::fail(error, FALSE);
     }
     if (module == kernel32Handle()) {
@@ -284,7 +308,7 @@ BOOL FreeLibrary(HMODULE module) {
  */
 HMODULE GetModuleHandleW(LPCWSTR moduleName) {
     std::uint32_t error = 0;
-    if (sim::takeFault("GetModuleHandleW", &error)) {
+    if (sim::faultOnEntry<"GetModuleHandleW">(&error)) {
         return sim::fail(error, HMODULE{nullptr});
     }
     ModuleTable& table = moduleTable();
@@ -300,12 +324,18 @@ HMODULE GetModuleHandleW(LPCWSTR moduleName) {
         }
         return reinterpret_cast<HMODULE>(program);
     }
-    const std::string name = moduleFileName(moduleName);
-    if (sim::isLibraryMissing(name) || (isKernel32(name) && sim::isLibraryMissing(kKernel32))) {
-        return sim::fail(ERROR_MOD_NOT_FOUND, HMODULE{nullptr});
-    }
-    if (isKernel32(name)) {
+    if (namesKernel32(moduleName)) {
+        // "kernel32" may be made missing under its short name too.
+        if (sim::isLibraryMissing(kKernel32) ||
+            (std::u16string_view(moduleName).ends_with(u"2") &&
+             sim::isLibraryMissing(moduleFileName(moduleName)))) {
+            return sim::fail(ERROR_MOD_NOT_FOUND, HMODULE{nullptr});
+        }
         return kernel32Handle();
+    }
+    const std::string name = moduleFileName(moduleName);
+    if (sim::isLibraryMissing(name)) {
+        return sim::fail(ERROR_MOD_NOT_FOUND, HMODULE{nullptr});
     }
     std::lock_guard lock(table.mutex);
     for (const auto& [handle, module] : table.modules) {
@@ -321,7 +351,7 @@ HMODULE GetModuleHandleW(LPCWSTR moduleName) {
  */
 BOOL DisableThreadLibraryCalls(HMODULE /*module*/) {
     std::uint32_t error = 0;
-    if (sim::takeFault("DisableThreadLibraryCalls", &error)) {
+    if (sim::faultOnEntry<"DisableThreadLibraryCalls">(&error)) {
         return sim::fail(error, FALSE);
     }
     return TRUE;

@@ -1,9 +1,15 @@
-// The common start of the os:: functions that answer from the machine
-// description.
+// The common start of every os:: function of the simulated machine.
+//
+//   if (sim::faultOnEntry<"FindNextVolumeW">(&error)) return sim::fail(error, FALSE);
+//   const sim::Machine* machine = sim::enterCall<"GetDriveTypeW">(&error);
+//
+// Each function keeps a reference to its own call site (sim/hooks.h), found
+// by name once, so the common case costs no lookup.
 #ifndef PLATFORM_SIM_OS_CALL_H_
 #define PLATFORM_SIM_OS_CALL_H_
 
-#include <string_view>
+#include <algorithm>
+#include <cstddef>
 
 #include "os/error.h"
 #include "sim/hooks.h"
@@ -11,14 +17,33 @@
 
 namespace sim {
 
-// Counts the call of `function` and applies an injected fault, then loads the
+// A function name as a template argument.
+template <std::size_t N>
+struct FunctionName {
+    constexpr FunctionName(const char (&text)[N]) { std::copy_n(text, N, value); }
+    char value[N];
+};
+
+template <FunctionName name>
+CallSite& siteOf() {
+    static CallSite& site = callSite(name.value);
+    return site;
+}
+
+// Counts the call of `name` and applies an injected fault: true with *error
+// set when the call is to fail.
+template <FunctionName name>
+bool faultOnEntry(os::DWORD* error) {
+    return takeFault(siteOf<name>(), error);
+}
+
+// Counts the call of `name` and applies an injected fault, then loads the
 // machine. Returns the machine, or null with *error set: the fault's code, or
 // ERROR_NOT_READY when the machine description cannot be loaded (the
 // description's own message is kept by Machine::currentOrNull).
-inline const Machine* enterCall(std::string_view function, os::DWORD* error) {
-    std::uint32_t injected = 0;
-    if (takeFault(function, &injected)) {
-        *error = injected;
+template <FunctionName name>
+const Machine* enterCall(os::DWORD* error) {
+    if (faultOnEntry<name>(error)) {
         return nullptr;
     }
     const Machine* machine = Machine::currentOrNull();

@@ -48,6 +48,7 @@
 #include "object_names.h"
 #include "os/error.h"
 #include "pipe_framing.h"
+#include "os_call.h"
 #include "sim/errors.h"
 #include "sim/handles.h"
 #include "sim/hooks.h"
@@ -494,7 +495,7 @@ namespace os {
 BOOL CallNamedPipeW(LPCWSTR pipeName, LPVOID inBuffer, DWORD inBufferSize, LPVOID outBuffer,
                     DWORD outBufferSize, DWORD* bytesRead, DWORD timeOut) {
     DWORD error = 0;
-    if (sim::takeFault("CallNamedPipeW", &error)) {
+    if (sim::faultOnEntry<"CallNamedPipeW">(&error)) {
         return sim::fail(error, FALSE);
     }
     std::u16string local;
@@ -549,7 +550,7 @@ HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxI
                         DWORD /*outBufferSize*/, DWORD /*inBufferSize*/, DWORD defaultTimeOut,
                         LPSECURITY_ATTRIBUTES /*securityAttributes*/) {
     DWORD error = 0;
-    if (sim::takeFault("CreateNamedPipeW", &error)) {
+    if (sim::faultOnEntry<"CreateNamedPipeW">(&error)) {
         return sim::fail(error, INVALID_HANDLE_VALUE);
     }
     std::u16string local;
@@ -589,7 +590,7 @@ HANDLE CreateNamedPipeW(LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD maxI
 
 BOOL ConnectNamedPipe(HANDLE namedPipe, LPVOID overlapped) {
     DWORD error = 0;
-    if (sim::takeFault("ConnectNamedPipe", &error)) {
+    if (sim::faultOnEntry<"ConnectNamedPipe">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* instance = sim::lookupHandleAs<sim::PipeInstance>(namedPipe);
@@ -610,7 +611,7 @@ BOOL ConnectNamedPipe(HANDLE namedPipe, LPVOID overlapped) {
 
 BOOL DisconnectNamedPipe(HANDLE namedPipe) {
     DWORD error = 0;
-    if (sim::takeFault("DisconnectNamedPipe", &error)) {
+    if (sim::faultOnEntry<"DisconnectNamedPipe">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* instance = sim::lookupHandleAs<sim::PipeInstance>(namedPipe);

@@ -26,6 +26,7 @@
 
 #include "object_names.h"
 #include "os/error.h"
+#include "os_call.h"
 #include "sim/errors.h"
 #include "sim/handles.h"
 #include "sim/hooks.h"
@@ -128,19 +129,19 @@ namespace os {
 DWORD GetCurrentProcessId() {
     // Cannot fail; a fault is counted only.
     DWORD ignored = 0;
-    sim::takeFault("GetCurrentProcessId", &ignored);
+    sim::faultOnEntry<"GetCurrentProcessId">(&ignored);
     return static_cast<DWORD>(getpid());
 }
 
 HANDLE GetCurrentProcess() {
     DWORD ignored = 0;
-    sim::takeFault("GetCurrentProcess", &ignored);
+    sim::faultOnEntry<"GetCurrentProcess">(&ignored);
     return reinterpret_cast<HANDLE>(~std::uintptr_t{0});
 }
 
 HANDLE OpenProcess(DWORD desiredAccess, BOOL /*inheritHandle*/, DWORD processId) {
     DWORD error = 0;
-    if (sim::takeFault("OpenProcess", &error)) {
+    if (sim::faultOnEntry<"OpenProcess">(&error)) {
         return sim::fail(error, HANDLE{nullptr});
     }
     if (processId == 0 || processId > static_cast<DWORD>(INT_MAX)) {
@@ -174,7 +175,7 @@ BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE sourceHandle, HANDLE targetPro
                      HANDLE* targetHandle, DWORD /*desiredAccess*/, BOOL inheritHandle,
                      DWORD options) {
     DWORD error = 0;
-    if (sim::takeFault("DuplicateHandle", &error)) {
+    if (sim::faultOnEntry<"DuplicateHandle">(&error)) {
         return sim::fail(error, FALSE);
     }
     sim::ProcessRef source;
@@ -232,7 +233,7 @@ BOOL DuplicateHandle(HANDLE sourceProcess, HANDLE sourceHandle, HANDLE targetPro
 
 BOOL OpenProcessToken(HANDLE process, DWORD desiredAccess, HANDLE* tokenHandle) {
     DWORD error = 0;
-    if (sim::takeFault("OpenProcessToken", &error)) {
+    if (sim::faultOnEntry<"OpenProcessToken">(&error)) {
         return sim::fail(error, FALSE);
     }
     sim::ProcessRef resolved;
@@ -249,7 +250,7 @@ BOOL OpenProcessToken(HANDLE process, DWORD desiredAccess, HANDLE* tokenHandle) 
 
 BOOL LookupPrivilegeValueW(LPCWSTR systemName, LPCWSTR name, LUID* luid) {
     DWORD error = 0;
-    if (sim::takeFault("LookupPrivilegeValueW", &error)) {
+    if (sim::faultOnEntry<"LookupPrivilegeValueW">(&error)) {
         return sim::fail(error, FALSE);
     }
     if (systemName != nullptr && *systemName != u'\0') {
@@ -269,7 +270,7 @@ BOOL AdjustTokenPrivileges(HANDLE token, BOOL disableAllPrivileges, TOKEN_PRIVIL
                            DWORD bufferLength, TOKEN_PRIVILEGES* previousState,
                            DWORD* returnLength) {
     DWORD error = 0;
-    if (sim::takeFault("AdjustTokenPrivileges", &error)) {
+    if (sim::faultOnEntry<"AdjustTokenPrivileges">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* object = sim::lookupHandleAs<sim::TokenObject>(token);

@@ -43,6 +43,7 @@
 
 #include "object_names.h"
 #include "os/error.h"
+#include "os_call.h"
 #include "sim/clock.h"
 #include "sim/errors.h"
 #include "sim/handles.h"
@@ -243,9 +244,15 @@ DWORD openOrCreateRecord(const std::filesystem::path& path, bool lockWhenCreated
         if (fd < 0) {
             return win32FromErrno(errno);
         }
+        // The space is reserved before the record is mapped: a page with
+        // nothing behind it (a full tmpfs) would kill the process with SIGBUS
+        // at the first write instead of failing here with ERROR_DISK_FULL.
         std::shared_ptr<Mapping> mapping;
-        if (ftruncate(fd, sizeof(SharedMutexRecord)) != 0 || (mapping = mapShared(fd)) == nullptr) {
-            int error = errno;
+        int error = posix_fallocate(fd, 0, sizeof(SharedMutexRecord));
+        if (error == 0 && (mapping = mapShared(fd)) == nullptr) {
+            error = errno;
+        }
+        if (error != 0) {
             unlink(temporary.c_str());
             close(fd);
             return win32FromErrno(error);
@@ -256,7 +263,7 @@ DWORD openOrCreateRecord(const std::filesystem::path& path, bool lockWhenCreated
         }
         lockShared(fd);
         int linked = link(temporary.c_str(), path.c_str());
-        int error = errno;
+        error = errno;
         unlink(temporary.c_str());
         if (linked == 0) {
             if (lockWhenCreated) {
@@ -329,7 +336,7 @@ namespace os {
 
 BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spinCount) {
     DWORD error = 0;
-    if (sim::takeFault("InitializeCriticalSectionAndSpinCount", &error)) {
+    if (sim::faultOnEntry<"InitializeCriticalSectionAndSpinCount">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* state = new (section->storage) sim::CriticalSectionState;
@@ -346,25 +353,25 @@ BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spin
 // but has nothing to change.
 void EnterCriticalSection(CRITICAL_SECTION* section) {
     DWORD ignored = 0;
-    sim::takeFault("EnterCriticalSection", &ignored);
+    sim::faultOnEntry<"EnterCriticalSection">(&ignored);
     pthread_mutex_lock(&sim::stateOf(section)->mutex);
 }
 
 void LeaveCriticalSection(CRITICAL_SECTION* section) {
     DWORD ignored = 0;
-    sim::takeFault("LeaveCriticalSection", &ignored);
+    sim::faultOnEntry<"LeaveCriticalSection">(&ignored);
     pthread_mutex_unlock(&sim::stateOf(section)->mutex);
 }
 
 void DeleteCriticalSection(CRITICAL_SECTION* section) {
     DWORD ignored = 0;
-    sim::takeFault("DeleteCriticalSection", &ignored);
+    sim::faultOnEntry<"DeleteCriticalSection">(&ignored);
     pthread_mutex_destroy(&sim::stateOf(section)->mutex);
 }
 
 HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES /*attributes*/, BOOL initialOwner, LPCWSTR name) {
     DWORD error = 0;
-    if (sim::takeFault("CreateMutexW", &error)) {
+    if (sim::faultOnEntry<"CreateMutexW">(&error)) {
         return sim::fail(error, HANDLE{nullptr});
     }
 
@@ -414,7 +421,7 @@ HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES /*attributes*/, BOOL initialOwner, LPC
 
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
     DWORD error = 0;
-    if (sim::takeFault("WaitForSingleObject", &error)) {
+    if (sim::faultOnEntry<"WaitForSingleObject">(&error)) {
         return sim::fail(error, WAIT_FAILED);
     }
     auto* mutex = sim::lookupHandleAs<sim::MutexObject>(handle);
@@ -443,7 +450,7 @@ DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds) {
 
 BOOL ReleaseMutex(HANDLE mutexHandle) {
     DWORD error = 0;
-    if (sim::takeFault("ReleaseMutex", &error)) {
+    if (sim::faultOnEntry<"ReleaseMutex">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* mutex = sim::lookupHandleAs<sim::MutexObject>(mutexHandle);

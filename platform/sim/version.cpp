@@ -21,7 +21,7 @@ constexpr DWORD kExtendedRecordSize = 284;
  */
 BOOL GetVersionExW(OSVERSIONINFOW* versionInformation) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetVersionExW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetVersionExW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, FALSE);
     }

@@ -2,8 +2,11 @@
 // searches, drive letters and types, file-system information and free space,
 // all answered from the machine description.
 //
-// Searches copy the names they will return when they start, so a search stays
-// valid whatever happens to the machine afterwards.
+// Searches share the machine's read-only lists of names, holding them for as
+// long as the search is open, so a search stays valid whatever happens to
+// the machine afterwards. The questions placement asks by the thousand
+// (volume by root or mount point, free space of a root) are answered from
+// the machine's indexes without allocating.
 #include "os/volume.h"
 
 #include <sys/stat.h>
@@ -31,13 +34,13 @@ constexpr DWORD kMaxComponentLength = 255;
 
 class VolumeSearch final : public sim::SearchObject {
   public:
-    std::vector<std::u16string> names;
+    std::shared_ptr<const std::vector<std::u16string>> names;
     std::size_t next = 0;
 };
 
 class MountPointSearch final : public sim::SearchObject {
   public:
-    std::vector<std::u16string> mountPoints;
+    std::shared_ptr<const std::vector<std::u16string>> mountPoints;
     std::size_t next = 0;
 };
 
@@ -88,7 +91,7 @@ DWORD unusableVolumeError(const sim::Volume& volume) {
  */
 HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD length) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("FindFirstVolumeW", &error);
+    const sim::Machine* machine = sim::enterCall<"FindFirstVolumeW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, INVALID_HANDLE_VALUE);
     }
@@ -102,11 +105,8 @@ HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD length) {
         return sim::fail(ERROR_NO_MORE_FILES, INVALID_HANDLE_VALUE);
     }
     auto search = std::make_unique<VolumeSearch>();
-    search->names.reserve(machine->volumes().size());
-    for (const sim::Volume& volume : machine->volumes()) {
-        search->names.push_back(volume.guidName);
-    }
-    copyOut(search->names.front(), volumeName, length);
+    search->names = machine->volumeNames();
+    copyOut(search->names->front(), volumeName, length);
     search->next = 1;
     return sim::registerHandle(std::move(search));
 }
@@ -116,7 +116,7 @@ HANDLE FindFirstVolumeW(LPWSTR volumeName, DWORD length) {
  */
 BOOL FindNextVolumeW(HANDLE find, LPWSTR volumeName, DWORD length) {
     std::uint32_t error = 0;
-    if (sim::takeFault("FindNextVolumeW", &error)) {
+    if (sim::faultOnEntry<"FindNextVolumeW">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* search = sim::lookupHandleAs<VolumeSearch>(find);
@@ -129,10 +129,10 @@ BOOL FindNextVolumeW(HANDLE find, LPWSTR volumeName, DWORD length) {
     if (volumeName == nullptr) {
         return sim::fail(ERROR_INVALID_PARAMETER, FALSE);
     }
-    if (search->next >= search->names.size()) {
+    if (search->next >= search->names->size()) {
         return sim::fail(ERROR_NO_MORE_FILES, FALSE);
     }
-    copyOut(search->names[search->next++], volumeName, length);
+    copyOut((*search->names)[search->next++], volumeName, length);
     return TRUE;
 }
 
@@ -141,7 +141,7 @@ BOOL FindNextVolumeW(HANDLE find, LPWSTR volumeName, DWORD length) {
  */
 BOOL FindVolumeClose(HANDLE find) {
     std::uint32_t error = 0;
-    if (sim::takeFault("FindVolumeClose", &error)) {
+    if (sim::faultOnEntry<"FindVolumeClose">(&error)) {
         return sim::fail(error, FALSE);
     }
     if (sim::lookupHandleAs<VolumeSearch>(find) == nullptr || !sim::closeTableHandle(find)) {
@@ -155,7 +155,7 @@ BOOL FindVolumeClose(HANDLE find) {
  */
 HANDLE FindFirstVolumeMountPointW(LPCWSTR rootPath, LPWSTR mountPoint, DWORD length) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("FindFirstVolumeMountPointW", &error);
+    const sim::Machine* machine = sim::enterCall<"FindFirstVolumeMountPointW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, INVALID_HANDLE_VALUE);
     }
@@ -170,11 +170,11 @@ HANDLE FindFirstVolumeMountPointW(LPCWSTR rootPath, LPWSTR mountPoint, DWORD len
     if (volume == nullptr) {
         return sim::fail(ERROR_FILE_NOT_FOUND, INVALID_HANDLE_VALUE);
     }
-    const std::vector<std::u16string>& mountPoints = machine->mountPointsOn(*volume);
-    if (mountPoints.empty()) {
+    const auto& mountPoints = machine->sharedMountPointsOn(*volume);
+    if (mountPoints->empty()) {
         return sim::fail(ERROR_NO_MORE_FILES, INVALID_HANDLE_VALUE);
     }
-    if (!copyOut(mountPoints.front(), mountPoint, length)) {
+    if (!copyOut(mountPoints->front(), mountPoint, length)) {
         return sim::fail(ERROR_MORE_DATA, INVALID_HANDLE_VALUE);
     }
     auto search = std::make_unique<MountPointSearch>();
@@ -188,7 +188,7 @@ HANDLE FindFirstVolumeMountPointW(LPCWSTR rootPath, LPWSTR mountPoint, DWORD len
  */
 BOOL FindNextVolumeMountPointW(HANDLE find, LPWSTR mountPoint, DWORD length) {
     std::uint32_t error = 0;
-    if (sim::takeFault("FindNextVolumeMountPointW", &error)) {
+    if (sim::faultOnEntry<"FindNextVolumeMountPointW">(&error)) {
         return sim::fail(error, FALSE);
     }
     auto* search = sim::lookupHandleAs<MountPointSearch>(find);
@@ -198,10 +198,10 @@ BOOL FindNextVolumeMountPointW(HANDLE find, LPWSTR mountPoint, DWORD length) {
     if (mountPoint == nullptr) {
         return sim::fail(ERROR_INVALID_PARAMETER, FALSE);
     }
-    if (search->next >= search->mountPoints.size()) {
+    if (search->next >= search->mountPoints->size()) {
         return sim::fail(ERROR_NO_MORE_FILES, FALSE);
     }
-    if (!copyOut(search->mountPoints[search->next], mountPoint, length)) {
+    if (!copyOut((*search->mountPoints)[search->next], mountPoint, length)) {
         return sim::fail(ERROR_MORE_DATA, FALSE);
     }
     ++search->next;
@@ -213,7 +213,7 @@ BOOL FindNextVolumeMountPointW(HANDLE find, LPWSTR mountPoint, DWORD length) {
  */
 BOOL FindVolumeMountPointClose(HANDLE find) {
     std::uint32_t error = 0;
-    if (sim::takeFault("FindVolumeMountPointClose", &error)) {
+    if (sim::faultOnEntry<"FindVolumeMountPointClose">(&error)) {
         return sim::fail(error, FALSE);
     }
     if (sim::lookupHandleAs<MountPointSearch>(find) == nullptr || !sim::closeTableHandle(find)) {
@@ -227,7 +227,7 @@ BOOL FindVolumeMountPointClose(HANDLE find) {
  */
 BOOL GetVolumePathNameW(LPCWSTR fileName, LPWSTR volumePathName, DWORD length) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetVolumePathNameW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetVolumePathNameW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, FALSE);
     }
@@ -250,7 +250,7 @@ BOOL GetVolumePathNameW(LPCWSTR fileName, LPWSTR volumePathName, DWORD length) {
  */
 BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DWORD length) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetVolumeNameForVolumeMountPointW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetVolumeNameForVolumeMountPointW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, FALSE);
     }
@@ -266,6 +266,12 @@ BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DW
     }
     if (volumeName == nullptr) {
         return sim::fail(ERROR_INVALID_PARAMETER, FALSE);
+    }
+    // A drive root, a mount point or a GUID name (with a mount point below
+    // it): straight from the indexes.
+    if (const sim::Volume* volume = machine->volumeAtMountPoint(path)) {
+        copyOut(volume->guidName, volumeName, length);
+        return TRUE;
     }
     const auto resolved = machine->resolve(path);
     if (!resolved) {
@@ -289,26 +295,11 @@ BOOL GetVolumeNameForVolumeMountPointW(LPCWSTR mountPoint, LPWSTR volumeName, DW
  */
 DWORD GetLogicalDriveStringsW(DWORD length, LPWSTR buffer) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetLogicalDriveStringsW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetLogicalDriveStringsW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, DWORD{0});
     }
-    std::array<bool, 26> present{};
-    for (const sim::Volume& volume : machine->volumes()) {
-        for (const std::u16string& path : volume.paths) {
-            if (path.size() == 3) {
-                present[static_cast<std::size_t>((path[0] | 0x20) - u'a')] = true;
-            }
-        }
-    }
-    std::u16string list;
-    for (std::size_t letter = 0; letter < present.size(); ++letter) {
-        if (present[letter]) {
-            list.push_back(static_cast<char16_t>(u'A' + letter));
-            list.append(u":\\");
-            list.push_back(u'\0');
-        }
-    }
+    const std::u16string& list = machine->logicalDriveStrings();
     const auto needed = static_cast<DWORD>(list.size() + 1);
     if (length < needed) {
         return needed;
@@ -326,7 +317,7 @@ DWORD GetLogicalDriveStringsW(DWORD length, LPWSTR buffer) {
  */
 UINT GetDriveTypeW(LPCWSTR rootPath) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetDriveTypeW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetDriveTypeW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, DRIVE_UNKNOWN);
     }
@@ -351,7 +342,7 @@ BOOL GetVolumeInformationW(LPCWSTR rootPath, LPWSTR volumeName, DWORD volumeName
                            DWORD* serialNumber, DWORD* maxComponentLength, DWORD* fileSystemFlags,
                            LPWSTR fileSystemName, DWORD fileSystemNameSize) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetVolumeInformationW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetVolumeInformationW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, FALSE);
     }
@@ -399,35 +390,42 @@ BOOL GetDiskFreeSpaceExW(LPCWSTR directoryName, PULARGE_INTEGER freeBytesAvailab
                          PULARGE_INTEGER totalNumberOfBytes,
                          PULARGE_INTEGER totalNumberOfFreeBytes) {
     DWORD error = 0;
-    const sim::Machine* machine = sim::enterCall("GetDiskFreeSpaceExW", &error);
+    const sim::Machine* machine = sim::enterCall<"GetDiskFreeSpaceExW">(&error);
     if (machine == nullptr) {
         return sim::fail(error, FALSE);
     }
     if (directoryName == nullptr) {
         return sim::fail(ERROR_INVALID_PARAMETER, FALSE);
     }
-    const auto resolved = machine->resolve(textOf(directoryName));
-    if (!resolved) {
-        return sim::fail(ERROR_PATH_NOT_FOUND, FALSE);
-    }
-    const sim::Volume& volume = *resolved->volume;
-    if (const DWORD unusable = unusableVolumeError(volume); unusable != ERROR_SUCCESS) {
-        return sim::fail(unusable, FALSE);
-    }
-    if (!resolved->relative.empty()) {
-        struct stat info {};
-        if (::stat(resolved->hostPath.c_str(), &info) != 0) {
+    // The root of a volume (the usual question) is answered from the
+    // indexes; any other folder must exist.
+    const sim::Volume* volume = machine->volumeAtMountPoint(textOf(directoryName));
+    if (volume == nullptr) {
+        const auto resolved = machine->resolve(textOf(directoryName));
+        if (!resolved) {
             return sim::fail(ERROR_PATH_NOT_FOUND, FALSE);
         }
+        volume = resolved->volume;
+        if (const DWORD unusable = unusableVolumeError(*volume); unusable != ERROR_SUCCESS) {
+            return sim::fail(unusable, FALSE);
+        }
+        if (!resolved->relative.empty()) {
+            struct stat info {};
+            if (::stat(resolved->hostPath.c_str(), &info) != 0) {
+                return sim::fail(ERROR_PATH_NOT_FOUND, FALSE);
+            }
+        }
+    } else if (const DWORD unusable = unusableVolumeError(*volume); unusable != ERROR_SUCCESS) {
+        return sim::fail(unusable, FALSE);
     }
     if (freeBytesAvailableToCaller != nullptr) {
-        freeBytesAvailableToCaller->QuadPart = volume.freeBytes;
+        freeBytesAvailableToCaller->QuadPart = volume->freeBytes;
     }
     if (totalNumberOfBytes != nullptr) {
-        totalNumberOfBytes->QuadPart = volume.totalBytes;
+        totalNumberOfBytes->QuadPart = volume->totalBytes;
     }
     if (totalNumberOfFreeBytes != nullptr) {
-        totalNumberOfFreeBytes->QuadPart = volume.freeBytes;
+        totalNumberOfFreeBytes->QuadPart = volume->freeBytes;
     }
     return TRUE;
 }

@@ -2,6 +2,8 @@
 // answers, and how Windows paths find the files of a volume.
 #include "sim/machine.h"
 
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -56,8 +58,8 @@ std::string loadError(const std::filesystem::path& file) {
 TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
     struct Row {
         const char* name;
-        const char* text;
-        const char* expected;  // follows "<file>:"
+        std::string text;
+        std::string expected;  // follows "<file>:"
     };
     const Row rows[] = {
         {"SyntaxError",
@@ -111,6 +113,45 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
         {"FaultWithoutError", "{\n\"faults\": [\n  {\"function\": \"Sleep\"}\n]}",
          "3: faults[0]: expected {\"function\", \"error\""},
         {"OsNotAnObject", "{\"os\": 10}", "1: os: expected {\"major\": 10"},
+        {"UnknownFaultFunction",
+         "{\"faults\": [\n  {\"function\": \"GetDiskFreeSpaceEx\", \"error\": 21}\n]}",
+         "2: faults[0].function: unknown function \"GetDiskFreeSpaceEx\""},
+        {"EscapeSequenceInLabel",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"label\": \"\\u001b[2J\\u001b]0;owned\\u0007\"}]}",
+         "2: volumes[0].label: control character U+001B in a volume label"},
+        {"LineBreakInLabel",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"label\": \"Data\\r\\nC:\\\\ fixed NTFS\"}]}",
+         "2: volumes[0].label: control character U+000D in a volume label"},
+        {"C1ControlInFileSystem",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"fileSystem\": \"NT\\u009bFS\"}]}",
+         "2: volumes[0].fileSystem: control character U+009B in a file-system name"},
+        {"EscapeSequenceInGuidIsNotEchoed", "{\"volumes\": [{\"guid\": \"\\u001b[31m\"}]}",
+         "1: volumes[0].guid: \"\\x1b[31m\" is not a GUID"},
+        {"BackingDirectoryLeavesTheMachine",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"backingDirectory\": \"disks/../../x\"}]}",
+         "2: volumes[0].backingDirectory: \"disks/../../x\" leads out of the machine's directory"},
+        {"BackingDirectoryIsTheMachinesOwn",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"backingDirectory\": \"disks/..\"}]}",
+         "2: volumes[0].backingDirectory: \"disks/..\" leads out of the machine's directory"},
+        {"AbsentAbsoluteBackingDirectory",
+         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"backingDirectory\": \"/nonexistent/fikiv/disk\"}]}",
+         "2: volumes[0].backingDirectory: \"/nonexistent/fikiv/disk\" is not an existing "
+         "directory"},
+        {"SharedBackingDirectory",
+         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
+         "  \"backingDirectory\": \"disks/c\"},\n"
+         " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\",\n"
+         "  \"backingDirectory\": \"disks/./c/\"}\n]}",
+         "5: volumes[1].backingDirectory: volumes[0] already keeps its files in"},
+        {"DeeplyNested",
+         "{\"comment\":\n" + std::string(50000, '[') + std::string(50000, ']') + "}",
+         "2: nesting deeper than 32 levels"},
         {"TopLevelList", "[]", "1: (top level): a machine description is a JSON object"},
     };
     for (const Row& row : rows) {
@@ -128,6 +169,41 @@ TEST(MachineFileTest, MissingFileIsNamed) {
     const std::string message = loadError(absent);
     EXPECT_NE(message.find(absent.string()), std::string::npos) << message;
     EXPECT_NE(message.find("No such file"), std::string::npos) << message;
+}
+
+TEST(MachineFileTest, OnlyARegularFileOfBoundedSizeIsRead) {
+    RawMachineFile holder("{}");
+    const std::filesystem::path directory = holder.file().parent_path();
+    const std::filesystem::path fifo = directory / "fifo.json";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::filesystem::path large = directory / "large.json";
+    std::ofstream(large) << "{}";
+    std::filesystem::resize_file(large, 17u << 20);
+    struct Row {
+        const char* name;
+        std::filesystem::path file;
+        const char* expected;  // follows "<file>"
+    };
+    const Row rows[] = {
+        {"Fifo", fifo, ":1: not a regular file"},
+        {"EndlessDevice", "/dev/zero", ":1: not a regular file"},
+        {"Directory", directory, ":1: not a regular file"},
+        {"TooLarge", large, ":1: 17825792 bytes are more than the 16777216"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string message = loadError(row.file);
+        EXPECT_EQ(message.rfind(row.file.string() + row.expected, 0), 0u) << message;
+    }
+}
+
+TEST(MachineFileTest, AbsoluteBackingDirectoryIsUsedAsItIs) {
+    RawMachineFile disk("x");  // disk/broken.json is the file C:\broken.json
+    nlohmann::json description = platformtest::nestedMachine();
+    description["volumes"][0]["backingDirectory"] = disk.file().parent_path().string();
+    TempMachine machine(description);
+    EXPECT_NE(os::GetFileAttributesW(u"C:\\BROKEN.json"), os::INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(sim::Machine::current().volumes()[0].backingDirectory, disk.file().parent_path());
 }
 
 // With a broken machine every function fails with a Win32 code, and
@@ -184,7 +260,11 @@ TEST(MachineFileTest, StateAndBackingDirectoriesSitNextToTheFile) {
     EXPECT_EQ(current.volumes()[1].backingDirectory, machine.directory() / "machine.state" /
                                                          "volumes" /
                                                          "{00000000-0000-0000-0000-000000000002}");
-    // Folders that hold mount points exist on their volume.
+    // A volume's directories are made when its files are first used, with
+    // the folders that hold mount points on it.
+    EXPECT_FALSE(std::filesystem::exists(machine.directory() / "disks/c"));
+    EXPECT_EQ(os::GetFileAttributesW(u"C:\\mnt\\"), os::FILE_ATTRIBUTE_DIRECTORY);
+    EXPECT_EQ(os::GetFileAttributesW(u"C:\\mnt\\data\\"), os::FILE_ATTRIBUTE_DIRECTORY);
     EXPECT_TRUE(std::filesystem::is_directory(machine.directory() / "disks/c/mnt/data"));
     EXPECT_TRUE(std::filesystem::is_directory(machine.directory() / "disks/c/mnt/d2"));
     EXPECT_TRUE(std::filesystem::is_directory(current.volumes()[1].backingDirectory / "inner"));

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "os/error.h"
+#include "os/file.h"
 #include "os/handle.h"
 #include "os/volume.h"
 #include "platform_test_util.h"
@@ -582,7 +583,11 @@ TEST_F(DefaultMachineTest, IsWrittenUnderTheRuntimeDirectoryOnFirstUse) {
         runtime_ / ("fikiv-" + std::to_string(getuid())) / "default" / "machine.json";
     EXPECT_TRUE(std::filesystem::exists(file));
     EXPECT_EQ(sim::Machine::current().file(), file);
-    EXPECT_TRUE(std::filesystem::is_directory(file.parent_path() / "machine.state" / "volumes"));
+    // Volume directories are made on first use, not at load.
+    const std::filesystem::path volumes = file.parent_path() / "machine.state" / "volumes";
+    EXPECT_FALSE(std::filesystem::exists(volumes));
+    EXPECT_EQ(os::GetFileAttributesW(u"C:\\"), os::FILE_ATTRIBUTE_DIRECTORY);
+    EXPECT_TRUE(std::filesystem::is_directory(volumes / "{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a01}"));
 
     CanaryBuffer drives(64);
     EXPECT_EQ(os::GetLogicalDriveStringsW(drives.length(), drives.data()), 24u);

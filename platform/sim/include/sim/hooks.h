@@ -3,10 +3,12 @@
 // turns it on. Faults can also be listed in the machine file ("faults"), so
 // that processes started by a test inherit them.
 //
-// All functions are thread-safe.
+// All functions are thread-safe. With no fault set, the check at the start of
+// a function costs an increment of its call counter and one relaxed load.
 #ifndef PLATFORM_SIM_INCLUDE_SIM_HOOKS_H_
 #define PLATFORM_SIM_INCLUDE_SIM_HOOKS_H_
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -28,9 +30,22 @@ void makeLibraryMissing(std::string_view module);
 // Removes every fault of this process (also those read from the machine file).
 void clearFaults();
 
+// The hooks' record of one function: its call counter and whether a fault is
+// set for it. One per name in the process, never freed, so a function may keep
+// a reference to its own (see os_call.h) and skip the lookup by name.
+struct CallSite {
+    std::atomic<std::uint64_t> calls{0};
+    std::atomic<bool> faulted{false};
+};
+CallSite& callSite(std::string_view function);
+
 // Called by implementations at the start of each function: counts the call
 // and returns true with the error to fail with when a fault applies.
+bool takeFault(CallSite& site, std::uint32_t* error);
 bool takeFault(std::string_view function, std::uint32_t* error);
+// Whether `function` names a function that takeFault hears of: an os::
+// function by its Win32 name or an entry point of the driver library.
+bool isKnownFunction(std::string_view function);
 bool isUnbindable(std::string_view module, std::string_view exportName);
 bool isLibraryMissing(std::string_view module);
 // Calls of `function` seen by takeFault since the process started or the

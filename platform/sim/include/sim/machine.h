@@ -5,7 +5,8 @@
 // written on first use under $XDG_RUNTIME_DIR/fikiv-<uid>/default (or
 // /tmp/fikiv-<uid>/default) and used from there. The machine's state directory
 // (event log, pipes, mutexes, driver state, volume backing directories unless
-// the file names others) is the directory "<file stem>.state" next to the file.
+// the file names others) is the directory "<file stem>.state" next to the file;
+// a volume's backing directory is made when the volume's files are first used.
 //
 // Machine::current() loads the description once per process; a malformed file
 // throws MachineError naming the file, the line and the field, and the os::
@@ -14,8 +15,10 @@
 #ifndef PLATFORM_SIM_INCLUDE_SIM_MACHINE_H_
 #define PLATFORM_SIM_INCLUDE_SIM_MACHINE_H_
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -48,6 +51,7 @@ struct Volume {
     std::uint32_t driverAttributes = 0;      // KIV attribute bits 0x1 .. 0x10
     std::uint32_t driverValue = 0;           // second word of the driver's volume information
     std::filesystem::path backingDirectory;  // where the volume's files live on Linux
+    bool ownBackingDirectory = true;  // false: named absolute in the file, used but never made
 };
 
 // A fault listed in the machine file, registered into the hooks (sim/hooks.h)
@@ -92,7 +96,9 @@ class Machine {
     // The file FIKIV_MACHINE names, or the default machine's file.
     static std::filesystem::path currentFile();
     // The default machine's file: $XDG_RUNTIME_DIR/fikiv-<uid>/default/machine.json,
-    // or the same under /tmp when there is no usable runtime directory.
+    // or the same under /tmp when there is no usable runtime directory; the
+    // fallback is said once on stderr, its directory made 0700, and refused
+    // (MachineError) unless it is a private directory of this user.
     static std::filesystem::path defaultFile();
     // The current machine, or null when it cannot be loaded; `error` (if not
     // null) receives the MachineError text. Never throws.
@@ -102,8 +108,12 @@ class Machine {
     static void ensureLoadAttempted();
     // Writes the built-in default machine to `file` unless the file already
     // holds exactly that description (a file from an older build is
-    // replaced). Backing directories are made when the machine is loaded.
+    // replaced). Backing directories are made when a volume is first used.
     static void writeDefault(const std::filesystem::path& file);
+
+    Machine() = default;
+    Machine(Machine&&) = default;
+    Machine& operator=(Machine&&) = default;
 
     const std::filesystem::path& file() const { return file_; }
     const std::filesystem::path& stateDirectory() const { return stateDirectory_; }
@@ -112,6 +122,13 @@ class Machine {
     std::uint32_t buildNumber() const { return buildNumber_; }
     const std::vector<Volume>& volumes() const { return volumes_; }
     const std::vector<FaultSpec>& faults() const { return faults_; }
+    // The GUID names of all volumes in the order of the description, shared
+    // read-only by every volume search.
+    const std::shared_ptr<const std::vector<std::u16string>>& volumeNames() const {
+        return volumeNames_;
+    }
+    // "C:\0D:\0" ... with a final NUL: what GetLogicalDriveStringsW answers.
+    const std::u16string& logicalDriveStrings() const { return logicalDriveStrings_; }
 
     // Volume by GUID name, with or without the trailing backslash, ignoring case.
     const Volume* findVolume(std::u16string_view guidName) const;
@@ -128,10 +145,34 @@ class Machine {
     // volumes are mounted, relative to its root, each ending in a backslash
     // ("mnt\data\"), in the order of the description.
     const std::vector<std::u16string>& mountPointsOn(const Volume& volume) const;
+    // The same list, shared read-only by every mount point search.
+    const std::shared_ptr<const std::vector<std::u16string>>& sharedMountPointsOn(
+        const Volume& volume) const;
+    // The volume mounted at `path` ("C:\mnt\data\", "\\?\Volume{...}\mnt\data\"
+    // or any root volumeAtRoot takes), ignoring case, trailing backslash
+    // optional; null when `path` is not exactly such a root. Allocates nothing.
+    const Volume* volumeAtMountPoint(std::u16string_view path) const;
+
+    // Makes the volume's backing directory and the folders of the mount
+    // points on it, once per loaded machine; an absolute backing directory is
+    // only used, never made. Called before the first use of its files; false
+    // when the directories cannot be made.
+    bool prepareVolume(const Volume& volume) const;
+
+    // Case-insensitive hashing of path keys, so that lookups take a view.
+    struct FoldedHash {
+        using is_transparent = void;
+        std::size_t operator()(std::u16string_view text) const;
+    };
+    struct FoldedEqual {
+        using is_transparent = void;
+        bool operator()(std::u16string_view a, std::u16string_view b) const;
+    };
 
   private:
     void index();
-    void prepareDirectories() const;
+    void prepareStateDirectory() const;
+    const Volume* atRootKey(std::u16string_view key) const;
 
     std::filesystem::path file_;
     std::filesystem::path stateDirectory_;
@@ -140,13 +181,19 @@ class Machine {
     std::uint32_t buildNumber_ = 0;
     std::vector<Volume> volumes_;
     std::vector<FaultSpec> faults_;
-    // Folded roots and GUID names -> volume index, so that resolving a path
-    // costs the same on a machine of ten volumes as on one of a thousand.
-    std::unordered_map<std::u16string, std::size_t> rootIndex_;
-    std::vector<std::vector<std::u16string>> mountPoints_;
-    // Folded "<GUID name of the holding volume><mount point>" -> index of the
-    // volume mounted there, to follow mount points inside GUID paths.
-    std::unordered_map<std::u16string, std::size_t> mountIndex_;
+    std::shared_ptr<const std::vector<std::u16string>> volumeNames_;
+    std::u16string logicalDriveStrings_;
+    // Roots and GUID names without their trailing backslash -> volume index,
+    // so that resolving a path costs the same on a machine of ten volumes as
+    // on one of a thousand.
+    std::unordered_map<std::u16string, std::size_t, FoldedHash, FoldedEqual> rootIndex_;
+    std::vector<std::shared_ptr<const std::vector<std::u16string>>> mountPoints_;
+    // "<GUID name of the holding volume><mount point>" without the trailing
+    // backslash -> index of the volume mounted there, to follow mount points
+    // inside GUID paths.
+    std::unordered_map<std::u16string, std::size_t, FoldedHash, FoldedEqual> mountIndex_;
+    // Whether prepareVolume made each volume's directories.
+    std::unique_ptr<std::atomic<bool>[]> prepared_;
 };
 
 }  // namespace sim

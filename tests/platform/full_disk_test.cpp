@@ -1,0 +1,214 @@
+// The machine's files on a file system that is full, and the default
+// machine's fallback directory under /tmp, where anyone may plant names.
+//
+// Each case runs in a child process with a mount namespace of its own and a
+// small tmpfs mounted where the case needs it, so nothing is filled or planted
+// outside. Without the right to mount (no root and no user namespaces) the
+// cases are skipped.
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "os/error.h"
+#include "os/handle.h"
+#include "os/sync.h"
+#include "sim/machine.h"
+#include "support/child_process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kCannotMount = 77;
+
+bool writeFile(const char* path, const std::string& text) {
+    const int fd = open(path, O_WRONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    const bool written = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    close(fd);
+    return written;
+}
+
+// Enters a mount namespace of its own (through a user namespace that maps
+// the same user when not root) and mounts a 256 KiB tmpfs at `directory`.
+bool mountSmallTmpfs(const fs::path& directory) {
+    const uid_t uid = getuid();
+    const gid_t gid = getgid();
+    if (geteuid() == 0) {
+        if (unshare(CLONE_NEWNS) != 0) {
+            return false;
+        }
+    } else {
+        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0 ||
+            !writeFile("/proc/self/setgroups", "deny") ||
+            !writeFile("/proc/self/uid_map",
+                       std::to_string(uid) + " " + std::to_string(uid) + " 1") ||
+            !writeFile("/proc/self/gid_map",
+                       std::to_string(gid) + " " + std::to_string(gid) + " 1")) {
+            return false;
+        }
+    }
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=256k,mode=0755") == 0;
+}
+
+// Takes every free byte of the file system that holds `directory`.
+void fill(const fs::path& directory) {
+    const int fd = open((directory / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    char block[512] = {};
+    while (fd >= 0 && write(fd, block, sizeof(block)) > 0) {
+    }
+    close(fd);
+}
+
+bool anyEntryStartsWith(const fs::path& directory, const std::string& prefix) {
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(directory, ignored)) {
+        if (entry.path().filename().string().rfind(prefix, 0) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A named mutex made on a full file system: ERROR_DISK_FULL, no SIGBUS, and
+// no scratch file left in the mutex directory.
+FIKIV_CHILD_ROLE(mutexOnFullDisk) {
+    const fs::path directory = arguments.at(0);
+    if (!mountSmallTmpfs(directory)) {
+        return kCannotMount;
+    }
+    const fs::path file = directory / "machine.json";
+    std::ofstream(file) << R"({"volumes": [{"guid": "{00000000-0000-0000-0000-000000000001}",
+                                           "paths": ["C:\\"]}]})";
+    setenv("FIKIV_MACHINE", file.c_str(), 1);
+    sim::Machine::reset();
+    int failures = 0;
+    // A first mutex while there is room makes the mutex directory.
+    os::HANDLE first = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk-first");
+    failures += first == nullptr;
+    os::CloseHandle(first);
+    fill(directory);
+    os::SetLastError(0xdeadbeef);
+    os::HANDLE full = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk");
+    failures += full != nullptr;
+    failures += os::GetLastError() != os::ERROR_DISK_FULL;
+    failures += anyEntryStartsWith(directory / "machine.state" / "mutex", ".new-");
+    failures += anyEntryStartsWith(directory / "machine.state" / "mutex", "local.");
+    return failures;
+}
+
+// The default machine written to a full runtime directory: a message, and no
+// temporary file left beside the machine file.
+FIKIV_CHILD_ROLE(defaultMachineOnFullDisk) {
+    const fs::path directory = arguments.at(0);
+    if (!mountSmallTmpfs(directory)) {
+        return kCannotMount;
+    }
+    const fs::path machineDirectory = directory / ("fikiv-" + std::to_string(getuid())) / "default";
+    fs::create_directories(machineDirectory);
+    fill(directory);
+    setenv("XDG_RUNTIME_DIR", directory.c_str(), 1);
+    unsetenv("FIKIV_MACHINE");
+    sim::Machine::reset();
+    int failures = 0;
+    std::string error;
+    failures += sim::Machine::currentOrNull(&error) != nullptr;
+    failures += error.find("cannot write") == std::string::npos;
+    failures += anyEntryStartsWith(machineDirectory, "machine.json.tmp.");
+    return failures;
+}
+
+// With no runtime directory the default machine goes to /tmp/fikiv-<uid>: a
+// symbolic link planted there is refused, a directory made there is private,
+// and the fallback is said once on stderr.
+FIKIV_CHILD_ROLE(fallbackUnderTmp) {
+    if (!mountSmallTmpfs("/tmp")) {
+        return kCannotMount;
+    }
+    const fs::path log = "/tmp/stderr.log";
+    const int logFd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    dup2(logFd, STDERR_FILENO);
+    unsetenv("XDG_RUNTIME_DIR");
+    unsetenv("FIKIV_MACHINE");
+    const fs::path fallback = "/tmp/fikiv-" + std::to_string(getuid());
+    int failures = 0;
+
+    fs::create_directories("/tmp/elsewhere");
+    fs::create_directory_symlink("/tmp/elsewhere", fallback);
+    sim::Machine::reset();
+    std::string error;
+    failures += sim::Machine::currentOrNull(&error) != nullptr;
+    failures += error.find("refusing " + fallback.string()) == std::string::npos;
+    failures += fs::exists("/tmp/elsewhere/default");
+
+    fs::remove(fallback);
+    sim::Machine::reset();
+    failures += sim::Machine::currentOrNull() == nullptr;
+    sim::Machine::reset();
+    failures += sim::Machine::currentOrNull() == nullptr;
+    struct stat status {};
+    failures += lstat(fallback.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
+                (status.st_mode & 0777) != 0700;
+
+    std::fflush(stderr);
+    std::ifstream lines(log);
+    int told = 0;
+    for (std::string line; std::getline(lines, line);) {
+        told += line.find("the default machine is kept under " + fallback.string()) !=
+                std::string::npos;
+    }
+    failures += told != 1;
+    return failures;
+}
+
+class FullDiskTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "fikiv-full-XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        directory_ = pattern;
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        fs::remove_all(directory_, ignored);
+    }
+
+    // Runs `role` in a child; skips when the child may not mount.
+    void runChild(const std::string& role) {
+        const int result = testsupport::waitChild(testsupport::startChild(role, {directory_}));
+        if (result == kCannotMount) {
+            GTEST_SKIP() << "mounting a tmpfs needs root or user namespaces";
+        }
+        EXPECT_EQ(result, 0) << "failed checks in the child, or 128 + its signal";
+    }
+
+    fs::path directory_;
+};
+
+TEST_F(FullDiskTest, NamedMutexAnswersDiskFull) {
+    runChild("mutexOnFullDisk");
+}
+
+TEST_F(FullDiskTest, DefaultMachineLeavesNoTemporaryFile) {
+    runChild("defaultMachineOnFullDisk");
+}
+
+TEST_F(FullDiskTest, FallbackUnderTmpIsPrivateAndSaidOnce) {
+    runChild("fallbackUnderTmp");
+}
+
+}  // namespace
