@@ -2,7 +2,10 @@
 //
 // OutputDebugStringW keeps every line for tests (sim::debugOutput) and copies
 // it to standard error when FIKIV_DEBUG_OUTPUT is set. FormatMessageW answers
-// from a table of the system texts of the error codes this product meets.
+// from a table of the system texts of the error codes this product meets,
+// and only in the form the product uses (FORMAT_MESSAGE_FROM_SYSTEM with
+// FORMAT_MESSAGE_ALLOCATE_BUFFER); other flags fail with
+// ERROR_INVALID_PARAMETER.
 // Neither changes the caller's last error on success.
 #include "os/debug.h"
 

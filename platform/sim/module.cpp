@@ -1,8 +1,11 @@
 // Libraries of the simulated machine. "kernel32.dll" is a module that is
 // always there and resolves the os:: functions by their Win32 names; every
-// other "name.dll" is the shared library "libname.so", loaded with dlopen from
-// FIKIV_LIBRARY_PATH, then from the directory of this platform library, then
-// through the normal search of the dynamic loader.
+// other "name.dll" is the shared library "libname.so" ("kivapi.dll" is the
+// driver library libkivapi.so), loaded with dlopen from the directories of
+// FIKIV_LIBRARY_PATH (a colon-separated list), then from the directory of this
+// platform library, then through the normal search of the dynamic loader.
+// Threads get no attach notifications here, so DisableThreadLibraryCalls has
+// nothing to turn off.
 //
 // All functions are thread-safe.
 #include "os/module.h"

@@ -1,7 +1,8 @@
 // Critical sections and named mutexes of the simulated machine.
 //
 // A critical section is a recursive pthread mutex placed in the caller's
-// CRITICAL_SECTION storage.
+// CRITICAL_SECTION storage; its spin count is kept but not used (the pthread
+// mutex decides when to block).
 //
 // A named mutex is a robust, process-shared, recursive pthread mutex in a small
 // file under "<state directory>/mutex/", mapped into every process that opens

@@ -12,14 +12,14 @@ constexpr DWORD FORMAT_MESSAGE_FROM_STRING = 0x00000400;
 constexpr DWORD FORMAT_MESSAGE_FROM_SYSTEM = 0x00001000;
 constexpr DWORD LANG_ENGLISH_US = 1033;
 
-// Sends a line to the debugger. On this platform the text goes to standard
-// error when FIKIV_DEBUG_OUTPUT is set and is always kept by the machine's
-// debug channel for tests (sim/hooks.h).
+// Sends a line to the debugger, if one listens; never fails and leaves last
+// error alone.
 void OutputDebugStringW(LPCWSTR outputString);
-// Only FORMAT_MESSAGE_FROM_SYSTEM with FORMAT_MESSAGE_ALLOCATE_BUFFER is
-// supported: `buffer` is really an LPWSTR* that receives a LocalAlloc'ed text
-// ending in "\r\n". Returns its length, or 0 with ERROR_MR_MID_NOT_FOUND for an
-// unknown code, ERROR_INVALID_PARAMETER for unsupported flags.
+// The system's text for the error code `messageId`. With
+// FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_ALLOCATE_BUFFER (the form this
+// product uses), `buffer` is really an LPWSTR* that receives a LocalAlloc'ed
+// text ending in "\r\n". Returns its length in characters, or 0 with
+// ERROR_MR_MID_NOT_FOUND for a code without a text.
 DWORD FormatMessageW(DWORD flags, LPCVOID source, DWORD messageId, DWORD languageId, LPWSTR buffer,
                      DWORD size, void* arguments);
 // Frees memory from FormatMessageW; returns NULL on success.

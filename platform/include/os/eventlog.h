@@ -1,5 +1,4 @@
-// The machine's event log. Records are kept by the machine (see
-// sim/eventlog.h for reading them back).
+// Reporting events to the machine's event log.
 #ifndef PLATFORM_INCLUDE_OS_EVENTLOG_H_
 #define PLATFORM_INCLUDE_OS_EVENTLOG_H_
 
@@ -21,6 +20,8 @@ HANDLE RegisterEventSourceW(LPCWSTR serverName, LPCWSTR sourceName);
 // RegisterEventSourceW.
 BOOL ReportEventW(HANDLE eventLog, WORD type, WORD category, DWORD eventId, PSID userSid,
                   WORD numStrings, DWORD dataSize, LPCWSTR* strings, LPVOID rawData);
+// Closes a handle from RegisterEventSourceW; FALSE with ERROR_INVALID_HANDLE
+// for any other handle.
 BOOL DeregisterEventSource(HANDLE eventLog);
 
 }  // namespace os

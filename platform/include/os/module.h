@@ -1,13 +1,9 @@
 // Dynamic libraries: loading the snapshot driver's API library and binding
 // operating-system functions at run time.
 //
-// "kernel32.dll" is always loaded; GetProcAddress on it resolves the volume
-// functions of os/volume.h by their Win32 names. LoadLibraryW("kivapi.dll")
-// loads the driver library (libkivapi.so) from the directory named by the
-// environment variable FIKIV_LIBRARY_PATH (a colon-separated list), else from
-// the directory that holds the platform library itself, else through the
-// dynamic loader's own search. Any other "name.dll" maps to "libname.so" the
-// same way. Library names ignore case.
+// "kernel32.dll" is always loaded in every process; GetProcAddress on it
+// resolves the volume functions of os/volume.h by their Win32 names. Library
+// names ignore case.
 #ifndef PLATFORM_INCLUDE_OS_MODULE_H_
 #define PLATFORM_INCLUDE_OS_MODULE_H_
 
@@ -28,7 +24,8 @@ BOOL FreeLibrary(HMODULE module);
 // Handle of an already loaded module ("kernel32.dll", case-insensitive), or
 // NULL with ERROR_MOD_NOT_FOUND.
 HMODULE GetModuleHandleW(LPCWSTR moduleName);
-// Turns off per-thread attach notifications; nothing to do here, always TRUE.
+// Turns off the thread attach and detach notifications of `module`. TRUE;
+// FALSE with the reason in last error.
 BOOL DisableThreadLibraryCalls(HMODULE module);
 
 }  // namespace os

@@ -1,7 +1,7 @@
 // Critical sections (in-process) and named mutexes (machine-wide).
 //
-// A named mutex is shared by every process of the simulated machine that
-// opens the same name. Ownership is per thread and recursive, as on Windows.
+// A named mutex is shared by every process of the machine that opens the
+// same name. Ownership is per thread and recursive.
 #ifndef PLATFORM_INCLUDE_OS_SYNC_H_
 #define PLATFORM_INCLUDE_OS_SYNC_H_
 
@@ -15,13 +15,14 @@ constexpr DWORD WAIT_ABANDONED = 0x00000080;
 constexpr DWORD WAIT_TIMEOUT = 0x00000102;
 constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
 
-// Opaque storage for a recursive in-process lock; large enough for the
-// platform's implementation. Initialise before use, delete after.
+// A recursive in-process lock; opaque to callers. Initialise before use,
+// delete after.
 struct CRITICAL_SECTION {
     alignas(8) unsigned char storage[64];
 };
 
-// Always succeeds on this platform (TRUE); the spin count is recorded only.
+// `spinCount`: how often a waiting thread spins before it blocks. TRUE; FALSE
+// with the reason in last error when the section cannot be set up.
 BOOL InitializeCriticalSectionAndSpinCount(CRITICAL_SECTION* section, DWORD spinCount);
 void EnterCriticalSection(CRITICAL_SECTION* section);
 void LeaveCriticalSection(CRITICAL_SECTION* section);
@@ -40,7 +41,7 @@ HANDLE CreateMutexW(LPSECURITY_ATTRIBUTES attributes, BOOL initialOwner, LPCWSTR
 // Waits until the object is signalled or `milliseconds` pass. For a mutex:
 // WAIT_OBJECT_0 (now owned), WAIT_ABANDONED (owned; its previous owner ended
 // while holding it), WAIT_TIMEOUT, or WAIT_FAILED with last error
-// ERROR_INVALID_HANDLE. Time-outs run on the platform clock.
+// ERROR_INVALID_HANDLE. Time-outs run on the clock of os/time.h.
 DWORD WaitForSingleObject(HANDLE handle, DWORD milliseconds);
 // FALSE with ERROR_NOT_OWNER when the calling thread does not own the mutex.
 BOOL ReleaseMutex(HANDLE mutex);

@@ -1,7 +1,5 @@
-// Clock: local and UTC time, tick count and Sleep.
-//
-// Every wait of the product (Sleep, mutex time-outs) runs on the platform
-// clock, which tests replace by a virtual one (sim/hooks.h).
+// Clock: local and UTC time, tick count and Sleep. Every wait of the product
+// (Sleep, mutex time-outs) is measured by this clock.
 #ifndef PLATFORM_INCLUDE_OS_TIME_H_
 #define PLATFORM_INCLUDE_OS_TIME_H_
 
@@ -20,9 +18,14 @@ struct SYSTEMTIME {
     WORD wMilliseconds;
 };
 
+// The current date and time in the machine's time zone.
 void GetLocalTime(SYSTEMTIME* systemTime);
+// The current date and time in UTC.
 void GetSystemTime(SYSTEMTIME* systemTime);
+// Milliseconds since the system started.
 ULONGLONG GetTickCount64();
+// Suspends the calling thread for `milliseconds`; 0 gives up the rest of its
+// time slice.
 void Sleep(DWORD milliseconds);
 
 }  // namespace os

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "os/error.h"
 #include "os/module.h"
@@ -57,7 +58,6 @@ struct VolumeIteratorState {
     std::u16string current;
     bool useVolumeFunctions = true;
     os::HANDLE findHandle = os::INVALID_HANDLE_VALUE;
-    std::atomic<std::uint32_t> referenceCount{1};
     std::uint32_t bufferLength = kNameBufferLength;
     bool hasMore = true;
     char16_t nameBuffer[kNameBufferLength] = {};
@@ -109,7 +109,6 @@ struct MountPointIteratorState {
     bool atEnd = false;
     os::HMODULE module = nullptr;
     os::HANDLE findHandle = os::INVALID_HANDLE_VALUE;
-    std::atomic<std::uint32_t> referenceCount{1};
     std::uint32_t bufferLength = kNameBufferLength;
     char16_t buffer[kNameBufferLength] = {};
     FindFirstVolumeMountPointW_t findFirstVolumeMountPoint = nullptr;
@@ -123,28 +122,13 @@ struct MountPointIteratorState {
     }
 };
 
-namespace {
-
-template <class State>
-void acquire(State* state) {
-    state->referenceCount.fetch_add(1, std::memory_order_relaxed);
-}
-
-template <class State>
-void release(State* state) {
-    if (state->referenceCount.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-        delete state;
-    }
-}
-
-}  // namespace
-
 // --- VolumeIterator ---------------------------------------------------------
 
-VolumeIterator::VolumeIterator(VolumeIteratorState* state) : state_(state) {}
+VolumeIterator::VolumeIterator(std::shared_ptr<VolumeIteratorState> state)
+    : state_(std::move(state)) {}
 
 VolumeIterator VolumeIterator::begin() {
-    auto state = std::make_unique<VolumeIteratorState>();
+    auto state = std::make_shared<VolumeIteratorState>();
     if (majorVersion() < 5) {
         state->useVolumeFunctions = false;
     }
@@ -175,31 +159,14 @@ VolumeIterator VolumeIterator::begin() {
         state->driveRoot[0] = u'A';
         state->nextDrive();
     }
-    return VolumeIterator(state.release());
+    return VolumeIterator(std::move(state));
 }
 
 VolumeIterator VolumeIterator::end() {
-    auto* state = new VolumeIteratorState;
+    auto state = std::make_shared<VolumeIteratorState>();
     state->hasMore = false;
     state->atEnd = true;
-    return VolumeIterator(state);
-}
-
-VolumeIterator::VolumeIterator(const VolumeIterator& other) : state_(other.state_) {
-    acquire(state_);
-}
-
-VolumeIterator& VolumeIterator::operator=(const VolumeIterator& other) {
-    if (state_ != other.state_) {
-        acquire(other.state_);
-        release(state_);
-        state_ = other.state_;
-    }
-    return *this;
-}
-
-VolumeIterator::~VolumeIterator() {
-    release(state_);
+    return VolumeIterator(std::move(state));
 }
 
 std::u16string VolumeIterator::operator*() const {
@@ -241,10 +208,11 @@ bool VolumeIterator::operator==(const VolumeIterator& other) const {
 
 // --- MountPointIterator -----------------------------------------------------
 
-MountPointIterator::MountPointIterator(MountPointIteratorState* state) : state_(state) {}
+MountPointIterator::MountPointIterator(std::shared_ptr<MountPointIteratorState> state)
+    : state_(std::move(state)) {}
 
 MountPointIterator MountPointIterator::begin(const std::u16string& volumeName) {
-    auto state = std::make_unique<MountPointIteratorState>();
+    auto state = std::make_shared<MountPointIteratorState>();
     MountPointIteratorState& s = *state;
     s.volumeName = volumeName;
     os::OSVERSIONINFOW version{};
@@ -254,7 +222,7 @@ MountPointIterator MountPointIterator::begin(const std::u16string& volumeName) {
     }
     if (version.dwMajorVersion < 5) {
         s.atEnd = true;  // no mount points before the volume functions existed
-        return MountPointIterator(state.release());
+        return MountPointIterator(std::move(state));
     }
     s.module = kernel32OrThrow();
     s.findFirstVolumeMountPoint =
@@ -270,30 +238,13 @@ MountPointIterator MountPointIterator::begin(const std::u16string& volumeName) {
     } else {
         s.current = s.buffer;
     }
-    return MountPointIterator(state.release());
+    return MountPointIterator(std::move(state));
 }
 
 MountPointIterator MountPointIterator::end() {
-    auto* state = new MountPointIteratorState;
+    auto state = std::make_shared<MountPointIteratorState>();
     state->atEnd = true;
-    return MountPointIterator(state);
-}
-
-MountPointIterator::MountPointIterator(const MountPointIterator& other) : state_(other.state_) {
-    acquire(state_);
-}
-
-MountPointIterator& MountPointIterator::operator=(const MountPointIterator& other) {
-    if (state_ != other.state_) {
-        acquire(other.state_);
-        release(state_);
-        state_ = other.state_;
-    }
-    return *this;
-}
-
-MountPointIterator::~MountPointIterator() {
-    release(state_);
+    return MountPointIterator(std::move(state));
 }
 
 std::u16string MountPointIterator::operator*() const {

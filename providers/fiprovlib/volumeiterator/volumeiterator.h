@@ -4,12 +4,13 @@
 // The newer volume functions are bound at run time from "kernel32.dll"; on
 // systems below major version 5 the iterators fall back to drive letters.
 // Failures are thrown as the bare os::DWORD that GetLastError returned.
-// Iterator copies share one position; reference counts are atomic, so copies
-// may die on different threads, but one position must not be advanced from
-// two threads at once.
+// Iterator copies share one position through a shared pointer, so copies may
+// die on different threads, but one position must not be advanced from two
+// threads at once.
 #ifndef PROVIDERS_FIPROVLIB_VOLUMEITERATOR_VOLUMEITERATOR_H_
 #define PROVIDERS_FIPROVLIB_VOLUMEITERATOR_VOLUMEITERATOR_H_
 
+#include <memory>
 #include <string>
 
 struct VolumeIteratorState;
@@ -21,10 +22,6 @@ class VolumeIterator {
     static VolumeIterator begin();
     static VolumeIterator end();
 
-    VolumeIterator(const VolumeIterator& other);
-    VolumeIterator& operator=(const VolumeIterator& other);
-    ~VolumeIterator();
-
     std::u16string operator*() const;
     VolumeIterator& operator++();    // throws os::DWORD
     std::u16string operator++(int);  // the name before advancing; throws os::DWORD
@@ -33,8 +30,8 @@ class VolumeIterator {
     bool operator!=(const VolumeIterator& other) const { return !(*this == other); }
 
   private:
-    explicit VolumeIterator(VolumeIteratorState* state);
-    VolumeIteratorState* state_;
+    explicit VolumeIterator(std::shared_ptr<VolumeIteratorState> state);
+    std::shared_ptr<VolumeIteratorState> state_;
 };
 
 class MountPointIterator {
@@ -44,10 +41,6 @@ class MountPointIterator {
     static MountPointIterator begin(const std::u16string& volumeName);
     static MountPointIterator end();
 
-    MountPointIterator(const MountPointIterator& other);
-    MountPointIterator& operator=(const MountPointIterator& other);
-    ~MountPointIterator();
-
     // The mount point relative to the volume root, ending in a backslash.
     std::u16string operator*() const;
     MountPointIterator& operator++();  // throws os::DWORD
@@ -55,8 +48,8 @@ class MountPointIterator {
     bool operator!=(const MountPointIterator& other) const { return !(*this == other); }
 
   private:
-    explicit MountPointIterator(MountPointIteratorState* state);
-    MountPointIteratorState* state_;
+    explicit MountPointIterator(std::shared_ptr<MountPointIteratorState> state);
+    std::shared_ptr<MountPointIteratorState> state_;
 };
 
 // True when the operating system's major version is above 4.
