@@ -1,9 +1,10 @@
 // One cache placement on generated machines of 10, 100 and 1,000 volumes for
 // 1, 8 and 64 targets, with nothing preferred, so the fallback examines every
-// volume of the machine. Besides the time, the counter "freeSpaceQueries"
-// gives the GetDiskFreeSpaceExW calls of one placement: two per comparison of
-// the free-space order (queried afresh every time) plus one per target for
-// its maximum size.
+// volume of the machine. Besides the time, the counters give the machine-layer
+// calls of one placement by function ("GetDiskFreeSpaceExW": two per
+// comparison of the free-space order, queried afresh every time, plus one per
+// target for its maximum size), their sum "calls", and "per_call", the
+// placement's time divided among them.
 //
 // The first volumes are the targets; a machine needs more volumes than
 // targets, so 64 targets run only on the larger machines.
@@ -18,6 +19,7 @@
 #include "os/handle.h"
 #include "os/sync.h"
 #include "sim/hooks.h"
+#include "support/call_counts.h"
 #include "support/temp_machine.h"
 
 namespace {
@@ -57,21 +59,25 @@ void BM_PlaceCacheFiles(benchmark::State& state) {
     CacheFileHints hints;
     hints.maxCacheFileSizePct = 10;
 
-    std::uint64_t queries = 0;
-    for (auto _ : state) {
+    const auto place = [&] {
         std::vector<std::u16string> paths;
         std::vector<CacheFileSizes> sizes;
-        const std::uint64_t before = sim::callCount("GetDiskFreeSpaceExW");
-        const bool placed = placeCacheFiles(mutex.get(), targets, hints, paths, sizes);
-        queries += sim::callCount("GetDiskFreeSpaceExW") - before;
-        if (!placed || paths.size() != targets.size()) {
-            state.SkipWithError("placement failed");
-            break;
-        }
-        benchmark::DoNotOptimize(paths.data());
+        return placeCacheFiles(mutex.get(), targets, hints, paths, sizes) &&
+               paths.size() == targets.size();
+    };
+    bool placed = false;
+    // The calls are counted on a placement of their own: the counters stay
+    // out of the timed ones.
+    const benchsupport::CallCounts counts =
+        benchsupport::countCalls([&] { placed = place(); });
+    if (!placed) {
+        state.SkipWithError("placement failed");
+        return;
     }
-    state.counters["freeSpaceQueries"] =
-        benchmark::Counter(static_cast<double>(queries), benchmark::Counter::kAvgIterations);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(place());
+    }
+    benchsupport::reportCalls(state, counts);
 }
 
 void placementArguments(benchmark::internal::Benchmark* benchmark) {

@@ -2,6 +2,10 @@
 // generated machines. Each benchmark reports "per_volume", the time spent per
 // volume of the machine; on a machine ten times larger it should stay about
 // the same, since cache placement walks every volume.
+//
+// BM_Call/<name>: each machine call the plug-in makes, on its own, on a
+// machine of 1,000 volumes, asking about its last volumes where that matters,
+// so that a regression shows up per call.
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -9,13 +13,22 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "os/error.h"
+#include "os/file.h"
+#include "os/handle.h"
+#include "os/module.h"
+#include "os/sync.h"
+#include "os/time.h"
+#include "os/version.h"
 #include "os/volume.h"
+#include "sim/hooks.h"
 #include "sim/machine.h"
 
 namespace {
@@ -154,6 +167,140 @@ void BM_FreeSpace(benchmark::State& state) {
     }
     reportPerVolume(state);
 }
+
+std::u16string wide(const std::string& text) {
+    return std::u16string(text.begin(), text.end());
+}
+
+// One machine call (or the pair that opens and closes a search).
+struct Call {
+    const char* name;
+    std::function<void()> run;
+};
+
+std::vector<Call> machineCalls() {
+    // Volume 999 is mounted at C:\mnt\v999\; volume 1000 has no path.
+    static const std::u16string lastGuid = u"\\\\?\\Volume" + wide(guidText(1000)) + u"\\";
+    static const std::u16string mountedGuid = u"\\\\?\\Volume" + wide(guidText(999)) + u"\\";
+    static const std::u16string cGuid = u"\\\\?\\Volume" + wide(guidText(1)) + u"\\";
+    static const std::u16string belowGuid = cGuid + u"mnt\\v999\\";
+    static os::CRITICAL_SECTION section;
+    static const bool sectionReady = os::InitializeCriticalSectionAndSpinCount(&section, 4000);
+    (void)sectionReady;
+    return {
+        {"GetVersionExW",
+         [] {
+             os::OSVERSIONINFOW version{};
+             version.dwOSVersionInfoSize = sizeof(version);
+             benchmark::DoNotOptimize(os::GetVersionExW(&version));
+         }},
+        {"GetModuleHandleW", [] { benchmark::DoNotOptimize(os::GetModuleHandleW(u"kernel32.dll")); }},
+        {"GetProcAddress",
+         [] {
+             static const os::HMODULE kernel32 = os::GetModuleHandleW(u"kernel32.dll");
+             benchmark::DoNotOptimize(
+                 os::GetProcAddress(kernel32, "GetVolumeNameForVolumeMountPointW"));
+         }},
+        {"FindFirstVolumeW+FindVolumeClose",
+         [] {
+             char16_t name[50];
+             os::FindVolumeClose(os::FindFirstVolumeW(name, 50));
+         }},
+        {"FindNextVolumeW",
+         [] {
+             static os::HANDLE find = os::INVALID_HANDLE_VALUE;
+             char16_t name[50];
+             if (find == os::INVALID_HANDLE_VALUE || !os::FindNextVolumeW(find, name, 50)) {
+                 if (find != os::INVALID_HANDLE_VALUE) {
+                     os::FindVolumeClose(find);
+                 }
+                 find = os::FindFirstVolumeW(name, 50);
+             }
+         }},
+        {"FindFirstVolumeMountPointW+FindVolumeMountPointClose",
+         [] {
+             char16_t mountPoint[os::MAX_PATH];
+             os::FindVolumeMountPointClose(
+                 os::FindFirstVolumeMountPointW(cGuid.c_str(), mountPoint, os::MAX_PATH));
+         }},
+        {"GetVolumeNameForVolumeMountPointW/DriveRoot",
+         [] {
+             char16_t name[50];
+             benchmark::DoNotOptimize(os::GetVolumeNameForVolumeMountPointW(u"Z:\\", name, 50));
+         }},
+        {"GetVolumeNameForVolumeMountPointW/BelowGuid",
+         [] {
+             char16_t name[50];
+             benchmark::DoNotOptimize(
+                 os::GetVolumeNameForVolumeMountPointW(belowGuid.c_str(), name, 50));
+         }},
+        {"GetVolumePathNameW",
+         [] {
+             char16_t path[os::MAX_PATH];
+             benchmark::DoNotOptimize(
+                 os::GetVolumePathNameW(u"C:\\mnt\\v999\\file", path, os::MAX_PATH));
+         }},
+        {"GetLogicalDriveStringsW",
+         [] {
+             char16_t drives[128];
+             benchmark::DoNotOptimize(os::GetLogicalDriveStringsW(128, drives));
+         }},
+        {"GetDriveTypeW", [] { benchmark::DoNotOptimize(os::GetDriveTypeW(lastGuid.c_str())); }},
+        {"GetVolumeInformationW",
+         [] {
+             char16_t fileSystem[32];
+             benchmark::DoNotOptimize(os::GetVolumeInformationW(
+                 lastGuid.c_str(), nullptr, 0, nullptr, nullptr, nullptr, fileSystem, 32));
+         }},
+        {"GetDiskFreeSpaceExW",
+         [] {
+             os::ULARGE_INTEGER free{};
+             benchmark::DoNotOptimize(
+                 os::GetDiskFreeSpaceExW(mountedGuid.c_str(), nullptr, nullptr, &free));
+         }},
+        {"GetFileAttributesW",
+         [] { benchmark::DoNotOptimize(os::GetFileAttributesW(u"C:\\mnt\\v999\\")); }},
+        {"WaitForSingleObject+ReleaseMutex",
+         [] {
+             static const os::HANDLE mutex = os::CreateMutexW(nullptr, os::FALSE, nullptr);
+             os::WaitForSingleObject(mutex, 0);
+             os::ReleaseMutex(mutex);
+         }},
+        {"EnterCriticalSection+LeaveCriticalSection",
+         [] {
+             os::EnterCriticalSection(&section);
+             os::LeaveCriticalSection(&section);
+         }},
+        {"GetTickCount64", [] { benchmark::DoNotOptimize(os::GetTickCount64()); }},
+        {"GetSystemTime",
+         [] {
+             os::SYSTEMTIME time{};
+             os::GetSystemTime(&time);
+             benchmark::DoNotOptimize(time);
+         }},
+        {"SetLastError+GetLastError",
+         [] {
+             os::SetLastError(5);
+             benchmark::DoNotOptimize(os::GetLastError());
+         }},
+    };
+}
+
+void BM_Call(benchmark::State& state, const Call& call) {
+    GeneratedMachine machine(1000);
+    call.run();
+    for (auto _ : state) {
+        call.run();
+    }
+}
+
+// Registered at start-up, one benchmark per row.
+const bool kCallsRegistered = [] {
+    for (const Call& call : machineCalls()) {
+        benchmark::RegisterBenchmark((std::string("BM_Call/") + call.name).c_str(), BM_Call, call);
+    }
+    return true;
+}();
 
 BENCHMARK(BM_EnumerateVolumes)->Arg(10)->Arg(100)->Arg(1000);
 BENCHMARK(BM_EnumerateMountPoints)->Arg(10)->Arg(100)->Arg(1000);
