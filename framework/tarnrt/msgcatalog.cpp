@@ -37,24 +37,24 @@ std::string catalogueRoot() {
 // Opens `locale` of the bundle directory `path`, falling back along the
 // locale's parents to root. ICU would otherwise try the process's default
 // locale before root, so a catalogue's language would depend on the
-// environment the host runs in.
+// environment the host runs in. A name ICU cannot take as a locale at all
+// (longer than a locale id may be, for one) has no bundle either: root.
 UResourceBundle* openBundle(const std::string& path, const char* locale) {
     UErrorCode status = U_ZERO_ERROR;
     UResourceBundle* bundle = ures_open(path.c_str(), locale, &status);
-    if (U_FAILURE(status)) {
-        return nullptr;
-    }
-    if (status != U_USING_DEFAULT_WARNING) {
+    if (U_SUCCESS(status) && status != U_USING_DEFAULT_WARNING) {
         return bundle;
     }
-    // Nothing of the requested locale exists: make sure this is root and not
-    // the default locale.
-    UErrorCode localeStatus = U_ZERO_ERROR;
-    const char* actual = ures_getLocaleByType(bundle, ULOC_ACTUAL_LOCALE, &localeStatus);
-    if (U_SUCCESS(localeStatus) && actual != nullptr && std::strcmp(actual, "root") == 0) {
-        return bundle;
+    if (U_SUCCESS(status)) {
+        // Nothing of the requested locale exists: make sure this is root and
+        // not the default locale.
+        UErrorCode localeStatus = U_ZERO_ERROR;
+        const char* actual = ures_getLocaleByType(bundle, ULOC_ACTUAL_LOCALE, &localeStatus);
+        if (U_SUCCESS(localeStatus) && actual != nullptr && std::strcmp(actual, "root") == 0) {
+            return bundle;
+        }
+        ures_close(bundle);
     }
-    ures_close(bundle);
     status = U_ZERO_ERROR;
     bundle = ures_openDirect(path.c_str(), "root", &status);
     if (U_FAILURE(status)) {
@@ -74,6 +74,13 @@ tarp_IcuMsgCatalog::tarp_IcuMsgCatalog(const char* catalogName, const char* loca
     // rather than as a package name.
     std::string path = catalogueRoot() + "/" + catalogName + "/";
     const char* locale = localeName == nullptr || localeName[0] == '\0' ? "root" : localeName;
+    // ICU makes the bundle's file name from the locale as given, so a name
+    // with a path separator ("../libfikiv/de", "/tmp/x") would open a file
+    // outside the catalogue. No locale id contains one: such a name has no
+    // bundle, and the catalogue is root.
+    if (std::strpbrk(locale, "/\\") != nullptr) {
+        locale = "root";
+    }
     bundle_ = openBundle(path, locale);
 }
 

@@ -76,6 +76,7 @@ class ScopedDefaultLocale {
 };
 
 TEST(MsgCatalogTest, FormatsDriverFailureInRootAndLocales) {
+    const std::string tooLong = "de_" + std::string(300, 'A');
     struct Row {
         const char* name;
         const char* locale;
@@ -88,6 +89,13 @@ TEST(MsgCatalogTest, FormatsDriverFailureInRootAndLocales) {
         {"GermanRegionFallsBackToGerman", "de_AT",
          u"Der Aufruf KIV_Open des Snapshot-Treibers ist für C:\\ mit Status 5 fehlgeschlagen."},
         {"UnknownLocaleFallsBackToRoot", "fr",
+         u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+        {"NameTooLongForALocaleFallsBackToRoot", tooLong.c_str(),
+         u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+        // A path in the name would open a bundle file outside the catalogue.
+        {"NameWithAPathIsNotFollowed", "../libfikiv/de",
+         u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+        {"NameWithSlashesIsNotALocale", "//de",
          u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
     };
     for (const Row& row : rows) {
