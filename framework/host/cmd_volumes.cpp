@@ -131,10 +131,7 @@ class DriverLibrary {
         if (open_ == nullptr || close_ == nullptr || information_ == nullptr) {
             return false;
         }
-        std::string name = host::toUtf8(volumeName);
-        if (!name.empty() && name.back() == '\\') {
-            name.pop_back();
-        }
+        const std::string name = host::toUtf8(sim::withoutTrailingBackslashes(volumeName));
         std::uint64_t handle = ~std::uint64_t{0};
         if (open_(name.c_str(), 3, 128, 3, 1000, &handle) != 0 || handle == 0 ||
             handle == ~std::uint64_t{0}) {
