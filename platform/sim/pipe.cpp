@@ -53,6 +53,7 @@
 #include "sim/handles.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
+#include "sim/pipe_client.h"
 #include "sim/text.h"
 
 namespace sim {
@@ -341,6 +342,18 @@ class PipeInstance final : public HandleObject {
         pendingOffset_ = 0;
     }
 
+    // The connected client's process, user and group ids. 0 or an errno value.
+    int clientCredentials(ucred* credentials) const {
+        if (!connected()) {
+            return ENOTCONN;
+        }
+        socklen_t size = sizeof(*credentials);
+        if (getsockopt(clientFd_, SOL_SOCKET, SO_PEERCRED, credentials, &size) != 0) {
+            return errno;
+        }
+        return 0;
+    }
+
     BOOL read(void* buffer, DWORD size, DWORD* bytesRead) {
         if (!connected()) {
             return fail(os::ERROR_PIPE_NOT_CONNECTED, os::FALSE);
@@ -488,6 +501,21 @@ os::BOOL writePipeMessage(os::HANDLE handle, const void* buffer, os::DWORD size,
     return instance->write(buffer, size, bytesWritten);
 }
 
+os::DWORD getPipeClientCredentials(os::HANDLE pipe, PipeClientCredentials* credentials) {
+    auto* instance = lookupHandleAs<PipeInstance>(pipe);
+    if (instance == nullptr) {
+        return os::ERROR_INVALID_HANDLE;
+    }
+    ucred peer{};
+    if (int error = instance->clientCredentials(&peer); error != 0) {
+        return error == ENOTCONN ? os::ERROR_PIPE_NOT_CONNECTED : win32FromErrno(error);
+    }
+    if (credentials != nullptr) {
+        *credentials = {peer.pid, peer.uid, peer.gid};
+    }
+    return 0;
+}
+
 }  // namespace sim
 
 namespace os {
@@ -622,6 +650,22 @@ BOOL DisconnectNamedPipe(HANDLE namedPipe) {
         return sim::fail(ERROR_PIPE_NOT_CONNECTED, FALSE);
     }
     instance->disconnect();
+    return TRUE;
+}
+
+BOOL GetNamedPipeClientProcessId(HANDLE pipe, ULONG* clientProcessId) {
+    DWORD error = 0;
+    if (sim::takeFault("GetNamedPipeClientProcessId", &error)) {
+        return sim::fail(error, FALSE);
+    }
+    if (clientProcessId == nullptr) {
+        return sim::fail(ERROR_INVALID_PARAMETER, FALSE);
+    }
+    sim::PipeClientCredentials client;
+    if (DWORD failed = sim::getPipeClientCredentials(pipe, &client); failed != 0) {
+        return sim::fail(failed, FALSE);
+    }
+    *clientProcessId = static_cast<ULONG>(client.processId);
     return TRUE;
 }
 

@@ -51,6 +51,11 @@ BOOL ConnectNamedPipe(HANDLE namedPipe, LPVOID overlapped);
 // client's unread data is dropped. FALSE with ERROR_PIPE_NOT_CONNECTED when no
 // client is connected.
 BOOL DisconnectNamedPipe(HANDLE namedPipe);
+// The process id of the client connected to a server instance, as the system
+// saw it when the client connected. FALSE with ERROR_INVALID_HANDLE for a
+// handle that is not a pipe instance, ERROR_PIPE_NOT_CONNECTED when no client
+// is connected.
+BOOL GetNamedPipeClientProcessId(HANDLE pipe, ULONG* clientProcessId);
 
 }  // namespace os
 

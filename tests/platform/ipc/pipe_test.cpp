@@ -18,6 +18,7 @@
 #include "os/file.h"
 #include "os/handle.h"
 #include "os/pipe.h"
+#include "sim/pipe_client.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
@@ -98,6 +99,18 @@ FIKIV_CHILD_ROLE(pipeHoldUntilKilled) {
     for (;;) {
         pause();
     }
+}
+
+// Sends one request to the pipe and exits 0 when a reply came.
+FIKIV_CHILD_ROLE(pipeClient) {
+    std::u16string name = wide(arguments.at(0));
+    unsigned char request[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    unsigned char reply[8];
+    os::DWORD got = 0;
+    return os::CallNamedPipeW(name.c_str(), request, sizeof(request), reply, sizeof(reply), &got,
+                              os::NMPWAIT_WAIT_FOREVER) == os::TRUE
+               ? 0
+               : 1;
 }
 
 class PipeTest : public ::testing::Test {
@@ -409,6 +422,40 @@ TEST_F(PipeTest, KilledServerLeavesTheNameFree) {
     EXPECT_EQ(call(name, pattern(4, 0), 4).error, os::ERROR_FILE_NOT_FOUND);
     os::UniqueHandle pipe(createPipe(name));
     EXPECT_TRUE(pipe.valid()) << "error " << os::GetLastError();
+}
+
+TEST_F(PipeTest, ServerLearnsWhichProcessAndUserItServes) {
+    std::u16string name = pipeName("fikiv_pipe_peer");
+    os::UniqueHandle pipe(createPipe(name));
+    ASSERT_TRUE(pipe.valid());
+
+    os::ULONG processId = 0xdeadbeef;
+    sim::PipeClientCredentials credentials;
+    EXPECT_EQ(os::GetNamedPipeClientProcessId(pipe.get(), &processId), os::FALSE);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
+    EXPECT_EQ(sim::getPipeClientCredentials(pipe.get(), &credentials),
+              os::ERROR_PIPE_NOT_CONNECTED);
+    EXPECT_EQ(os::GetNamedPipeClientProcessId(reinterpret_cast<os::HANDLE>(0x7ffffff0), &processId),
+              os::FALSE);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+
+    pid_t client = testsupport::startChild("pipeClient", {std::string(name.begin(), name.end())});
+    ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
+    ASSERT_EQ(os::GetNamedPipeClientProcessId(pipe.get(), &processId), os::TRUE);
+    EXPECT_EQ(processId, static_cast<os::ULONG>(client));
+    ASSERT_EQ(sim::getPipeClientCredentials(pipe.get(), &credentials), 0u);
+    EXPECT_EQ(credentials.processId, client);
+    EXPECT_EQ(credentials.userId, getuid());
+    EXPECT_EQ(credentials.groupId, getgid());
+
+    unsigned char request[8];
+    os::DWORD got = 0;
+    ASSERT_EQ(serverRead(pipe.get(), request, sizeof(request), &got), os::TRUE);
+    ASSERT_EQ(serverWrite(pipe.get(), request, got, &got), os::TRUE);
+    EXPECT_EQ(testsupport::waitChild(client), 0);
+    ASSERT_EQ(os::DisconnectNamedPipe(pipe.get()), os::TRUE);
+    EXPECT_EQ(os::GetNamedPipeClientProcessId(pipe.get(), &processId), os::FALSE);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
 }
 
 }  // namespace
