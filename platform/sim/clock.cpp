@@ -8,6 +8,7 @@
 #include "os/time.h"
 #include "os_call.h"
 #include "sim/hooks.h"
+#include "sim/observer.h"
 
 namespace sim {
 
@@ -99,6 +100,7 @@ ULONGLONG GetTickCount64() {
 void Sleep(DWORD milliseconds) {
     // Sleep cannot fail; a fault registered for it only counts the call.
     sim::faultOnEntry<"Sleep">(nullptr);
+    sim::notifySleep(milliseconds);
     if (sim::virtualClockOn()) {
         sim::recordSleep(milliseconds);
         return;

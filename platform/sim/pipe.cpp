@@ -53,6 +53,7 @@
 #include "sim/handles.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
+#include "sim/observer.h"
 #include "sim/pipe_client.h"
 #include "sim/text.h"
 
@@ -522,6 +523,7 @@ namespace os {
 
 BOOL CallNamedPipeW(LPCWSTR pipeName, LPVOID inBuffer, DWORD inBufferSize, LPVOID outBuffer,
                     DWORD outBufferSize, DWORD* bytesRead, DWORD timeOut) {
+    sim::PipeExchangeNotice notice(pipeName, inBuffer, inBufferSize, outBuffer);
     DWORD error = 0;
     if (sim::faultOnEntry<"CallNamedPipeW">(&error)) {
         return sim::fail(error, FALSE);
@@ -571,6 +573,7 @@ BOOL CallNamedPipeW(LPCWSTR pipeName, LPVOID inBuffer, DWORD inBufferSize, LPVOI
     if (delivered < reply.size()) {
         return sim::fail(ERROR_MORE_DATA, FALSE);
     }
+    notice.succeeded(delivered);
     return TRUE;
 }
 
