@@ -35,6 +35,11 @@ const std::vector<Command>& commandTable() {
          &configureConfigInfo},
         {"config-set", "Hand the provider a settings document and show what it keeps",
          &configureConfigSet},
+        {"snapshot",
+         "Take a snapshot of volumes through every entry point, hand it to the backup agent "
+         "and dispose of it",
+         &configureSnapshot},
+        {"delete", "Dispose of snapshot volumes that snapshot --keep left", &configureDelete},
     };
     return table;
 }

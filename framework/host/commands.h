@@ -53,6 +53,7 @@ void printMessage(std::ostream& out, const host::HostMessage& message);
 // Exit codes of the subcommands.
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
 
 // One configure function per subcommand file.
 CommandRun configureInit(CLI::App& command);
@@ -60,6 +61,8 @@ CommandRun configureProviders(CLI::App& command);
 CommandRun configureVolumes(CLI::App& command);
 CommandRun configureConfigInfo(CLI::App& command);
 CommandRun configureConfigSet(CLI::App& command);
+CommandRun configureSnapshot(CLI::App& command);
+CommandRun configureDelete(CLI::App& command);
 
 }  // namespace fihost
 

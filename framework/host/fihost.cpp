@@ -26,7 +26,12 @@ int main(int argc, char** argv) {
         runners[i] = table[i].configure(*subcommands[i]);
     }
 
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // Help and version requests exit 0; every other parse failure is a usage error.
+        return app.exit(error) == 0 ? fihost::kExitOk : fihost::kExitUsage;
+    }
 
     for (std::size_t i = 0; i < table.size(); ++i) {
         if (subcommands[i]->parsed()) {

@@ -1,0 +1,432 @@
+// Whole snapshots across processes: this test program is the framework host
+// (the plug-in and its driver loaded into it through the host library), a
+// real kivagent process holds the snapshot volumes' handles, and the driver's
+// state is shared through the machine's state directory. Some tests run the
+// fihost program itself, as a user does, two at once.
+//
+// Every wait of the plug-in here is a real 1000 ms wait: across processes the
+// clock is real. Each test ends by checking that nothing is left: no snapshot
+// in the driver, no cache file on any volume, no handle in the agent, no
+// descriptor in the host.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "host/agent_process.h"
+#include "host/host_context.h"
+#include "host/plugin_host.h"
+#include "host/snapshot_run.h"
+#include "sim/hooks.h"
+#include "support/child_process.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using host::ProgressEvent;
+using host::WaitReason;
+using testsupport::TempMachine;
+
+constexpr std::uint64_t kGiB = 1ull << 30;
+
+// C: and F: to snapshot; E: has the most free space and takes the caches.
+nlohmann::json e2eMachine(nlohmann::json faults = nlohmann::json::array()) {
+    return {
+        {"volumes", nlohmann::json::array({
+                        TempMachine::volume(1, {"C:\\"}, "fixed", "NTFS", 100 * kGiB, 40 * kGiB),
+                        TempMachine::volume(2, {"E:\\"}, "fixed", "NTFS", 400 * kGiB, 300 * kGiB),
+                        TempMachine::volume(3, {"F:\\"}, "fixed", "NTFS", 50 * kGiB, 20 * kGiB),
+                    })},
+        {"faults", std::move(faults)}};
+}
+
+std::string readFile(const fs::path& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+struct Run {
+    int exitCode = -1;
+    std::string output;
+};
+
+// Runs a command line through the shell; stdout and stderr together.
+Run runCommand(const std::string& command) {
+    Run run;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    if (pipe == nullptr) {
+        return run;
+    }
+    char buffer[1024];
+    std::size_t read = 0;
+    while ((read = fread(buffer, 1, sizeof(buffer), pipe)) > 0) {
+        run.output.append(buffer, read);
+    }
+    int status = pclose(pipe);
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return run;
+}
+
+std::size_t openDescriptors() {
+    std::size_t count = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+        ++count;
+    }
+    return count;
+}
+
+// Cache files anywhere under the machine's directory (every volume's files
+// live there).
+std::vector<std::string> cacheFiles(const fs::path& machineDirectory) {
+    std::vector<std::string> found;
+    for (const auto& entry : fs::recursive_directory_iterator(machineDirectory)) {
+        if (entry.path().filename().string().starts_with("_tarnKivCacheFile_")) {
+            found.push_back(entry.path().string());
+        }
+    }
+    return found;
+}
+
+// The snapshot sets the driver holds for the machine.
+std::size_t driverSets(const fs::path& machineDirectory) {
+    fs::path state = machineDirectory / "machine.state" / "driver" / "state.json";
+    if (!fs::exists(state)) {
+        return 0;
+    }
+    nlohmann::json document = nlohmann::json::parse(readFile(state), nullptr, false);
+    if (document.is_discarded() || !document.contains("sets")) {
+        return 0;
+    }
+    return document["sets"].size();
+}
+
+class SnapshotEndToEndTest : public ::testing::Test {
+  protected:
+    void SetUp() override { machine_.emplace(e2eMachine()); }
+
+    void TearDown() override {
+        run_.reset();
+        plugin_.reset();
+        context_.reset();
+        agent_.reset();
+        machine_.reset();
+    }
+
+    // Starts the host: the plug-in loaded and initialised, a run ready.
+    void startHost() {
+        context_.emplace();
+        plugin_.emplace();
+        host::Status loaded = plugin_->load(FIKIV_PLUGIN_PATH);
+        ASSERT_TRUE(loaded.isOk()) << loaded.toString();
+        tarn_version version{};
+        ASSERT_EQ(plugin_->init(context_->context(), &version), 0);
+        run_.emplace(*plugin_, *context_,
+                     [this](const ProgressEvent& event) { events_.push_back(event); });
+        descriptorsBefore_ = openDescriptors();
+    }
+
+    void startAgent(const std::vector<std::string>& arguments = {}) {
+        agent_.emplace(KIVAGENT_PATH);
+        host::Status started = agent_->start(arguments);
+        ASSERT_TRUE(started.isOk()) << started.toString();
+    }
+
+    std::string agentStatus() const {
+        return runCommand(std::string(KIVAGENT_PATH) + " --status").output;
+    }
+
+    host::Status take(std::vector<std::string> volumes) {
+        host::SnapshotOptions options;
+        options.volumes = std::move(volumes);
+        return run_->take(options);
+    }
+
+    // "request status" of every agent exchange, in order.
+    std::vector<std::string> exchanges() const {
+        std::vector<std::string> seen;
+        for (const ProgressEvent& event : events_) {
+            if (event.kind == ProgressEvent::Kind::kAgentExchange) {
+                seen.push_back(event.request + " " + std::to_string(event.status));
+            }
+        }
+        return seen;
+    }
+
+    // "count/budget" of every wait of one reason, in order.
+    std::vector<std::string> waits(WaitReason reason) const {
+        std::vector<std::string> seen;
+        for (const ProgressEvent& event : events_) {
+            if (event.kind == ProgressEvent::Kind::kWait && event.reason == reason) {
+                seen.push_back(std::to_string(event.count) + "/" + std::to_string(event.budget));
+            }
+        }
+        return seen;
+    }
+
+    std::vector<std::string> snapshotNames() const {
+        std::vector<std::string> names;
+        for (const host::SnapshotVolume& volume : run_->volumes()) {
+            names.push_back(volume.snapshotName);
+        }
+        return names;
+    }
+
+    // Disposes, detaches, and checks that nothing is left anywhere.
+    void disposeAndExpectNothingLeft() {
+        std::vector<std::string> names = snapshotNames();
+        host::Status disposed = run_->dispose();
+        EXPECT_TRUE(disposed.isOk()) << disposed.toString();
+        run_->deInit();
+        EXPECT_EQ(openDescriptors(), descriptorsBefore_) << "the host leaked descriptors";
+        expectNothingLeft(names);
+    }
+
+    void expectNothingLeft(const std::vector<std::string>& names) {
+        fs::path directory = machine_->directory();
+        EXPECT_EQ(driverSets(directory), 0u)
+            << readFile(directory / "machine.state" / "driver" / "state.json");
+        EXPECT_EQ(cacheFiles(directory), std::vector<std::string>{});
+        if (agent_.has_value()) {
+            std::string status = agentStatus();
+            for (const std::string& name : names) {
+                EXPECT_EQ(status.find(name), std::string::npos)
+                    << "the agent still holds " << name << ":\n"
+                    << status;
+            }
+        }
+    }
+
+    std::optional<TempMachine> machine_;
+    std::optional<host::AgentProcess> agent_;
+    std::optional<host::HostContext> context_;
+    std::optional<host::PluginHost> plugin_;
+    std::optional<host::SnapshotRun> run_;
+    std::vector<ProgressEvent> events_;
+    std::size_t descriptorsBefore_ = 0;
+};
+
+TEST_F(SnapshotEndToEndTest, TwoVolumesThroughEveryEntryPoint) {
+    startAgent();
+    startHost();
+    host::Status taken = take({"C:", "F:"});
+    ASSERT_TRUE(taken.isOk()) << taken.toString();
+
+    ASSERT_EQ(run_->volumes().size(), 2u);
+    for (const host::SnapshotVolume& volume : run_->volumes()) {
+        SCOPED_TRACE(volume.source);
+        EXPECT_TRUE(volume.objectName.starts_with("<kiv>\\\\?\\Volume{")) << volume.objectName;
+        EXPECT_FALSE(volume.snapshotName.empty());
+        EXPECT_TRUE(volume.cacheFile.starts_with("E:\\_tarnKivCacheFile_")) << volume.cacheFile;
+        EXPECT_GT(volume.maximumCacheMb, 0u);
+    }
+    EXPECT_NE(run_->volumes()[0].snapshotName, run_->volumes()[1].snapshotName);
+    EXPECT_NE(run_->volumes()[0].cacheFile, run_->volumes()[1].cacheFile);
+    // While the snapshot exists the driver, the volumes and the agent all show it.
+    EXPECT_EQ(driverSets(machine_->directory()), 1u);
+    EXPECT_EQ(cacheFiles(machine_->directory()).size(), 2u);
+    std::string holding = agentStatus();
+    for (const std::string& name : snapshotNames()) {
+        EXPECT_NE(holding.find(name), std::string::npos) << holding;
+    }
+
+    disposeAndExpectNothingLeft();
+    // The provider opened each snapshot volume itself: no retrieve.
+    EXPECT_EQ(exchanges(),
+              (std::vector<std::string>{"register 0", "register 0", "release 0", "release 0"}));
+    EXPECT_EQ(waits(WaitReason::kAfterAgentAnswer).size(), 4u);
+}
+
+TEST_F(SnapshotEndToEndTest, DisposeTakesTheAgentsHandleWhenTheProviderCannotOpenTheVolume) {
+    startAgent();
+    startHost();
+    host::Status taken = take({"C:", "F:"});
+    ASSERT_TRUE(taken.isOk()) << taken.toString();
+    // The provider's own open of each snapshot volume fails; it must retrieve
+    // the agent's handle and duplicate it out of the agent's process.
+    sim::injectFault("KIV_Open", 5 /*ERROR_ACCESS_DENIED*/, 0, 2);
+    disposeAndExpectNothingLeft();
+    EXPECT_EQ(exchanges(), (std::vector<std::string>{"register 0", "register 0", "retrieve 0",
+                                                     "release 0", "retrieve 0", "release 0"}));
+}
+
+TEST_F(SnapshotEndToEndTest, AgentBusyThreeTimesCostsThreeRetries) {
+    startAgent({"--busy", "3"});
+    startHost();
+    host::Status taken = take({"C:"});
+    ASSERT_TRUE(taken.isOk()) << taken.toString();
+    EXPECT_EQ(waits(WaitReason::kAgentBusy), (std::vector<std::string>{"1/30", "2/30", "3/30"}));
+    disposeAndExpectNothingLeft();
+    EXPECT_EQ(exchanges(), (std::vector<std::string>{"register 231", "register 231", "register 231",
+                                                     "register 0", "release 0"}));
+}
+
+TEST_F(SnapshotEndToEndTest, AgentAbsentIsReportedAndTheSnapshotStillGoes) {
+    startHost();
+    host::Status taken = take({"C:"});
+    ASSERT_TRUE(taken.isOk()) << taken.toString();
+    bool reported = false;
+    for (const ProgressEvent& event : events_) {
+        reported = reported || (event.kind == ProgressEvent::Kind::kMessage &&
+                                event.text.find("KIV_ORB_Registervolume") != std::string::npos);
+    }
+    EXPECT_TRUE(reported) << "make did not report the failed registration";
+    disposeAndExpectNothingLeft();
+    // No pipe, no waits: each request fails at once with "file not found".
+    EXPECT_EQ(exchanges(), (std::vector<std::string>{"register 2", "release 2"}));
+    EXPECT_TRUE(waits(WaitReason::kAfterAgentAnswer).empty());
+}
+
+TEST_F(SnapshotEndToEndTest, DestroyAnsweringBusyThreeTimesIsRetried) {
+    startAgent();
+    startHost();
+    host::Status taken = take({"C:"});
+    ASSERT_TRUE(taken.isOk()) << taken.toString();
+    sim::injectFault("KIV_Destroy", 5, 0, 3);
+    disposeAndExpectNothingLeft();
+    EXPECT_EQ(waits(WaitReason::kDriverBusy),
+              (std::vector<std::string>{"1/100", "2/100", "3/100"}));
+}
+
+// Two hosts at once on different volumes, each picking the cache file name
+// _tarnKivCacheFile_0 on E: (each process counts from 0). The second host
+// only notices the first one's file when the first has already prepared; so
+// that both really pick the same name, the second one's look for existing
+// files is made to fail. The driver then refuses the second prepare.
+FIKIV_CHILD_ROLE(hostKeepingUntilReleased) {
+    host::HostContext context;
+    host::PluginHost plugin;
+    if (!plugin.load(FIKIV_PLUGIN_PATH).isOk()) {
+        return 10;
+    }
+    tarn_version version{};
+    plugin.init(context.context(), &version);
+    int result = 0;
+    {
+        host::SnapshotRun run(plugin, context, nullptr);
+        host::SnapshotOptions options;
+        options.volumes = {arguments.at(0)};
+        host::Status taken = run.take(options);
+        std::ofstream(arguments.at(1)) << (taken.isOk() ? run.volumes()[0].cacheFile : "failed");
+        if (!taken.isOk()) {
+            return 11;
+        }
+        while (!fs::exists(arguments.at(2))) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        result = run.dispose().isOk() ? 0 : 12;
+    }
+    return result;
+}
+
+TEST_F(SnapshotEndToEndTest, TwoHostsPickingTheSameCacheFileNameTheDriverRefusesTheSecond) {
+    startAgent();
+    fs::path made = machine_->directory() / "first.made";
+    fs::path release = machine_->directory() / "first.release";
+    pid_t first = testsupport::startChild("hostKeepingUntilReleased",
+                                          {"C:", made.string(), release.string()});
+    while (!fs::exists(made)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::string firstCache = readFile(made);
+
+    sim::injectFault("FindFirstFileW", 2 /*ERROR_FILE_NOT_FOUND*/, 0, sim::kAlways);
+    startHost();
+    host::Status second = take({"F:"});
+    sim::clearFaults();
+    std::ofstream(release) << "go";
+    EXPECT_EQ(testsupport::waitChild(first), 0);
+
+    std::string refusal;
+    for (const std::string& text : run_->failureTexts()) {
+        refusal += "    " + text + "\n";
+    }
+    std::printf(
+        "first host: snapshot of C: with cache file %s\n"
+        "second host, same cache file name: %s\n%s",
+        firstCache.c_str(), second.toString().c_str(), refusal.c_str());
+    EXPECT_TRUE(firstCache.starts_with("E:\\_tarnKivCacheFile_0")) << firstCache;
+    EXPECT_FALSE(second.isOk());
+    EXPECT_NE(refusal.find("KIV_Prepare"), std::string::npos) << refusal;
+    run_->deInit();
+    EXPECT_EQ(openDescriptors(), descriptorsBefore_);
+    expectNothingLeft({});
+}
+
+// fihost itself: starts an agent when none answers and stops it at the end;
+// two of them at once on different volumes of one machine.
+TEST_F(SnapshotEndToEndTest, TwoFihostProcessesAtOnce) {
+    std::string plugin = std::string(" --plugin ") + FIKIV_PLUGIN_PATH;
+    std::string agent = std::string(" --agent ") + KIVAGENT_PATH;
+    // One agent for both, started by the first fihost, would be stopped while
+    // the second still needs it: start one for the machine here.
+    startAgent();
+    std::optional<Run> first;
+    std::thread other([&] { first = runCommand(FIHOST_PATH + plugin + " snapshot C:" + agent); });
+    Run second = runCommand(FIHOST_PATH + plugin + " snapshot F:" + agent);
+    other.join();
+    std::printf("fihost snapshot C: exit %d\n%s\nfihost snapshot F: exit %d\n%s\n", first->exitCode,
+                first->output.c_str(), second.exitCode, second.output.c_str());
+    // Each may have picked _tarnKivCacheFile_0: then one prepare is refused.
+    bool bothTaken = first->exitCode == 0 && second.exitCode == 0;
+    bool oneRefused = (first->exitCode == 1) != (second.exitCode == 1) &&
+                      (first->output + second.output).find("KIV_Prepare") != std::string::npos;
+    EXPECT_TRUE(bothTaken || oneRefused);
+    std::printf("outcome: %s\n", bothTaken ? "both snapshots taken with different cache files"
+                                           : "the driver refused one host's prepare");
+    expectNothingLeft({});
+}
+
+TEST_F(SnapshotEndToEndTest, FihostStartsAndStopsAnAgentWhenNoneAnswers) {
+    std::string command = std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH +
+                          " snapshot C: --agent " + KIVAGENT_PATH + " --exclude F: --cache-dir kiv";
+    Run run = runCommand(command);
+    EXPECT_EQ(run.exitCode, 0) << run.output;
+    for (const char* shown :
+         {"no backup agent answers; starting", "make: ", "backup agent: register ",
+          "E:\\kiv\\_tarnKivCacheFile_0.KIV", "disposed 1 snapshot volume",
+          "stopped the backup agent it started"}) {
+        EXPECT_NE(run.output.find(shown), std::string::npos) << shown << "\n" << run.output;
+    }
+    EXPECT_NE(runCommand(std::string(KIVAGENT_PATH) + " --status").exitCode, 0)
+        << "the agent fihost started still runs";
+    expectNothingLeft({});
+}
+
+TEST_F(SnapshotEndToEndTest, FihostSaysWhyItFailed) {
+    struct Row {
+        const char* name;
+        const char* arguments;
+        int exitCode;
+        const char* shown;
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"NoVolume",            "snapshot --no-agent",                    2, "volumes"},
+        {"UnknownOption",       "snapshot C: --no-agent --frobnicate",    2, "frobnicate"},
+        {"BlankInCacheDir",     "snapshot C: --no-agent --cache-dir 'a b'", 2, "cache directory"},
+        {"VolumeNotInterposed", "snapshot Z: --no-agent",                 1, "interpose Z:"},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        Run run = runCommand(std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH + " " +
+                             row.arguments);
+        EXPECT_EQ(run.exitCode, row.exitCode) << run.output;
+        EXPECT_NE(run.output.find(row.shown), std::string::npos) << run.output;
+    }
+    expectNothingLeft({});
+}
+
+}  // namespace
