@@ -404,29 +404,4 @@ TEST_F(SnapshotEndToEndTest, FihostStartsAndStopsAnAgentWhenNoneAnswers) {
     expectNothingLeft({});
 }
 
-TEST_F(SnapshotEndToEndTest, FihostSaysWhyItFailed) {
-    struct Row {
-        const char* name;
-        const char* arguments;
-        int exitCode;
-        const char* shown;
-    };
-    // clang-format off
-    const Row rows[] = {
-        {"NoVolume",            "snapshot --no-agent",                    2, "volumes"},
-        {"UnknownOption",       "snapshot C: --no-agent --frobnicate",    2, "frobnicate"},
-        {"BlankInCacheDir",     "snapshot C: --no-agent --cache-dir 'a b'", 2, "cache directory"},
-        {"VolumeNotInterposed", "snapshot Z: --no-agent",                 1, "interpose Z:"},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        Run run = runCommand(std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH + " " +
-                             row.arguments);
-        EXPECT_EQ(run.exitCode, row.exitCode) << run.output;
-        EXPECT_NE(run.output.find(row.shown), std::string::npos) << run.output;
-    }
-    expectNothingLeft({});
-}
-
 }  // namespace

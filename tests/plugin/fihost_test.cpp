@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <string>
 
+#include "support/temp_machine.h"
+
 namespace {
 
 struct RunResult {
@@ -54,6 +56,41 @@ TEST(FihostTest, CommandsAnswerAsAUserExpects) {
         SCOPED_TRACE(row.name);
         RunResult result = runFihost(row.arguments);
         EXPECT_EQ(result.exitCode == 0, row.succeeds) << result.output;
+        EXPECT_NE(result.output.find(row.shown), std::string::npos) << result.output;
+    }
+}
+
+// fihost snapshot refuses what it cannot do before any snapshot exists: usage
+// errors exit 2, a volume the provider does not take exits 1 and says which.
+TEST(FihostTest, SnapshotSaysWhyItRefuses) {
+    using testsupport::TempMachine;
+    TempMachine machine(nlohmann::json{
+        {"volumes",
+         nlohmann::json::array({
+             TempMachine::volume(1, {"C:\\"}),
+             TempMachine::volume(2, {"D:\\"}, "fixed", "NTFS", 100ull << 30, 50ull << 30, 0x4),
+         })}});
+    struct Row {
+        const char* name;
+        const char* arguments;
+        int exitCode;
+        const char* shown;
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"NoVolume",         "snapshot --no-agent",                        2, "volumes is required"},
+        {"UnknownOption",    "snapshot C: --no-agent --frobnicate",        2, "frobnicate"},
+        {"BlankInCacheDir",  "snapshot C: --no-agent --cache-dir 'a b'",   2, "cache directory"},
+        {"CommaInCacheList", "snapshot C: --no-agent --cache-volume E:,F:", 2, "one name"},
+        {"NoSuchVolume",     "snapshot C: Z: --no-agent",                  1, "the provider declined to interpose Z:"},
+        {"DisabledVolume",   "snapshot D: --no-agent",                     1, "KIV_ATTRIBUTE_DISABLED"},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        RunResult result =
+            runFihost(std::string("--plugin ") + FIKIV_PLUGIN_PATH + " " + row.arguments);
+        EXPECT_EQ(result.exitCode, row.exitCode) << result.output;
         EXPECT_NE(result.output.find(row.shown), std::string::npos) << result.output;
     }
 }

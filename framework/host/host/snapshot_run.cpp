@@ -78,6 +78,21 @@ std::string withoutLineEnds(std::string text) {
     return text;
 }
 
+// A log line as a user reads it: without the "<plug-in name>:" and the time
+// stamp "Www Mmm dd yyyy hh:mm:ss.uuuuuu " in front, and without trailing blanks.
+std::string withoutLogPrefix(std::string line) {
+    constexpr std::size_t kTimeStampLength = 31;
+    std::size_t colon = line.find(':');
+    if (colon != std::string::npos && line.size() > colon + 1 + kTimeStampLength + 1 &&
+        line[colon + 1 + kTimeStampLength] == ' ') {
+        line.erase(0, colon + 1 + kTimeStampLength + 1);
+    }
+    while (!line.empty() && (line.back() == ' ' || line.back() == '\n')) {
+        line.pop_back();
+    }
+    return line;
+}
+
 std::uint32_t numberAfter(std::string_view text, std::string_view prefix) {
     std::uint32_t value = 0;
     for (char c : text.substr(prefix.size())) {
@@ -284,7 +299,8 @@ void SnapshotRun::onMessage(const HostMessage& message) {
         return;
     }
     // A catalogue report carries its root wording second; a log line only the first.
-    std::string readable = withoutLineEnds(message.secondText.value_or(text));
+    std::string readable = message.secondText.has_value() ? withoutLineEnds(*message.secondText)
+                                                          : withoutLogPrefix(text);
     stepTexts_.push_back(readable);
     ProgressEvent event;
     event.kind = ProgressEvent::Kind::kMessage;
@@ -339,9 +355,7 @@ Status SnapshotRun::interposeAll(const SnapshotOptions& options) {
         std::int32_t answer =
             plugin_.interpose(source->volume->record(), &object, &groups, &groupCount);
         if (answer != 1 || object == nullptr) {
-            return failed("interpose " + name + " answered " + std::to_string(answer) +
-                              ", the provider does not take it",
-                          answer);
+            return failed("the provider declined to interpose " + name, answer);
         }
         if (group_ == nullptr && groupCount > 0 && groups != nullptr && groups[0] != nullptr) {
             group_ = std::make_unique<HostNode>(groups[0]);
