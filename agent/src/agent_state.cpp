@@ -19,7 +19,7 @@ std::filesystem::path agentDirectory(const std::filesystem::path& stateDirectory
 }
 
 std::filesystem::path pidFilePath(const std::filesystem::path& stateDirectory) {
-    return agentDirectory(stateDirectory) / "kivagent.pid";
+    return stateDirectory / "kivagent.pid";
 }
 
 std::filesystem::path heldFilePath(const std::filesystem::path& stateDirectory) {

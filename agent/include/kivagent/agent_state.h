@@ -1,13 +1,13 @@
 // What a running backup agent leaves in the machine's state directory, and
 // how other programs read it (`kivagent --status`, fihost).
 //
-// Everything lives in "<state directory>/agent/":
-//   kivagent.pid   the agent's process id; the agent holds a lock on it for
-//                  as long as it runs, so a file left by an agent that died
-//                  does not count as running
-//   held.json      the volume names the agent holds handles for, replaced
-//                  atomically on every change
-//   kivagent.log   one line per request, appended
+// The files, in the state directory:
+//   kivagent.pid         the agent's process id; the agent holds a lock on it
+//                        for as long as it runs, so a file left by an agent
+//                        that died does not count as running
+//   agent/held.json      the volume names the agent holds handles for,
+//                        replaced atomically on every change
+//   agent/kivagent.log   one line per request, appended
 //
 // A running agent is stopped with SIGTERM (or `kivagent --stop`); it closes
 // every handle it holds and removes its pid and held files.
@@ -25,7 +25,7 @@
 
 namespace kivagent {
 
-// "<stateDirectory>/agent" and the files in it.
+// "<stateDirectory>/agent" and the agent's files.
 std::filesystem::path agentDirectory(const std::filesystem::path& stateDirectory);
 std::filesystem::path pidFilePath(const std::filesystem::path& stateDirectory);
 std::filesystem::path heldFilePath(const std::filesystem::path& stateDirectory);
