@@ -1,9 +1,7 @@
 // Framework status errors and their texts from the "TarnError" catalogue.
 #include "fiprovlib/TarnError.h"
 
-#include <memory>
-#include <mutex>
-
+#include "process_object.h"
 #include "strings/bounded_string.h"
 #include "tarn/msgcatalog.h"
 
@@ -12,24 +10,16 @@ namespace {
 constexpr std::size_t kIdCapacity = 16;
 
 // The error root catalogue, made on first need and kept until the plug-in is
-// unloaded (releaseErrorCatalogue). Texts handed out stay valid until then.
+// unloaded (releaseErrorCatalogue), exit included: nodes deleted at unload
+// may still report errors. Texts handed out stay valid until then.
 struct ErrorCatalogue {
-    std::mutex mutex;
-    std::unique_ptr<tarp_MsgCatalog> catalogue;
+    tarp_MsgCatalog catalogue{"TarnError", "root", false};
 };
 
-ErrorCatalogue& errorCatalogue() {
-    static ErrorCatalogue holder;
-    return holder;
-}
+constinit ProcessObject<ErrorCatalogue> errorCatalogue;
 
 tarp_MsgCatalog& errorCatalog() {
-    ErrorCatalogue& holder = errorCatalogue();
-    std::lock_guard<std::mutex> lock(holder.mutex);
-    if (holder.catalogue == nullptr) {
-        holder.catalogue = std::make_unique<tarp_MsgCatalog>("TarnError", "root", false);
-    }
-    return *holder.catalogue;
+    return errorCatalogue.get().catalogue;
 }
 
 }  // namespace
@@ -58,7 +48,5 @@ const char16_t* TarnError::kindName() const {
 }
 
 void releaseErrorCatalogue() {
-    ErrorCatalogue& holder = errorCatalogue();
-    std::lock_guard<std::mutex> lock(holder.mutex);
-    holder.catalogue.reset();
+    errorCatalogue.release();
 }

@@ -1,9 +1,10 @@
 // The log writer and the method trace objects.
 //
 // Process-wide state (log context, plug-in name, depth registry) lives in
-// objects made on first use and deliberately never destroyed: the coordinator
-// and its nodes trace from their destructors at process exit, after ordinary
-// statics would already be gone.
+// objects made on first use that the exit-time destructors leave alone: the
+// coordinator and its nodes trace while the plug-in's unload routine deletes
+// them, also when the process exits with the plug-in loaded. The unload
+// routine releases this state last (releaseTraceState).
 #include "fiprovlib/TraceMethod.h"
 
 #include <atomic>
@@ -15,6 +16,7 @@
 #include "os/debug.h"
 #include "os/error.h"
 #include "os/time.h"
+#include "process_object.h"
 #include "strings/bounded_string.h"
 #include "tarn/records.h"
 
@@ -26,11 +28,10 @@ struct LogState {
     std::u16string pluginName = u"<Plugin name not set>";
 };
 
-// Destroyed with the library (after the coordinator, whose nodes still trace
-// while it is deleted at unload).
+constinit ProcessObject<LogState> logStateObject;
+
 LogState& logState() {
-    static LogState state;
-    return state;
+    return logStateObject.get();
 }
 
 std::u16string pluginNameCopy() {
@@ -60,9 +61,10 @@ struct DepthRegistry {
     }
 };
 
+constinit ProcessObject<DepthRegistry> depthRegistryObject;
+
 DepthRegistry& depthRegistry() {
-    static DepthRegistry registry;
-    return registry;
+    return depthRegistryObject.get();
 }
 
 // REQUIRES: the registry's mutex is held.
@@ -145,6 +147,11 @@ void setPluginName(const char16_t* name) {
 
 const std::u16string& pluginName() {
     return logState().pluginName;
+}
+
+void releaseTraceState() {
+    depthRegistryObject.release();
+    logStateObject.release();
 }
 
 void writeLog(std::uint32_t level, const char16_t* format, ...) {

@@ -25,6 +25,10 @@ void setLogContext(tarn_context* context);
 tarn_context* logContext();
 void setPluginName(const char16_t* name);
 const std::u16string& pluginName();
+// Frees the log writer's state and the depth registry when the plug-in is
+// unloaded, after everything that traces is gone; a later line starts afresh
+// (no context, the initial plug-in name).
+void releaseTraceState();
 
 // Formats (wide printf, see boundedFormatWide) and hands one line on; a line
 // feed is appended when missing. Never fails to the caller.

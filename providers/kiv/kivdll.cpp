@@ -1,16 +1,24 @@
 // Library load and unload of the plug-in.
 //
-// On load the lock that guards the driver binding is created. On unload the
-// coordinator goes first (it deletes the nodes still registered, which close
-// their driver handles while the driver library is still loaded, and both
-// catalogues), then the error catalogue, then ICU's cached data: ICU must not
-// be cleaned up while catalogues still hold its resource bundles. The driver
-// library, the provider mutex handle and the log writer's state are released
-// after this, by their own exit-time destructors.
+// On load the lock that guards the driver binding is created. The unload
+// routine is the one place where the process-wide objects are destroyed, in
+// this order: the coordinator (it deletes the nodes still registered, which
+// trace and close their driver handles while the driver library is still
+// loaded, and both catalogues), the error catalogue, ICU's cached data (not
+// while catalogues still hold its resource bundles), the driver library, the
+// provider mutex handle, the binding lock, and last the log writer's state
+// and the trace depth registry, which everything before may still use.
+//
+// The routine runs when the host unloads the plug-in and also when the
+// process exits with the plug-in loaded. In the second case the C++ runtime
+// has already run the exit-time destructors of every library by then, so none
+// of the objects above has one: each is released here and nowhere else.
 #include <unicode/uclean.h>
 
 #include "fiprovlib/TarnError.h"
+#include "fiprovlib/TraceMethod.h"
 #include "kiv/cachefile/kivapi.h"
+#include "kiv/cachefile/providermutex.h"
 #include "kiv/kivficoordinator.h"
 
 namespace {
@@ -25,7 +33,10 @@ __attribute__((destructor)) void kivdllProcessDetach() {
     KivFiCoordinator::destroyInstance();
     releaseErrorCatalogue();
     u_cleanup();
+    releaseKivApi();
+    releaseProviderMutex();
     deleteKivApiLock();
+    releaseTraceState();
 }
 
 }  // namespace

@@ -98,6 +98,7 @@ void KivFiCoordinator::destroyInstance() {
     KivFiCoordinator*& slot = instanceSlot();
     delete slot;
     slot = nullptr;
+    kivApiSlot() = nullptr;
 }
 
 KivFiCoordinator::KivFiCoordinator() {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <thread>
+#include <type_traits>
 
 #include "os/error.h"
 #include "os/module.h"
@@ -49,21 +50,21 @@ void ensureBindingLock() {
     }
 }
 
-// The process-wide table; unloads the library when the process ends.
+// The process-wide table. Plain storage without a destructor: the driver
+// library is unloaded by the plug-in's unload routine (releaseKivApi), after
+// the nodes have closed their driver handles, never by the exit-time
+// destructors, which run before that routine when the process exits with the
+// plug-in loaded.
 struct KivApiHolder {
     KivApi api{};
     std::atomic<bool> built{false};
-
-    ~KivApiHolder() {
-        if (built.load() && api.module != nullptr) {
-            os::FreeLibrary(api.module);
-        }
-    }
 };
+static_assert(std::is_trivially_destructible_v<KivApiHolder>);
+
+constinit KivApiHolder apiHolder;
 
 KivApiHolder& holder() {
-    static KivApiHolder instance;
-    return instance;
+    return apiHolder;
 }
 
 class BindingLockGuard {
@@ -92,6 +93,17 @@ void deleteKivApiLock() {
         os::DeleteCriticalSection(&bindingLock);
         bindingLockState.store(kLockAbsent, std::memory_order_release);
     }
+}
+
+void releaseKivApi() {
+    KivApiHolder& table = holder();
+    if (!table.built.exchange(false, std::memory_order_acq_rel)) {
+        return;
+    }
+    if (table.api.module != nullptr) {
+        os::FreeLibrary(table.api.module);
+    }
+    table.api = KivApi{};
 }
 
 KivApi* kivApi() {

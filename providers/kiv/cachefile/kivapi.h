@@ -96,6 +96,10 @@ extern const char* const kKivApiEntryPoints[13];
 // when the library or an entry point cannot be found; the next call tries
 // again.
 KivApi* kivApi();
+// Unloads the driver library and empties the table when the plug-in is
+// unloaded, after every node has closed its driver handles; a later kivApi()
+// binds again. Does nothing when the table was never built.
+void releaseKivApi();
 
 // The binding lock; created when the plug-in is loaded, deleted at unload.
 void initKivApiLock();

@@ -1,5 +1,7 @@
 #include "kiv/cachefile/providermutex.h"
 
+#include <type_traits>
+
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/sync.h"
@@ -7,19 +9,19 @@
 
 namespace {
 
-// The process's one handle to the mutex, closed when the process ends.
+// The process's one handle to the mutex, closed by the plug-in's unload
+// routine (releaseProviderMutex), also when the process exits with the
+// plug-in loaded. No destructor of its own: the exit-time destructors run in
+// an order the plug-in does not control.
 struct MutexHolder {
     os::HANDLE handle = nullptr;
-    ~MutexHolder() {
-        if (handle != nullptr) {
-            os::CloseHandle(handle);
-        }
-    }
 };
+static_assert(std::is_trivially_destructible_v<MutexHolder>);
+
+constinit MutexHolder mutexHolder;
 
 MutexHolder& holder() {
-    static MutexHolder instance;
-    return instance;
+    return mutexHolder;
 }
 
 }  // namespace
@@ -63,4 +65,12 @@ ProviderMutexLock::ProviderMutexLock(os::HANDLE mutex) : mutex_(mutex) {
 
 ProviderMutexLock::~ProviderMutexLock() {
     os::ReleaseMutex(mutex_);
+}
+
+void releaseProviderMutex() {
+    MutexHolder& mutex = holder();
+    if (mutex.handle != nullptr) {
+        os::CloseHandle(mutex.handle);
+        mutex.handle = nullptr;
+    }
 }

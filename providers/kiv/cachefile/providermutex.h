@@ -10,10 +10,13 @@ inline constexpr os::DWORD kProviderMutexWaitMs = 10000;
 // "Global\tarn_kiv_mutex" from major version 5 on, "tarn_kiv_mutex" before.
 const char16_t* providerMutexName(os::DWORD majorVersion);
 
-// The process's handle to the mutex, created on first call; closed at process
-// exit. Throws the os::DWORD last error when creation fails (the next call
-// tries again).
+// The process's handle to the mutex, created on first call; closed when the
+// plug-in is unloaded. Throws the os::DWORD last error when creation fails
+// (the next call tries again).
 os::HANDLE ProviderMutex();
+// Closes the handle when the plug-in is unloaded; a later ProviderMutex()
+// opens the mutex again.
+void releaseProviderMutex();
 
 // Holds the mutex for one cache placement. The constructor waits up to
 // kProviderMutexWaitMs and throws the boolean false on time-out or

@@ -1,0 +1,105 @@
+// A host that leaves the plug-in in one of the ways a real host may: it
+// unloads it, or it exits with the plug-in still loaded. It prints every
+// line the plug-in sends, as "<level> <text>", so that the test that starts
+// it can see what the plug-in did on the way out.
+//
+//   exit_host PLUGIN MODE
+//
+// MODE is "unload" (init, one initNode, unload, return from main) or "exit"
+// (init, one initNode, exit() with the plug-in loaded). Exit code 0 when
+// every step answered as expected, 3 when one did not, 2 for bad usage.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "host/host_context.h"
+#include "host/host_node.h"
+#include "host/plugin_host.h"
+
+// The context, the host and the node record outlive main: the plug-in keeps
+// the context and the record for as long as it is loaded, and on exit it
+// still reports while it tears down. External linkage, so that the compiler
+// keeps the pointers that make them reachable.
+host::HostContext* context = nullptr;
+host::PluginHost* plugin = nullptr;
+host::HostNode* node = nullptr;
+
+namespace {
+
+void printLine(const host::HostMessage& message) {
+    std::string line = std::to_string(message.level) + " ";
+    line += message.text.value_or(message.secondText.value_or(""));
+    if (line.empty() || line.back() != '\n') {
+        line += '\n';
+    }
+    // Straight to the descriptor: the last lines come after the C++ runtime
+    // has started taking the process down.
+    for (std::size_t written = 0; written < line.size();) {
+        ssize_t result = write(STDOUT_FILENO, line.data() + written, line.size() - written);
+        if (result <= 0) {
+            return;
+        }
+        written += static_cast<std::size_t>(result);
+    }
+}
+
+int fail(const char* step, std::int32_t status) {
+    std::fprintf(stderr, "exit_host: %s answered %d\n", step, status);
+    return 3;
+}
+
+// init and one node for volume C:, interposed first as a host would.
+int startWithOneNode() {
+    tarn_version version{};
+    if (std::int32_t status = plugin->init(context->context(), &version); status != 0) {
+        return fail("init", status);
+    }
+    host::HostNode volume(u"C:");
+    tarn_objid* identity = nullptr;
+    tarn_objid** groups = nullptr;
+    std::uint32_t count = 0;
+    if (std::int32_t status = plugin->interpose(volume.record(), &identity, &groups, &count);
+        status != 1) {
+        return fail("interpose", status);
+    }
+    // The record stays with the node until the plug-in goes.
+    node = new host::HostNode(identity);
+    if (std::int32_t status = plugin->init_node(node->record(), nullptr, 0, nullptr); status != 0) {
+        return fail("initNode", status);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 3) {
+        std::fprintf(stderr, "usage: exit_host PLUGIN unload|exit\n");
+        return 2;
+    }
+    const std::string mode = argv[2];
+    if (mode != "unload" && mode != "exit") {
+        std::fprintf(stderr, "exit_host: unknown mode %s\n", argv[2]);
+        return 2;
+    }
+    context = new host::HostContext();
+    context->setListener(&printLine);
+    plugin = new host::PluginHost();
+    if (host::Status status = plugin->load(argv[1]); !status.isOk()) {
+        std::fprintf(stderr, "exit_host: %s\n", status.toString().c_str());
+        return 3;
+    }
+    if (int result = startWithOneNode(); result != 0) {
+        return result;
+    }
+    if (mode == "unload") {
+        // The record keeps the fi list the plug-in attached to it: only
+        // deInitNode, never called here, takes that away.
+        plugin->unload();
+        return 0;
+    }
+    std::exit(0);
+}

@@ -1,0 +1,130 @@
+// The ways a host leaves the plug-in: each run of exit_host is checked by
+// valgrind's memcheck (no invalid access, no definite leak), and its output
+// shows that the plug-in tore itself down in order, tracing to the last line.
+//
+// valgrind cannot run a program built with AddressSanitizer. In the sanitizer
+// build exit_host runs on its own and AddressSanitizer (with its leak check)
+// checks the same paths from inside.
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/temp_machine.h"
+
+extern char** environ;
+
+namespace {
+
+using testsupport::TempMachine;
+
+struct HostRun {
+    int exitCode = -1;
+    std::string output;  // the lines the plug-in sent, one per line
+    std::string errors;  // exit_host's and valgrind's own report
+};
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Runs exit_host in `mode` against the plug-in, under valgrind unless this is
+// the sanitizer build.
+HostRun runExitHost(const std::string& mode, const std::filesystem::path& scratch) {
+    std::vector<std::string> arguments;
+#ifndef FIKIV_EXIT_TEST_SANITIZED
+    arguments = {FIKIV_VALGRIND, "--quiet", "--leak-check=full", "--errors-for-leak-kinds=definite",
+                 "--error-exitcode=9"};
+#endif
+    arguments.insert(arguments.end(), {FIKIV_EXIT_HOST, FIKIV_PLUGIN_PATH, mode});
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+
+    const std::filesystem::path out = scratch / (mode + ".out");
+    const std::filesystem::path err = scratch / (mode + ".err");
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t child = -1;
+    HostRun run;
+    const int spawned = posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) {
+        run.errors = "cannot start " + arguments[0];
+        return run;
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.output = readFile(out);
+    run.errors = readFile(err);
+    return run;
+}
+
+// Positions of the lines containing `part`, in output order.
+std::vector<std::size_t> linesWith(const std::string& output, const std::string& part) {
+    std::vector<std::size_t> found;
+    std::istringstream lines(output);
+    std::string line;
+    for (std::size_t index = 0; std::getline(lines, line); ++index) {
+        if (line.find(part) != std::string::npos) {
+            found.push_back(index);
+        }
+    }
+    return found;
+}
+
+class PluginExitTest : public ::testing::TestWithParam<const char*> {};
+
+// Whichever way the host leaves, the coordinator is deleted while tracing
+// still works, and its node goes inside that frame.
+TEST_P(PluginExitTest, TearsDownInOrderAndCleanly) {
+#ifdef FIKIV_EXIT_TEST_SANITIZED
+    std::printf(
+        "valgrind cannot run an AddressSanitizer build: exit_host runs under "
+        "AddressSanitizer instead\n");
+#endif
+    TempMachine machine(nlohmann::json{{"volumes", {TempMachine::volume(1, {"C:\\"})}}});
+    const HostRun run = runExitHost(GetParam(), machine.directory());
+    ASSERT_EQ(run.exitCode, 0) << run.errors << run.output;
+    EXPECT_EQ(run.errors, "");
+
+    const auto entering =
+        linesWith(run.output, "Entering Function KivFiCoordinator::~KivFiCoordinator");
+    const auto exiting =
+        linesWith(run.output, "Exiting Function KivFiCoordinator::~KivFiCoordinator");
+    const auto node = linesWith(run.output, "Exiting Function KivNode::~KivNode");
+    ASSERT_EQ(entering.size(), 1u) << run.output;
+    ASSERT_EQ(exiting.size(), 1u) << run.output;
+    ASSERT_EQ(node.size(), 1u) << run.output;
+    EXPECT_LT(entering[0], node[0]);
+    EXPECT_LT(node[0], exiting[0]);
+    // The coordinator's frame closes the output: nothing of the plug-in runs
+    // after it.
+    EXPECT_EQ(exiting[0], linesWith(run.output, "").size() - 1) << run.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(Exits, PluginExitTest, ::testing::Values("unload", "exit"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                             return std::string(info.param) == "unload" ? "Unload"
+                                                                        : "ExitWithPluginLoaded";
+                         });
+
+}  // namespace
