@@ -8,7 +8,6 @@
 #include <string>
 #include <utility>
 
-#include "fiprovlib/TraceMethod.h"
 #include "fiprovlib/volumeiterator/volumeiterator.h"
 #include "kiv/cachefile/kivapi.h"
 #include "kiv/cachefile/providermutex.h"
@@ -19,8 +18,6 @@
 #include "string_helper.h"
 
 namespace {
-
-constexpr const char16_t* kSource = u"providers\\kiv\\cachefile";
 
 // Driver open arguments used to probe a cache volume: access, flags and the
 // two further values the driver expects for this use.
@@ -93,25 +90,20 @@ Verdict testSuitability(const std::u16string& name) {
     return {};
 }
 
-// Normalised, sorted, duplicate-free names of a configured list, each with
-// the first configured spelling that produced it. Empty entries name no
-// volume and are left out.
+// The normalised names of a configured list in ascending order, each with
+// the spelling it was configured as. Every entry stays: a volume named twice
+// is a candidate twice (and probed twice), and an empty name stays empty and
+// is removed by the suitability tests like any name of no volume.
 std::vector<std::pair<std::u16string, std::u16string>> normaliseList(
     const std::vector<std::u16string>& configured) {
     std::vector<std::pair<std::u16string, std::u16string>> list;
     for (const std::u16string& name : configured) {
-        if (name.empty()) {
-            continue;
-        }
         std::u16string normalised = name;
         normaliseVolumeName(normalised);
         list.emplace_back(std::move(normalised), name);
     }
     std::stable_sort(list.begin(), list.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
-    list.erase(std::unique(list.begin(), list.end(),
-                           [](const auto& a, const auto& b) { return a.first == b.first; }),
-               list.end());
     return list;
 }
 
@@ -185,12 +177,6 @@ std::vector<std::u16string> survivorsOf(const std::vector<PlacementCandidate>& c
     return names;
 }
 
-void traceReport(tarp_TraceMethod& trace, const PlacementReport& report) {
-    for (const std::u16string& line : describePlacement(report)) {
-        trace.traceFormat(u"%s", line.c_str());
-    }
-}
-
 }  // namespace
 
 void normaliseVolumeName(std::u16string& name) {
@@ -238,7 +224,8 @@ std::u16string formatCacheFileRequest(const std::vector<std::u16string>& targets
 bool placeCacheFiles(os::HANDLE mutex, const std::vector<std::u16string>& targets,
                      const CacheFileHints& hints, std::vector<std::u16string>& paths,
                      std::vector<CacheFileSizes>& sizes, PlacementReport* report) {
-    TARP_TRACE_METHOD(kSource, u"placeCacheFiles");
+    // The explanation is collected for callers that show it (our tools); it is
+    // never sent to the host, whose callback hears only the provider's own lines.
     PlacementReport local;
     PlacementReport& why = report != nullptr ? *report : local;
     why = PlacementReport{};
@@ -251,7 +238,6 @@ bool placeCacheFiles(os::HANDLE mutex, const std::vector<std::u16string>& target
         lock.emplace(mutex);
     } catch (bool) {
         why.outcome = PlacementOutcome::kMutexNotObtained;
-        traceReport(traceMethod_, why);
         return false;
     }
 
@@ -299,7 +285,6 @@ bool placeCacheFiles(os::HANDLE mutex, const std::vector<std::u16string>& target
                 volumes.push_back(std::move(name));
             }
             std::sort(volumes.begin(), volumes.end());
-            volumes.erase(std::unique(volumes.begin(), volumes.end()), volumes.end());
             for (std::u16string& name : volumes) {
                 PlacementCandidate candidate{std::move(name), {}};
                 if (contains(exclusions, candidate.name)) {
@@ -343,14 +328,12 @@ bool placeCacheFiles(os::HANDLE mutex, const std::vector<std::u16string>& target
                     computeCacheFileSizes(withoutTrailingBackslashes(target), volume, hints));
             }
         }
-        traceReport(traceMethod_, why);
         paths.insert(paths.end(), std::make_move_iterator(newPaths.begin()),
                      std::make_move_iterator(newPaths.end()));
         sizes.insert(sizes.end(), newSizes.begin(), newSizes.end());
         return true;
-    } catch (os::DWORD error) {
+    } catch (os::DWORD) {
         why.outcome = PlacementOutcome::kNotRun;
-        traceMethod_.traceFormat(u"cache placement ended by system error %lu", error);
         throw;
     }
 }

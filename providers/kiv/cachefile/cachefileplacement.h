@@ -8,10 +8,16 @@
 // number of candidates (the order is a stable sort, not just for small lists).
 //
 // Names are compared exactly, code unit by code unit, after normalisation.
-// Empty names in the preferred or excluded list name no volume and are
-// skipped. A name that is still shorter than three characters after the
-// volume lookup (say "d" or "x:" when no such drive exists) is kept as
-// written; it matches nothing and the tests of suitability remove it.
+// The preferred, excluded and enumerated lists are sorted, never thinned: a
+// volume listed twice is tested twice. An empty name is kept as it is (the
+// normalisation has no last character to look at); like a name that is still
+// shorter than three characters after the volume lookup (say "d" or "x:" when
+// no such drive exists), it matches nothing and the tests of suitability
+// remove it.
+//
+// The placement writes no trace lines of its own (the host hears only the
+// sizing messages of the cache files): why it chose a volume is collected in
+// a PlacementReport for the tools that show it.
 //
 // Thread safety: the mutex serialises placements across threads and
 // processes; nothing else is shared.
@@ -31,8 +37,8 @@
 // mutex is not obtained within 10 seconds or was abandoned. An os::DWORD
 // thrown by volume enumeration, the volume-name binding or the driver library
 // binding propagates, with nothing appended and the mutex released.
-// When `report` is given it receives why the volume was chosen (also written
-// as trace lines); it is overwritten, also on failure.
+// When `report` is given it receives why the volume was chosen; it is
+// overwritten, also on failure.
 bool placeCacheFiles(os::HANDLE mutex, const std::vector<std::u16string>& targets,
                      const CacheFileHints& hints, std::vector<std::u16string>& paths,
                      std::vector<CacheFileSizes>& sizes, PlacementReport* report = nullptr);

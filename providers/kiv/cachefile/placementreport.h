@@ -1,8 +1,9 @@
 // Why a cache placement chose its volume: every candidate it looked at, what
 // removed each one that was dropped, and the survivors in free-space order.
 //
-// placeCacheFiles fills one of these for every placement, writes it as trace
-// lines and hands it to a caller that asks for it. Plain data; no state.
+// placeCacheFiles fills one of these for every placement and hands it to a
+// caller that asks for it (fikiv-plan prints it); none of it reaches the
+// host. Plain data; no state.
 #ifndef PROVIDERS_KIV_CACHEFILE_PLACEMENTREPORT_H_
 #define PROVIDERS_KIV_CACHEFILE_PLACEMENTREPORT_H_
 
