@@ -45,8 +45,8 @@ GetVolumeNameForVolumeMountPointW_t volumeNameForMountPoint() {
 std::int32_t KivFiCoordinator::interpose(tarn_node* record, tarn_objid** newIdentity,
                                          tarn_objid*** groupIdentities, std::uint32_t* groupCount) {
     tarp_TraceMethod trace(kSource, kFunction, __LINE__);
-    if (record == nullptr || newIdentity == nullptr || groupIdentities == nullptr ||
-        groupCount == nullptr) {
+    // A null record has no flags to test and no name to ask about.
+    if (record == nullptr) {
         return 0;
     }
     if ((record->flags & kNoInterposeFlag) != 0) {
@@ -55,25 +55,21 @@ std::int32_t KivFiCoordinator::interpose(tarn_node* record, tarn_objid** newIden
 
     std::u16string name = objectName(record->objid);
     writeLog(kLogInformation, u"KivFiCoordinator::interpose [%s] ", name.c_str());
-    if (name.empty()) {
-        // The host never names an object with nothing; there is no volume to ask about.
-        writeLog(kLogWarning,
-                 u"KivFiCoordinator::interpose cant interpose due to open volume [%s] failed ",
-                 name.c_str());
-        return 0;
-    }
     std::string driverName = toNarrow(name, os::CP_UTF8);
 
     if (name.find(u"Volume{") == std::u16string::npos) {
+        // The host never names an object with nothing: there is no last
+        // character to test and no volume to ask about.
+        if (name.empty()) {
+            return 0;
+        }
         name = withTrailingBackslash(name);
+        // Without the mount-point lookup no drive name can be resolved; the
+        // volume is simply not taken.
         GetVolumeNameForVolumeMountPointW_t resolve = nullptr;
         try {
             resolve = volumeNameForMountPoint();
-        } catch (os::DWORD error) {
-            writeLog(kLogWarning,
-                     u"KivFiCoordinator::interpose cant resolve [%s]: "
-                     u"GetVolumeNameForVolumeMountPointW unavailable (error %u) ",
-                     name.c_str(), error);
+        } catch (os::DWORD) {
             return 0;
         }
         char16_t volumeName[kVolumeNameLength] = {};
@@ -111,6 +107,11 @@ std::int32_t KivFiCoordinator::interpose(tarn_node* record, tarn_objid** newIden
     }
 
     if ((information.attributes & (KIV_ATTRIBUTE_SOURCE | KIV_ATTRIBUTE_SNAPSHOT)) != 0) {
+        // Nowhere to put the answer: the volume could be taken, but the host
+        // cannot be told so. No identity is made that nobody would own.
+        if (newIdentity == nullptr || groupIdentities == nullptr || groupCount == nullptr) {
+            return 0;
+        }
         *newIdentity = makeObjid(kivTag() + name);
         *groupCount = 1;
         *groupIdentities = &groupObjid_;

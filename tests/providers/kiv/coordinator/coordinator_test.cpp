@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "sim/eventlog.h"
+#include "sim/hooks.h"
 #include "plugin_fixture.h"
 
 namespace plugintest {
@@ -262,6 +263,62 @@ TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
             return m.level == 2 && m.secondText.has_value();
         });
         EXPECT_EQ(reports, row.catalogueReports);
+    }
+}
+
+// Interpositions that end early or cannot hand their answer over: the host
+// hears exactly the lines of the steps that ran, and the driver is asked
+// whenever the name gets that far.
+TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
+    struct Row {
+        const char* name;
+        std::u16string object;
+        bool nullOutputs;
+        bool lookupUnbindable;
+        std::uint64_t driverOpens;
+        std::vector<std::string> lines;  // each user-level line, in order, by a part of it
+    };
+    // clang-format off
+    const Row rows[] = {
+        // First: the lookup is bound on first need and kept for the process.
+        {"mount-point lookup cannot be bound", u"C:", false, true, 0, {"KivFiCoordinator::interpose [C:] "}},
+        {"GUID path needs no lookup", TempMachine::guidName(1), false, true, 1, {"KivFiCoordinator::interpose [" + guid(1) + "] "}},
+        {"empty name", u"", false, false, 0, {"KivFiCoordinator::interpose [] "}},
+        {"valid source, nowhere to write the answer", u"C:", true, false, 1, {"KivFiCoordinator::interpose [C:] "}},
+        {"disabled volume, nowhere to write the answer", u"H:", true, false, 1,
+         {"KivFiCoordinator::interpose [H:] ", guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED",
+          "KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED]"}},
+    };
+    // clang-format on
+    startPlugin(testMachine());
+    ASSERT_EQ(init(), 0);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        context_->takeMessages();
+        if (row.lookupUnbindable) {
+            sim::makeUnbindable("kernel32.dll", "GetVolumeNameForVolumeMountPointW");
+        }
+        const std::uint64_t opensBefore = sim::callCount("KIV_Open");
+        HostNode volume(row.object);
+        tarn_objid* identity = nullptr;
+        tarn_objid** groups = nullptr;
+        std::uint32_t count = 0;
+        const bool interposed = row.object == TempMachine::guidName(1);
+        std::int32_t answer = row.nullOutputs
+                                  ? plugin_.interpose(volume.record(), nullptr, nullptr, nullptr)
+                                  : plugin_.interpose(volume.record(), &identity, &groups, &count);
+        const std::uint64_t opens = sim::callCount("KIV_Open") - opensBefore;
+        sim::clearFaults();
+        EXPECT_EQ(answer, interposed ? 1 : 0);
+        EXPECT_EQ(opens, row.driverOpens);
+
+        std::vector<HostMessage> seen = userMessages(context_->messages());
+        EXPECT_EQ(seen.size(), row.lines.size());
+        for (std::size_t i = 0; i < std::min(seen.size(), row.lines.size()); ++i) {
+            const std::optional<std::string>& text =
+                seen[i].text.has_value() ? seen[i].text : seen[i].secondText;
+            EXPECT_TRUE(contains(text, row.lines[i])) << i << ": " << text.value_or("(null)");
+        }
     }
 }
 
