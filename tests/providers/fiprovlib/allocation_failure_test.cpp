@@ -1,10 +1,9 @@
 // Tracing when memory runs out. This program replaces the non-throwing
-// operator new, which the log writer and the depth registry use, so that a
-// test can make the next such allocations fail.
+// operator new and new[], which the log writer and the depth registry use, so
+// that a test can make the next such allocations fail.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <new>
 #include <thread>
 
@@ -16,22 +15,41 @@ namespace {
 
 std::atomic<int> failingAllocations{0};
 
-void* allocate(std::size_t size) noexcept {
+// True when this allocation is one of those a test asked to fail.
+bool failThisAllocation() {
     for (int left = failingAllocations.load(); left > 0;) {
         if (failingAllocations.compare_exchange_weak(left, left - 1)) {
-            return nullptr;
+            return true;
         }
     }
-    return std::malloc(size == 0 ? 1 : size);
+    return false;
 }
 
 }  // namespace
 
+// The memory itself comes from the throwing operator of the same form, so
+// that the delete or delete[] the caller uses later matches the allocation
+// whatever allocator the program runs with (AddressSanitizer checks that the
+// forms match, and malloc'ed memory freed with delete[] does not).
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
+    if (failThisAllocation()) {
+        return nullptr;
+    }
+    try {
+        return ::operator new(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    return allocate(size);
+    if (failThisAllocation()) {
+        return nullptr;
+    }
+    try {
+        return ::operator new[](size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 namespace {
