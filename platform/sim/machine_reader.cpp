@@ -95,18 +95,34 @@ class Reader {
             lines_ = std::make_unique<JsonLines>(text_);
             return document;
         } catch (const json::parse_error& error) {
-            const std::size_t byte = error.byte == 0 ? 0 : error.byte - 1;
             std::string detail = error.what();
             const std::size_t colon = detail.find(": ");
             if (colon != std::string::npos) {
                 detail = detail.substr(colon + 2);
             }
-            const std::string field = lastKeyBefore(text_, byte);
-            throw MachineError(
-                printable(file_.string() + ":" + std::to_string(lineAt(text_, byte)) + ": " +
-                          (field.empty() ? std::string() : "after field \"" + field + "\": ") +
-                          "malformed JSON: " + detail));
+            malformed(error.byte == 0 ? 0 : error.byte - 1, detail);
+        } catch (const json::out_of_range& error) {
+            // A number beyond the range of a double ("9e999") fails the parse
+            // without a position: name the line of the first such number.
+            std::string detail = error.what();
+            const std::size_t end = detail.find(']');
+            if (end != std::string::npos) {
+                detail = detail.substr(end + 2);
+            }
+            const std::size_t open = detail.find('\'');
+            const std::size_t close = detail.rfind('\'');
+            const std::size_t at =
+                open < close ? text_.find(detail.substr(open + 1, close - open - 1)) : 0;
+            malformed(at == std::string::npos ? 0 : at, detail);
         }
+    }
+
+    [[noreturn]] void malformed(std::size_t byte, const std::string& detail) const {
+        const std::string field = lastKeyBefore(text_, byte);
+        throw MachineError(
+            printable(file_.string() + ":" + std::to_string(lineAt(text_, byte)) + ": " +
+                      (field.empty() ? std::string() : "after field \"" + field + "\": ") +
+                      "malformed JSON: " + detail));
     }
 
     [[noreturn]] void fail(const std::string& field, const std::string& problem) const {

@@ -153,6 +153,8 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
          "{\"comment\":\n" + std::string(50000, '[') + std::string(50000, ']') + "}",
          "2: nesting deeper than 32 levels"},
         {"TopLevelList", "[]", "1: (top level): a machine description is a JSON object"},
+        {"NumberBeyondDouble", "{\"os\":\n {\"major\": 9e999}}",
+         "2: after field \"major\": malformed JSON: number overflow parsing '9e999'"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
