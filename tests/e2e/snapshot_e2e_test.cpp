@@ -57,14 +57,14 @@ std::string readFile(const fs::path& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-struct Run {
+struct CommandRun {
     int exitCode = -1;
     std::string output;
 };
 
 // Runs a command line through the shell; stdout and stderr together.
-Run runCommand(const std::string& command) {
-    Run run;
+CommandRun runCommand(const std::string& command) {
+    CommandRun run;
     FILE* pipe = popen((command + " 2>&1").c_str(), "r");
     if (pipe == nullptr) {
         return run;
@@ -372,9 +372,9 @@ TEST_F(SnapshotEndToEndTest, TwoFihostProcessesAtOnce) {
     // One agent for both, started by the first fihost, would be stopped while
     // the second still needs it: start one for the machine here.
     startAgent();
-    std::optional<Run> first;
+    std::optional<CommandRun> first;
     std::thread other([&] { first = runCommand(FIHOST_PATH + plugin + " snapshot C:" + agent); });
-    Run second = runCommand(FIHOST_PATH + plugin + " snapshot F:" + agent);
+    CommandRun second = runCommand(FIHOST_PATH + plugin + " snapshot F:" + agent);
     other.join();
     std::printf("fihost snapshot C: exit %d\n%s\nfihost snapshot F: exit %d\n%s\n", first->exitCode,
                 first->output.c_str(), second.exitCode, second.output.c_str());
@@ -391,7 +391,7 @@ TEST_F(SnapshotEndToEndTest, TwoFihostProcessesAtOnce) {
 TEST_F(SnapshotEndToEndTest, FihostStartsAndStopsAnAgentWhenNoneAnswers) {
     std::string command = std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH +
                           " snapshot C: --agent " + KIVAGENT_PATH + " --exclude F: --cache-dir kiv";
-    Run run = runCommand(command);
+    CommandRun run = runCommand(command);
     EXPECT_EQ(run.exitCode, 0) << run.output;
     for (const char* shown :
          {"no backup agent answers; starting", "make: ", "backup agent: register ",
