@@ -1,11 +1,16 @@
 // The node's life, its fi-type test, the dispatch of configuration requests,
-// and the operations this provider answers without driver work.
+// opening its source volume, and the operations this provider answers without
+// driver work.
 #include "kiv/kivnode.h"
 
 #include <cstring>
 
 #include "fiprovlib/TraceMethod.h"
 #include "kiv/kivficoordinator.h"
+#include "kiv/kivvolume.h"
+#include "kiv/nodereport.h"
+#include "os/codepage.h"
+#include "string_helper.h"
 
 namespace {
 
@@ -26,6 +31,16 @@ void markStatus(tarn_node* record, std::uint32_t bits) {
 }
 
 }  // namespace
+
+KivNode* kivNodeOf(const tarn_node* record) {
+    return dynamic_cast<KivNode*>(nodeOf(record));
+}
+
+void reportNodeMessage(const char* key, std::initializer_list<icu::Formattable> arguments) {
+    std::vector<icu::Formattable> list(arguments);
+    KivFiCoordinator::instance().reportMessage(key, list.data(),
+                                               static_cast<std::int32_t>(list.size()), kLogWarning);
+}
 
 KivNode::KivNode(tarn_node* record, bool isAltNode) : isAltNode_(isAltNode) {
     tarp_TraceMethod trace(kSource, u"KivNode::KivNode", __LINE__);
@@ -48,6 +63,24 @@ KivNode::~KivNode() {
     }
 }
 
+KivHandle KivNode::open() {
+    if (isValidKivHandle(volumeHandle_)) {
+        return volumeHandle_;
+    }
+    std::u16string name = nodeName_;
+    stripKivTag(name);
+    std::string driverName = toNarrow(name, os::CP_UTF8);
+    std::uint32_t status = KIV_Open(coordinatorKivApi(), driverName.c_str(), /*access=*/3,
+                                    /*flags=*/128, /*a=*/3, /*b=*/1000, &volumeHandle_);
+    if (status == 0 && isValidKivHandle(volumeHandle_)) {
+        return volumeHandle_;
+    }
+    volumeHandle_ = kInvalidKivHandle;
+    reportNodeMessage("MSG_ERROR_KIVAPI",
+                      {textArgument(u"KIV_Open"), numberArgument(status), textArgument(name)});
+    return kInvalidKivHandle;
+}
+
 std::int32_t KivNode::supportsFiType(tarn_node* record, const char* fiType) {
     tarp_TraceMethod trace(kSource, u"KivNode::supportsFiType", __LINE__);
     static const std::string ownType("kiv-cow-snapshot");
@@ -67,15 +100,19 @@ std::int32_t KivNode::supportsFiType(tarn_node* record, const char* fiType) {
 std::int32_t KivNode::config(tarn_node* record, std::uint32_t operation, void* argument,
                              tarn_config_request* request) {
     tarp_TraceMethod trace(kSource, u"KivNode::config", __LINE__);
-    if (request == nullptr) {
-        return kTarnInvalidRequest;
-    }
+    // Every known operation reads the request; an unknown one is traced
+    // whatever the request.
     switch (operation) {
         case kConfigGet:
-            return config_.get(record, argument, request);
+            return request != nullptr ? config_.get(record, argument, request)
+                                      : kTarnInvalidRequest;
         case kConfigSet:
-            return config_.set(record, argument, request);
+            return request != nullptr ? config_.set(record, argument, request)
+                                      : kTarnInvalidRequest;
         case kConfigClear:
+            if (request == nullptr) {
+                return kTarnInvalidRequest;
+            }
             if (request->split_selector == 0 && request->quiesce_selector != 0) {
                 config_.clearQuiesceConfig();
                 return kTarnSuccess;
@@ -87,12 +124,12 @@ std::int32_t KivNode::config(tarn_node* record, std::uint32_t operation, void* a
             }
             return kTarnInvalidRequest;
         case kConfigInfo:
-            if (request->text != nullptr) {
+            if (request == nullptr || request->text != nullptr) {
                 return kTarnInvalidRequest;
             }
             return config_.getConfigInfo(record, argument, request);
         case kConfigUpdate:
-            return config_.update(record, request);
+            return request != nullptr ? config_.update(record, request) : kTarnInvalidRequest;
         default: {
             tarp_TraceMethod message(kSource, u"KivNode::config", __LINE__, this);
             message.traceFormat(u"%s( op==%i ) unrecognized operation\n", u"KivNode::config",
@@ -111,12 +148,6 @@ std::int32_t KivNode::reAccessAltNode(tarn_node*, void*, void*, void*, void*, vo
                                       std::uint32_t) {
     tarp_TraceMethod trace(kSource, u"KivNode::reAccessAltNode", __LINE__);
     return kTarnSuccess;
-}
-
-// Destroying a snapshot through the driver and the backup agent is not built
-// yet.
-std::int32_t KivNode::dispose(void*, tarn_node*, void*, std::uint32_t) {
-    return kTarnNotSupported;
 }
 
 std::int32_t KivNode::online(void*, tarn_node*, std::uint32_t, std::uint32_t) {
@@ -146,20 +177,6 @@ std::int32_t KivNode::quiesce(tarn_fi_entry*, void*, std::uint32_t, void*) {
 
 void KivNode::unquiesce(tarn_fi_entry*, void*, std::uint32_t) {
     tarp_TraceMethod trace(kSource, u"KivNode::unquiesce", __LINE__);
-}
-
-// Creating the snapshot is not built yet.
-std::int32_t KivNode::make(tarn_fi_entry*, void*, tarn_fi_entry**, std::uint32_t, tarn_objid***,
-                           std::uint32_t*) {
-    tarp_TraceMethod trace(kSource, u"KivNode::make", __LINE__);
-    return kTarnNotSupported;
-}
-
-// Preparing the snapshot (cache placement, KIV_Prepare) is not built yet.
-std::int32_t KivNode::prepare(tarn_fi_entry*, void*, tarn_fi_entry**, std::uint32_t,
-                              std::uint32_t) {
-    tarp_TraceMethod trace(kSource, u"KivNode::prepare", __LINE__);
-    return kTarnNotSupported;
 }
 
 bool KivNode::isValidQuiesceConfig() {

@@ -2,10 +2,10 @@
 // alternate object, or the provider's group object): its configuration and
 // its two driver handles.
 //
-// Built here: the node's life and handles, the fi-type test, the dispatch of
-// configuration requests, and the operations this provider answers without
-// driver work. Snapshot preparation, creation and disposal are not built yet
-// and answer "not supported" (4).
+// kivnode.cpp holds the node's life and handles, the fi-type test, the
+// dispatch of configuration requests, and the operations this provider
+// answers without driver work; kivprepare.cpp, kivmake.cpp and kivdispose.cpp
+// hold snapshot preparation, creation and disposal.
 //
 // A node takes no lock; the host calls one operation at a time.
 #ifndef PROVIDERS_KIV_KIVNODE_H_
@@ -16,6 +16,12 @@
 #include "kiv/cachefile/kivapi.h"
 #include "kiv/frozenimagenode.h"
 #include "kiv/kivconfig/kivconfig.h"
+
+class KivNode;
+
+// The KivNode attached to `record`, or null when the record is null, has no
+// node, or its node is of another kind.
+KivNode* kivNodeOf(const tarn_node* record);
 
 class KivNode final : public FrozenImageNode {
   public:
@@ -29,6 +35,14 @@ class KivNode final : public FrozenImageNode {
     const std::u16string& nodeName() const { return nodeName_; }
     bool isAltNode() const { return isAltNode_; }
     KivConfig& configuration() { return config_; }
+    KivHandle snapshotHandle() const { return snapshotHandle_; }
+    KivHandle volumeHandle() const { return volumeHandle_; }
+
+    // The source volume's driver handle: volumeHandle when it is valid,
+    // else the volume named by the tag-stripped node name opened with
+    // KIV_Open (3, 128, 3, 1000). A refusal is reported (MSG_ERROR_KIVAPI)
+    // and gives kInvalidKivHandle.
+    KivHandle open();
 
     std::int32_t supportsFiType(tarn_node* record, const char* fiType) override;
     std::int32_t config(tarn_node* record, std::uint32_t operation, void* argument,

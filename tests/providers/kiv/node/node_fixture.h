@@ -1,0 +1,81 @@
+// The snapshot node's driver work through the real plug-in, loaded in this
+// process on a machine made for the test, with the virtual clock on and a
+// scripted stand-in for the backup agent where a test wants one.
+#ifndef TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
+#define TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "../coordinator/plugin_fixture.h"
+#include "sim/hooks.h"
+#include "support/scripted_pipe_server.h"
+#include "tarn/tarnutil.h"
+
+namespace nodetest {
+
+using plugintest::CoordinatorTest;
+using plugintest::HostMessage;
+using plugintest::HostNode;
+using plugintest::TempMachine;
+
+inline const std::u16string kAutoSplit =
+    u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_AUTO_PREP /> "
+    u"</SET_CONFIG_INFO_LIST>";
+
+// A split document that names the snapshot volume and cache file itself.
+std::u16string selectedSplit(const std::string& snapshotVolumeName,
+                             const std::string& cacheFileName, std::uint32_t initialMB,
+                             std::uint32_t maximumMB);
+std::u16string quiesceDocument(std::uint32_t wait, std::uint32_t timeout);
+
+// The source volume's object name as interposition gives it: "<kiv>" and the
+// GUID name without its trailing backslash.
+std::u16string taggedVolume(int number);
+
+class NodeTest : public CoordinatorTest {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Starts the plug-in on `description` (default: the coordinator tests'
+    // machine) and attaches the group node.
+    void start(const nlohmann::json& description = plugintest::testMachine());
+
+    // Attaches a node for the object `name` and returns its record.
+    HostNode& addVolume(const std::u16string& name);
+    // The volume's fi entry (its node and the group node).
+    tarn_fi_entry* entryOf(HostNode& volume);
+    std::vector<tarn_fi_entry*> entriesOf(const std::vector<HostNode*>& volumes);
+
+    std::int32_t configure(tarn_node* record, bool split, const std::u16string& document);
+
+    // make: the identities it handed back (the buffer freed here).
+    std::int32_t make(tarn_fi_entry* entry, std::vector<tarn_fi_entry*> list,
+                      std::vector<std::u16string>* names = nullptr);
+
+    // A record for the snapshot volume `name` with an alternate node on it.
+    HostNode& addSnapshotVolume(const std::u16string& name);
+    std::int32_t dispose(HostNode& snapshot);
+
+    // Catalogue messages and dump lines the host received since the last call.
+    std::vector<HostMessage> takeUserMessages();
+    std::vector<std::uint32_t> sleeps() const { return sim::recordedSleeps(); }
+
+    // The driver's snapshot sets and cache files on the machine: what a
+    // leak would leave behind.
+    std::vector<std::string> leftovers() const;
+
+    HostNode* group_ = nullptr;
+    std::vector<std::unique_ptr<HostNode>> records_;
+};
+
+// n waits of one second.
+inline std::vector<std::uint32_t> seconds(std::size_t n) {
+    return std::vector<std::uint32_t>(n, 1000);
+}
+
+}  // namespace nodetest
+
+#endif  // TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
