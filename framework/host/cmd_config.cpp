@@ -4,13 +4,19 @@
 // talk to the nodes through the config entry point.
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "host/host_node.h"
+#include "kiv/kivconfig/setconfiginfo.h"
+#include "output.h"
 #include "host/text.h"
 #include "session.h"
 #include "tarn/tarnutil.h"
@@ -92,27 +98,35 @@ std::int32_t request(host::PluginHost& plugin, tarn_node* record, std::uint32_t 
 }
 
 int runConfigInfo(const GlobalOptions& options) {
-    ProviderSession session(std::nullopt);
+    ProviderSession session(options);
     if (!session.start(options)) {
         return kExitFailed;
     }
     ConfigNodes nodes(session.plugin(), u"<kiv>C:");
     if (!nodes.attached()) {
-        std::cerr << "fihost: init_node answered " << nodes.status() << "\n";
+        std::cerr << "fihost config-info: the provider refused the configuration nodes ("
+                  << statusText(nodes.status(), options) << ")\n";
         return kExitFailed;
     }
     int exitCode = kExitOk;
+    nlohmann::json facts = nlohmann::json::array();
     for (Group group : {Group::kQuiesce, Group::kCache, Group::kSplit}) {
         Addressed addressed = addressOf(group);
         std::string document;
         std::int32_t status = request(session.plugin(), nodes.recordFor(addressed), kConfigInfo,
                                       addressed, nullptr, &document);
-        std::cout << addressed.name << " settings (status " << status << "):\n"
-                  << document << "\n\n";
+        facts.push_back({{"group", addressed.name}, {"status", status}, {"document", document}});
         if (status != 0) {
+            std::cerr << "fihost config-info: no " << addressed.name << " settings document ("
+                      << statusText(status, options) << ")\n";
             exitCode = kExitFailed;
+            continue;
+        }
+        if (!options.output->json()) {
+            std::cout << addressed.name << " settings:\n" << document << "\n\n";
         }
     }
+    options.output->result({{"groups", facts}});
     return exitCode;
 }
 
@@ -123,12 +137,30 @@ struct SetOptions {
     std::string volume = "<kiv>C:";
 };
 
+// Why the provider refused a settings document, as far as the host can tell.
+std::string refusalReason(Group group, const std::string& document) {
+    std::vector<std::u16string> entries;
+    std::u16string wide = host::toUtf16(document);
+    if (group == Group::kSplit && wide.find(u"TARN_CFS_AUTO_PREP") == std::u16string::npos &&
+        wide.find(u"TARN_CFS_SELECT_PREP") == std::u16string::npos) {
+        return "split settings name their preparation mode, TARN_CFS_AUTO_PREP or "
+               "TARN_CFS_SELECT_PREP";
+    }
+    if (parseSetConfigInfo(wide.c_str(), entries) != 0) {
+        return "the document does not parse; it reads <SET_CONFIG_INFO_LIST> "
+               "<SET_CONFIG_INFO key=KEY value=VALUE /> ... </SET_CONFIG_INFO_LIST>, separated by "
+               "blanks ('fihost config-info' lists the keys)";
+    }
+    return "the provider gave no reason";
+}
+
 int runConfigSet(const GlobalOptions& options, const SetOptions& set) {
     std::string document = set.document;
     if (!set.file.empty()) {
         std::ifstream in(set.file);
         if (!in) {
-            std::cerr << "fihost: cannot read settings document " << set.file << "\n";
+            std::cerr << "fihost config-set: cannot read the settings document " << set.file << ": "
+                      << std::strerror(errno) << "\n";
             return kExitFailed;
         }
         std::ostringstream contents;
@@ -141,30 +173,48 @@ int runConfigSet(const GlobalOptions& options, const SetOptions& set) {
     Group group = set.group == "cache"   ? Group::kCache
                   : set.group == "split" ? Group::kSplit
                                          : Group::kQuiesce;
-    ProviderSession session(std::nullopt);
+    ProviderSession session(options);
     if (!session.start(options)) {
         return kExitFailed;
     }
     ConfigNodes nodes(session.plugin(), host::toUtf16(set.volume));
     if (!nodes.attached()) {
-        std::cerr << "fihost: init_node answered " << nodes.status() << "\n";
+        std::cerr << "fihost config-set: the provider refused the configuration nodes ("
+                  << statusText(nodes.status(), options) << ")\n";
         return kExitFailed;
     }
     Addressed addressed = addressOf(group);
     std::u16string wide = host::toUtf16(document);
     std::int32_t status = request(session.plugin(), nodes.recordFor(addressed), kConfigSet,
                                   addressed, &wide, nullptr);
-    std::cout << "set " << addressed.name << " settings: status " << status << "\n";
     std::string stored;
     request(session.plugin(), nodes.recordFor(addressed), kConfigGet, addressed, nullptr, &stored);
-    std::cout << "provider holds: " << (stored.empty() ? "(nothing)" : stored) << "\n";
-    printMessages(session.context().takeMessages(), 3, "  ");
-    return status == 0 ? kExitOk : kExitFailed;
+    nlohmann::json facts = {
+        {"group", addressed.name}, {"status", status}, {"accepted", status == 0}, {"held", stored}};
+    if (status != 0) {
+        std::string reason = refusalReason(group, document);
+        facts["reason"] = reason;
+        options.output->result(facts);
+        std::cerr << "fihost config-set: the provider refused the " << addressed.name
+                  << " settings (" << statusText(status, options) << "): " << reason << "\n";
+        return kExitFailed;
+    }
+    options.output->result(facts);
+    if (!options.output->json()) {
+        std::cout << addressed.name << " settings accepted\n";
+        std::cout << "provider holds: " << (stored.empty() ? "(nothing)" : stored) << "\n";
+        printMessages(session.context().takeMessages(), 3, "  ");
+    }
+    return kExitOk;
 }
 
 }  // namespace
 
-CommandRun configureConfigInfo(CLI::App& /*command*/) {
+CommandRun configureConfigInfo(CLI::App& command) {
+    command.footer(
+        "Examples:\n"
+        "  fihost config-info            the quiesce, cache and split keys with their ranges\n"
+        "  fihost --json config-info     the same documents as JSON strings");
     return &runConfigInfo;
 }
 
@@ -172,11 +222,21 @@ CommandRun configureConfigSet(CLI::App& command) {
     auto set = std::make_shared<SetOptions>();
     command.add_option("--group", set->group, "quiesce, cache or split")
         ->check(CLI::IsMember({"quiesce", "cache", "split"}));
-    auto* inline_ = command.add_option("--document", set->document,
-                                       "The SET_CONFIG_INFO settings document itself");
-    command.add_option("--file", set->file, "A file holding the settings document")
-        ->excludes(inline_);
+    CLI::Option_group* source =
+        command.add_option_group("document", "The settings document, inline or from a file");
+    source->add_option("--document", set->document, "The SET_CONFIG_INFO settings document itself");
+    source->add_option("--file", set->file, "A file holding the settings document");
+    source->require_option(1);
     command.add_option("--volume", set->volume, "The volume object for split settings");
+    command.footer(
+        "A settings document is one line of elements separated by blanks:\n"
+        "  <SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=KEY value=VALUE /> ... "
+        "</SET_CONFIG_INFO_LIST>\n"
+        "Examples:\n"
+        "  fihost config-set --group quiesce --document '<SET_CONFIG_INFO_LIST> "
+        "<SET_CONFIG_INFO key=quiesceWait value=10 /> </SET_CONFIG_INFO_LIST>'\n"
+        "  fihost config-set --group cache --file cache-settings.txt\n"
+        "  fihost config-set --group split --document 'TARN_CFS_AUTO_PREP'");
     return [set](const GlobalOptions& options) { return runConfigSet(options, *set); };
 }
 

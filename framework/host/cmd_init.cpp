@@ -27,6 +27,8 @@ int runInit(const GlobalOptions& options, const InitOptions& init) {
     contextOptions.withCallback = !init.noCallback;
     if (!init.locale.empty()) {
         contextOptions.locale = init.locale;
+    } else if (!options.locale.empty()) {
+        contextOptions.locale = options.locale;
     }
     host::HostContext context(contextOptions);
     context.setListener([](const host::HostMessage& message) { printMessage(std::cout, message); });
@@ -49,7 +51,13 @@ int runInit(const GlobalOptions& options, const InitOptions& init) {
 
 CommandRun configureInit(CLI::App& command) {
     auto init = std::make_shared<InitOptions>();
-    command.add_option("--locale", init->locale, "Locale handed to the plug-in, e.g. de");
+    command.add_option("--locale", init->locale,
+                       "Locale handed to the plug-in, e.g. de (the global --lang does the same)");
+    command.footer(
+        "Examples:\n"
+        "  fihost init                          start-up, with every message of the plug-in\n"
+        "  fihost --lang de init                the same with the German catalogue\n"
+        "  fihost init --no-callback            a context without message callback");
     command.add_flag("--no-callback", init->noCallback, "Hand a context without message callback");
     return [init](const GlobalOptions& options) { return runInit(options, *init); };
 }

@@ -5,7 +5,10 @@
 #include <iostream>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "commands.h"
+#include "output.h"
 #include "host/plugin_host.h"
 #include "host/provider_list.h"
 
@@ -30,6 +33,18 @@ int runProviders(const GlobalOptions& options) {
         std::cerr << "fihost: method list: " << status.toString() << "\n";
         return kExitFailed;
     }
+    nlohmann::json methodFacts = nlohmann::json::array();
+    for (const host::MethodInfo& method : methods) {
+        methodFacts.push_back({{"name", method.name},
+                               {"description", method.description},
+                               {"version", method.versionText}});
+    }
+    options.output->result({{"provider", provider.name},
+                            {"interfaceVersion", host::versionString(provider.version)},
+                            {"methods", methodFacts}});
+    if (options.output->json()) {
+        return kExitOk;
+    }
     std::cout << "provider " << provider.name << "\n";
     std::cout << "  interface version " << host::versionString(provider.version) << "\n";
     if (methods.empty()) {
@@ -44,7 +59,11 @@ int runProviders(const GlobalOptions& options) {
 
 }  // namespace
 
-CommandRun configureProviders(CLI::App& /*command*/) {
+CommandRun configureProviders(CLI::App& command) {
+    command.footer(
+        "Examples:\n"
+        "  fihost providers                     name, interface version and method\n"
+        "  fihost --plugin ./libfikiv.so providers");
     return &runProviders;
 }
 

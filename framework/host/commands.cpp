@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <iostream>
 #include <iterator>
 #include <string>
@@ -9,6 +10,8 @@
 
 #include "host/host_context.h"
 #include "host/plugin_host.h"
+#include "host/text.h"
+#include "tarn/msgcatalog.h"
 
 namespace fihost {
 
@@ -65,6 +68,18 @@ void printMessage(std::ostream& out, const host::HostMessage& message) {
     if (message.secondText.has_value()) {
         out << "        " << withoutLineEnd(*message.secondText) << "\n";
     }
+}
+
+std::string statusText(std::int32_t status, const GlobalOptions& options) {
+    char id[32];
+    std::snprintf(id, sizeof(id), "MSG_TARN_E%04d", status);
+    tarp_MsgCatalog catalog("TarnError", options.locale.c_str(), false);
+    const char16_t* text = catalog.getCachedMsg(id, false);
+    std::string result = "status " + std::to_string(status);
+    if (text != nullptr) {
+        result += ": " + host::toUtf8(text);
+    }
+    return result;
 }
 
 host::Status loadPlugin(const GlobalOptions& options, host::PluginHost& plugin) {

@@ -3,6 +3,7 @@
 #ifndef FRAMEWORK_HOST_COMMANDS_H_
 #define FRAMEWORK_HOST_COMMANDS_H_
 
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <string>
@@ -21,9 +22,20 @@ struct HostMessage;
 
 namespace fihost {
 
+class Output;
+
 // Options that every subcommand shares.
 struct GlobalOptions {
     std::string pluginPath;
+    // --machine: the machine description the command works on. The frame
+    // points FIKIV_MACHINE at it before the command runs; empty leaves
+    // FIKIV_MACHINE, or the default machine, in charge.
+    std::string machineFile;
+    // --lang: the catalogue locale handed to the plug-in; empty for none.
+    std::string locale;
+    // Where the command's facts and the plug-in's messages go (--json, -v,
+    // --trace). Never null while a command runs.
+    Output* output = nullptr;
 };
 
 // Runs a parsed subcommand; the result is the program's exit code.
@@ -45,6 +57,10 @@ std::string defaultPluginPath();
 
 // Loads the plug-in named by the options, and says on stderr why not.
 host::Status loadPlugin(const GlobalOptions& options, host::PluginHost& plugin);
+
+// "status 3: The request is invalid." for a status the plug-in answered, the
+// text from the framework's TarnError catalogue in the --lang locale.
+std::string statusText(std::int32_t status, const GlobalOptions& options);
 
 // Prints one message of the plug-in's callback: its level, the first text and,
 // when it has one, the second text on its own line.

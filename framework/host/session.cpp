@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include "output.h"
+
 namespace fihost {
 namespace {
 
@@ -21,27 +23,20 @@ std::string withoutLogPrefix(const std::string& line) {
     return text;
 }
 
-const char* levelName(std::uint32_t level) {
-    switch (level) {
-        case 1:
-            return "info";
-        case 2:
-            return "warning";
-        case 3:
-            return "error";
-        case 4:
-            return "trace";
-        default:
-            return "message";
-    }
-}
-
 }  // namespace
 
 ProviderSession::ProviderSession(std::optional<std::string> locale)
     : context_(host::HostContextOptions{.locale = std::move(locale)}) {}
 
+ProviderSession::ProviderSession(const GlobalOptions& options)
+    : ProviderSession(options.locale.empty() ? std::nullopt
+                                             : std::optional<std::string>(options.locale)) {}
+
 bool ProviderSession::start(const GlobalOptions& options) {
+    if (Output* output = options.output) {
+        context_.setListener(
+            [output](const host::HostMessage& message) { output->message(message); });
+    }
     if (!loadPlugin(options, plugin_).isOk()) {
         return false;
     }

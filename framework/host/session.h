@@ -17,8 +17,11 @@ namespace fihost {
 class ProviderSession {
   public:
     explicit ProviderSession(std::optional<std::string> locale);
+    // With the catalogue locale that --lang names.
+    explicit ProviderSession(const GlobalOptions& options);
 
-    // Loads and initialises the plug-in; says on stderr why not.
+    // Loads and initialises the plug-in; says on stderr why not. The
+    // plug-in's callback messages go to the options' output (-v, --trace).
     bool start(const GlobalOptions& options);
 
     host::PluginHost& plugin() { return plugin_; }

@@ -33,6 +33,9 @@ RunResult runFihost(const std::string& arguments) {
 }
 
 TEST(FihostTest, CommandsAnswerAsAUserExpects) {
+    nlohmann::json description = {
+        {"volumes", nlohmann::json::array({testsupport::TempMachine::volume(1, {"C:\\"})})}};
+    testsupport::TempMachine machine(description);
     struct Row {
         const char* name;
         std::string arguments;
@@ -49,8 +52,8 @@ TEST(FihostTest, CommandsAnswerAsAUserExpects) {
         {"InitWithLocale", "init --locale de", true, "init: status 0, version 7.0.0.0\n"},
         {"MissingPlugin", "--plugin /nonexistent/libfikiv.so providers", false,
          "no plug-in library at /nonexistent/libfikiv.so"},
-        {"NoSubcommand", "", false, "subcommand"},
-        {"UnknownSubcommand", "nosuchcommand", false, "subcommand"},
+        {"NoSubcommand", "", false, "a command is required"},
+        {"UnknownSubcommand", "nosuchcommand", false, "unknown command 'nosuchcommand'"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
