@@ -97,16 +97,37 @@ std::u16string_view rootKey(std::u16string_view root) {
 
 }  // namespace
 
+namespace {
+
+// foldCase with its ASCII part inline: roots and GUID names are ASCII, and
+// these run for every character of every lookup.
+inline char16_t fold(char16_t c) {
+    if (c < 0x80) {
+        return c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 0x20) : c;
+    }
+    return foldCase(c);
+}
+
+}  // namespace
+
 std::size_t Machine::FoldedHash::operator()(std::u16string_view text) const {
     std::size_t value = 14695981039346656037ull;
     for (char16_t c : text) {
-        value = (value ^ foldCase(c)) * 1099511628211ull;
+        value = (value ^ fold(c)) * 1099511628211ull;
     }
     return value;
 }
 
 bool Machine::FoldedEqual::operator()(std::u16string_view a, std::u16string_view b) const {
-    return equalsIgnoreCase(a, b);
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (a[i] != b[i] && fold(a[i]) != fold(b[i])) {
+            return false;
+        }
+    }
+    return true;
 }
 
 void Machine::index() {
