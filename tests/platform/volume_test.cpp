@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -157,6 +158,36 @@ TEST_F(NestedMachineTest, FindNextVolumeRows) {
     os::SetLastError(kUntouched);
     EXPECT_FALSE(os::FindVolumeClose(find));
     EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+}
+
+// Searches answer from the machine they started on, to their end, even when
+// the process moves to another machine meanwhile.
+TEST(SearchLifetimeTest, OpenSearchesOutliveTheirMachine) {
+    auto first = std::make_unique<TempMachine>(platformtest::nestedMachine());
+    char16_t name[50];
+    os::HANDLE volumes = os::FindFirstVolumeW(name, 50);
+    ASSERT_NE(volumes, os::INVALID_HANDLE_VALUE);
+    char16_t mountPoint[os::MAX_PATH];
+    os::HANDLE mountPoints =
+        os::FindFirstVolumeMountPointW(TempMachine::guidName(1).c_str(), mountPoint, os::MAX_PATH);
+    ASSERT_NE(mountPoints, os::INVALID_HANDLE_VALUE);
+    first.reset();
+    TempMachine second(nlohmann::json{{"volumes", {TempMachine::volume(9, {"C:\\"})}}});
+
+    std::vector<std::u16string> names{name};
+    while (os::FindNextVolumeW(volumes, name, 50)) {
+        names.emplace_back(name);
+    }
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NO_MORE_FILES);
+    EXPECT_EQ(names.size(), 8u);
+    EXPECT_EQ(names.back(), TempMachine::guidName(8));
+    std::vector<std::u16string> folders{mountPoint};
+    while (os::FindNextVolumeMountPointW(mountPoints, mountPoint, os::MAX_PATH)) {
+        folders.emplace_back(mountPoint);
+    }
+    EXPECT_EQ(folders, (std::vector<std::u16string>{u"mnt\\data\\", u"mnt\\d2\\"}));
+    EXPECT_TRUE(os::FindVolumeClose(volumes));
+    EXPECT_TRUE(os::FindVolumeMountPointClose(mountPoints));
 }
 
 TEST(EmptyMachineTest, FindFirstVolumeHasNoMoreFiles) {
