@@ -36,6 +36,9 @@ void clearFaults();
 struct CallSite {
     std::atomic<std::uint64_t> calls{0};
     std::atomic<bool> faulted{false};
+
+  protected:
+    CallSite() = default;  // made only by callSite()
 };
 CallSite& callSite(std::string_view function);
 
