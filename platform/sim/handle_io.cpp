@@ -12,7 +12,7 @@
 
 #include "os/error.h"
 #include "os_call.h"
-#include "pipe_framing.h"
+#include "pipe_server.h"
 #include "sim/errors.h"
 #include "sim/handles.h"
 
