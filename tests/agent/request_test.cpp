@@ -1,0 +1,253 @@
+// Request handling without pipes or other processes: every malformed request
+// answered with its error and nothing held changed, the register, retrieve and
+// release round trip, and the test options.
+#include "request.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "handle_table.h"
+#include "orbhandle/protocol.h"
+#include "os/error.h"
+
+namespace {
+
+using kivagent::HandleTable;
+using kivagent::Outcome;
+using kivagent::Peer;
+using kivagent::RequestContext;
+
+constexpr os::DWORD kAgentPid = 900;
+constexpr std::uint32_t kAgentUser = 1000;
+constexpr os::DWORD kCallerPid = 4242;
+const Peer kCaller{kCallerPid, kAgentUser};
+
+// Hands out handle values 0x1000, 0x1004, ... and checks that each is closed
+// once.
+class FakeOperations final : public kivagent::HandleOperations {
+  public:
+    os::DWORD duplicateFrom(os::DWORD processId, std::uint64_t handle,
+                            std::uint64_t* copy) override {
+        if (refuse != 0) {
+            return refuse;
+        }
+        *copy = next_;
+        next_ += 4;
+        open.insert(*copy);
+        taken.push_back({processId, handle});
+        return 0;
+    }
+    os::DWORD close(std::uint64_t handle) override {
+        if (open.erase(handle) == 0) {
+            ++badCloses;
+            return os::ERROR_INVALID_HANDLE;
+        }
+        closed.push_back(handle);
+        return 0;
+    }
+
+    os::DWORD refuse = 0;
+    std::set<std::uint64_t> open;
+    std::vector<std::uint64_t> closed;
+    std::vector<std::pair<os::DWORD, std::uint64_t>> taken;
+    int badCloses = 0;
+
+  private:
+    std::uint64_t next_ = 0x1000;
+};
+
+std::vector<unsigned char> makeRequest(std::uint32_t code, os::DWORD pid, std::uint64_t handle,
+                                       const std::u16string& name) {
+    orbhandle::Request request{};
+    request.code = code;
+    request.processId = pid;
+    request.handle = handle;
+    std::memcpy(request.volumeName, name.data(),
+                std::min(name.size(), orbhandle::kMaxVolumeNameLength + 1) * sizeof(char16_t));
+    std::vector<unsigned char> bytes(sizeof(request));
+    std::memcpy(bytes.data(), &request, sizeof(request));
+    return bytes;
+}
+
+std::vector<unsigned char> registerRequest(const std::u16string& name, std::uint64_t handle = 16,
+                                           os::DWORD pid = kCallerPid) {
+    return makeRequest(orbhandle::kRegisterVolumeHandle, pid, handle, name);
+}
+std::vector<unsigned char> retrieveRequest(const std::u16string& name) {
+    return makeRequest(orbhandle::kRetrieveHandle, kCallerPid, 0, name);
+}
+std::vector<unsigned char> releaseRequest(const std::u16string& name) {
+    return makeRequest(orbhandle::kReleaseVolumeHandle, kCallerPid, 0, name);
+}
+
+class RequestTest : public ::testing::Test {
+  protected:
+    Outcome handle(const std::vector<unsigned char>& message, const Peer& peer = kCaller) {
+        return kivagent::handleRequest(message, peer, context_);
+    }
+
+    FakeOperations operations_;
+    HandleTable table_{operations_};
+    kivagent::Faults faults_;
+    RequestContext context_{table_, kAgentPid, kAgentUser, &faults_};
+};
+
+TEST_F(RequestTest, MalformedRequestsAreRefusedAndChangeNothing) {
+    const std::u16string held = u"\\\\?\\Held:";
+    ASSERT_EQ(handle(registerRequest(held)).reply.status, 0u);
+
+    std::vector<unsigned char> unterminated = retrieveRequest(u"");
+    for (std::size_t i = 0; i <= orbhandle::kMaxVolumeNameLength; ++i) {
+        std::memcpy(unterminated.data() + 16 + 2 * i, u"x", 2);
+    }
+    std::vector<unsigned char> longer = retrieveRequest(held);
+    longer.push_back(0);
+    std::vector<unsigned char> twoRequests = releaseRequest(held);
+    twoRequests.insert(twoRequests.end(), twoRequests.begin(), twoRequests.end());
+    std::vector<unsigned char> shorter = releaseRequest(held);
+    shorter.pop_back();
+
+    struct Row {
+        const char* label;
+        std::vector<unsigned char> message;
+        Peer peer;
+        os::DWORD status;
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"empty message", {}, kCaller, os::ERROR_BAD_LENGTH},
+        {"code only", {3, 0, 0, 0}, kCaller, os::ERROR_BAD_LENGTH},
+        {"one byte short", shorter, kCaller, os::ERROR_BAD_LENGTH},
+        {"one byte long", longer, kCaller, os::ERROR_BAD_LENGTH},
+        {"two requests in one message", twoRequests, kCaller, os::ERROR_BAD_LENGTH},
+        {"code 0", makeRequest(0, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"code 1", makeRequest(1, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"code 5", makeRequest(5, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"code all ones", makeRequest(0xFFFFFFFF, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"name without NUL", unterminated, kCaller, os::ERROR_INVALID_NAME},
+        {"empty name", releaseRequest(u""), kCaller, os::ERROR_INVALID_NAME},
+        {"process id of another process", makeRequest(4, kCallerPid + 1, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
+        {"process id 0", makeRequest(4, 0, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
+        {"caller of another user", releaseRequest(held), {kCallerPid, kAgentUser + 1}, os::ERROR_ACCESS_DENIED},
+        {"another user, checked before the size", shorter, {kCallerPid, kAgentUser + 1}, os::ERROR_ACCESS_DENIED},
+        {"register of handle 0", registerRequest(held, 0), kCaller, os::ERROR_INVALID_HANDLE},
+        {"register of the no-handle value", registerRequest(held, ~0ull), kCaller, os::ERROR_INVALID_HANDLE},
+        {"release of a name not held", releaseRequest(u"\\\\?\\Other:"), kCaller, os::ERROR_FILE_NOT_FOUND},
+        {"retrieve of a name not held", retrieveRequest(u"\\\\?\\held:"), kCaller, os::ERROR_FILE_NOT_FOUND},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.label);
+        Outcome outcome = handle(row.message, row.peer);
+        EXPECT_EQ(outcome.reply.status, row.status);
+        EXPECT_EQ(outcome.record.status, row.status);
+        EXPECT_FALSE(outcome.record.note.empty()) << "the log says why";
+        EXPECT_EQ(outcome.reply.processId, 0u);
+        EXPECT_EQ(outcome.reply.handle, 0u);
+        EXPECT_EQ(table_.size(), 1u);
+        // Still serving: the held name is answered as before.
+        EXPECT_EQ(handle(retrieveRequest(held)).reply.handle, 0x1000u);
+    }
+    EXPECT_EQ(operations_.taken.size(), 1u) << "no malformed request took a handle";
+    EXPECT_TRUE(operations_.closed.empty());
+}
+
+TEST_F(RequestTest, NamesUpToTheLimitAndRootCallersAreAccepted) {
+    std::u16string longest(orbhandle::kMaxVolumeNameLength, u'n');
+    EXPECT_EQ(handle(registerRequest(longest)).reply.status, 0u);
+    EXPECT_EQ(handle(releaseRequest(longest), {kCallerPid, 0}).reply.status, 0u)
+        << "root may talk to any user's agent";
+}
+
+TEST_F(RequestTest, RegisterRetrieveReleaseRoundTrip) {
+    const std::u16string name = u"\\\\?\\Snap1:";
+    Outcome registered = handle(registerRequest(name, 0x24));
+    EXPECT_EQ(registered.reply.status, 0u);
+    ASSERT_EQ(operations_.taken.size(), 1u);
+    EXPECT_EQ(operations_.taken[0], (std::pair<os::DWORD, std::uint64_t>{kCallerPid, 0x24}));
+    EXPECT_EQ(registered.reply.handle, 0u) << "only retrieve answers a handle";
+
+    Outcome retrieved = handle(retrieveRequest(name));
+    EXPECT_EQ(retrieved.reply.status, 0u);
+    EXPECT_EQ(retrieved.reply.processId, kAgentPid);
+    EXPECT_EQ(retrieved.reply.handle, 0x1000u);
+    for (unsigned char unused : retrieved.reply.unused) {
+        ASSERT_EQ(unused, 0);
+    }
+    // Names are compared exactly: another case is another name.
+    EXPECT_EQ(handle(retrieveRequest(u"\\\\?\\SNAP1:")).reply.status, os::ERROR_FILE_NOT_FOUND);
+
+    EXPECT_EQ(handle(releaseRequest(name)).reply.status, 0u);
+    EXPECT_EQ(operations_.closed, std::vector<std::uint64_t>{0x1000});
+    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, os::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(handle(releaseRequest(name)).reply.status, os::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(operations_.badCloses, 0);
+}
+
+TEST_F(RequestTest, RegisteringAHeldNameAgainKeepsTheNewerHandle) {
+    const std::u16string name = u"\\\\.\\Snap7:";
+    ASSERT_EQ(handle(registerRequest(name, 0x10)).reply.status, 0u);
+    Outcome again = handle(registerRequest(name, 0x20));
+    EXPECT_EQ(again.reply.status, 0u);
+    EXPECT_NE(again.record.note.find("replacing"), std::string::npos) << again.record.note;
+    EXPECT_EQ(operations_.closed, std::vector<std::uint64_t>{0x1000}) << "the older one is closed";
+    EXPECT_EQ(handle(retrieveRequest(name)).reply.handle, 0x1004u);
+    EXPECT_EQ(table_.closeAll(), 1u);
+    EXPECT_TRUE(operations_.open.empty());
+}
+
+TEST_F(RequestTest, AFailedDuplicationHoldsNothing) {
+    operations_.refuse = os::ERROR_INVALID_HANDLE;
+    Outcome outcome = handle(registerRequest(u"\\\\?\\Snap2:"));
+    EXPECT_EQ(outcome.reply.status, os::ERROR_INVALID_HANDLE);
+    EXPECT_EQ(table_.size(), 0u);
+}
+
+TEST_F(RequestTest, BusyAnswersTheFirstExchangesWhateverTheyHold) {
+    faults_.setBusy(3);
+    const std::u16string name = u"\\\\?\\Snap3:";
+    std::vector<std::vector<unsigned char>> messages = {
+        registerRequest(name), {1, 2, 3}, registerRequest(name), registerRequest(name)};
+    std::vector<os::DWORD> statuses;
+    for (const auto& message : messages) {
+        statuses.push_back(handle(message).reply.status);
+    }
+    EXPECT_EQ(statuses, (std::vector<os::DWORD>{231, 231, 231, 0}));
+    EXPECT_EQ(operations_.taken.size(), 1u) << "busy exchanges do nothing";
+}
+
+TEST_F(RequestTest, FailAnswersTheStatusForItsCodeOnly) {
+    faults_.setFailure(orbhandle::kRetrieveHandle, 5, /*count=*/2);
+    faults_.setFailure(orbhandle::kReleaseVolumeHandle, 31);
+    const std::u16string name = u"\\\\?\\Snap4:";
+    EXPECT_EQ(handle(registerRequest(name)).reply.status, 0u);
+    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, 5u);
+    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, 5u);
+    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, 0u) << "only the first two";
+    EXPECT_EQ(handle(releaseRequest(name)).reply.status, 31u);
+    EXPECT_EQ(handle(releaseRequest(name)).reply.status, 31u);
+    EXPECT_EQ(table_.size(), 1u) << "a failed release keeps the handle";
+    // A malformed request still gets its own error, not the injected one.
+    EXPECT_EQ(handle(makeRequest(4, kCallerPid + 1, 0, name)).reply.status,
+              os::ERROR_ACCESS_DENIED);
+}
+
+TEST_F(RequestTest, LogLineNamesPeerCodeNameAndStatusOnOneLine) {
+    Outcome outcome = handle(registerRequest(u"\\\\?\\Snap\"5\n:\u00e9", 0x30));
+    std::string line = kivagent::formatLogRecord(outcome.record);
+    EXPECT_EQ(line.find('\n'), std::string::npos) << line;
+    EXPECT_EQ(line.rfind(
+                  "peer 4242 code 2 register name \"\\\\?\\Snap\\x225\\x0a:\xc3\xa9\" status 0", 0),
+              0u)
+        << line;
+
+    std::string shortLine = kivagent::formatLogRecord(handle({9}).record);
+    EXPECT_EQ(shortLine.rfind("peer 4242 code - name \"\" status 24: request of 1 bytes", 0), 0u)
+        << shortLine;
+}
+
+}  // namespace
