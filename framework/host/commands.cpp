@@ -43,6 +43,7 @@ const std::vector<Command>& commandTable() {
          "and dispose of it",
          &configureSnapshot},
         {"delete", "Dispose of snapshot volumes that snapshot --keep left", &configureDelete},
+        {"events", "Show the event-log records of the machine, the newest last", &configureEvents},
     };
     return table;
 }

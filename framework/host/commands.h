@@ -77,6 +77,7 @@ CommandRun configureProviders(CLI::App& command);
 CommandRun configureVolumes(CLI::App& command);
 CommandRun configureConfigInfo(CLI::App& command);
 CommandRun configureConfigSet(CLI::App& command);
+CommandRun configureEvents(CLI::App& command);
 CommandRun configureSnapshot(CLI::App& command);
 CommandRun configureDelete(CLI::App& command);
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "fihost_run.h"
 #include "support/temp_machine.h"
@@ -139,6 +140,47 @@ TEST(FihostCliTest, VerboseAndTraceShowTheCallbackWithLevels) {
               std::string::npos)
         << traced.err;
     EXPECT_EQ(quiet.out, traced.out);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(FihostCliTest, EventsListTheLogOldestFirstAndFilter) {
+    TempMachine machine(smallMachine());
+    std::filesystem::path state = machine.directory() / "machine.state";
+    std::filesystem::create_directories(state);
+    std::ofstream(state / "eventlog.jsonl")
+        << R"({"time":"2026-11-23T10:00:00.000Z","source":"fikiv","type":2,"category":0,"eventId":7,"strings":["first"],"pid":11})"
+        << "\n"
+        << R"({"time":"2026-11-23T12:00:00.000Z","source":"fikiv","type":1,"category":0,"eventId":8,"strings":["second"],"pid":12})"
+        << "\n";
+    // clang-format off
+    const struct {
+        const char* arguments;
+        std::vector<std::string> texts;  // in the order shown
+    } rows[] = {
+        {"events",                              {"first", "second"}},
+        {"events --level error",                {"second"}},
+        {"events --since 2026-11-23T11",        {"second"}},
+        {"events --since 2026-11-24",           {}},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.arguments);
+        FihostResult text = runFihost(row.arguments);
+        FihostResult json = runFihost(std::string(row.arguments) + " --json");
+        EXPECT_EQ(text.exitCode, 0) << text.err;
+        nlohmann::json events = jsonOf(json)["result"]["events"];
+        ASSERT_EQ(events.size(), row.texts.size()) << json.out;
+        std::size_t at = 0;
+        for (std::size_t i = 0; i < row.texts.size(); ++i) {
+            EXPECT_EQ(events[i]["text"], row.texts[i]);
+            at = text.out.find("  " + row.texts[i] + "\n", at);
+            EXPECT_NE(at, std::string::npos) << text.out;
+        }
+    }
+    EXPECT_EQ(runFihost("events --level loud").exitCode, 2);
 }
 
 }  // namespace
