@@ -10,10 +10,10 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <utility>
 
+#include "kivagent/agent_state.h"
 #include "sim/machine.h"
 
 extern char** environ;
@@ -54,18 +54,13 @@ int runToEnd(const std::string& program, const std::vector<std::string>& argumen
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// The process id in the agent's pid file of this machine, or 0.
-pid_t agentPid() {
+// What the agent of this machine leaves in its state directory.
+kivagent::AgentStatus agentStatus() {
     const sim::Machine* machine = sim::Machine::currentOrNull();
     if (machine == nullptr) {
-        return 0;
+        return {};
     }
-    std::ifstream in(machine->stateDirectory() / "kivagent.pid");
-    long pid = 0;
-    if (!(in >> pid) || pid <= 0) {
-        return 0;
-    }
-    return static_cast<pid_t>(pid);
+    return kivagent::readAgentStatus(machine->stateDirectory());
 }
 
 bool alive(pid_t pid) {
@@ -81,7 +76,7 @@ AgentProcess::~AgentProcess() {
 }
 
 bool AgentProcess::running() const {
-    return runToEnd(program_, {"--status"}) == 0;
+    return agentStatus().running;
 }
 
 Status AgentProcess::start(const std::vector<std::string>& arguments) {
@@ -96,8 +91,8 @@ Status AgentProcess::start(const std::vector<std::string>& arguments) {
     }
     auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
     while (std::chrono::steady_clock::now() < deadline) {
-        if (pid_t pid = agentPid(); alive(pid) && running()) {
-            pid_ = pid;
+        if (kivagent::AgentStatus status = agentStatus(); status.running) {
+            pid_ = status.processId;
             return Status::ok();
         }
         std::this_thread::sleep_for(kPollInterval);

@@ -24,10 +24,11 @@ class AgentProcess {
     AgentProcess(const AgentProcess&) = delete;
     AgentProcess& operator=(const AgentProcess&) = delete;
 
-    // True when an agent of this machine answers (kivagent --status).
+    // True when an agent serves this machine (it holds the lock on its pid
+    // file in the machine's state directory).
     bool running() const;
-    // Starts kivagent --daemon with the extra arguments (such as --busy 3)
-    // and waits until it answers. kNotFound when the program is missing,
+    // Starts kivagent --daemon with the extra arguments (such as --busy 3);
+    // the agent serves the pipe by the time it returns. kNotFound when the program is missing,
     // kLoadFailed when it did not come up.
     Status start(const std::vector<std::string>& arguments = {});
     // Stops the agent this object started (SIGTERM) and waits for it to end.

@@ -485,7 +485,7 @@ Status SnapshotRun::prepareMakeAndAttach() {
         return failed("prepare", status);
     }
     for (const SnapshotVolume& volume : volumes_) {
-        detail(volume.source + ": cache file " +
+        detail("cache file of " + volume.source + " " +
                (volume.cacheFile.empty() ? "(none)" : volume.cacheFile) + ", initial " +
                std::to_string(volume.initialCacheMb) + " MB, maximum " +
                std::to_string(volume.maximumCacheMb) + " MB");
