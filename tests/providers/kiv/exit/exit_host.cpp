@@ -5,9 +5,12 @@
 //
 //   exit_host PLUGIN MODE
 //
-// MODE is "unload" (init, one initNode, unload, return from main) or "exit"
-// (init, one initNode, exit() with the plug-in loaded). Exit code 0 when
-// every step answered as expected, 3 when one did not, 2 for bad usage.
+// MODE is "unload" (init, one initNode, unload, return from main), "exit"
+// (init, one initNode, exit() with the plug-in loaded) or "prepare" (init, the
+// group node and two volume nodes, one prepare of both volumes with their
+// caches placed automatically, exit() with the plug-in loaded and the nodes
+// holding driver handles). Exit code 0 when every step answered as expected,
+// 3 when one did not, 2 for bad usage.
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,6 +29,8 @@
 host::HostContext* context = nullptr;
 host::PluginHost* plugin = nullptr;
 host::HostNode* node = nullptr;
+host::HostNode* group = nullptr;
+host::HostNode* secondNode = nullptr;
 
 namespace {
 
@@ -51,24 +56,69 @@ int fail(const char* step, std::int32_t status) {
     return 3;
 }
 
-// init and one node for volume C:, interposed first as a host would.
-int startWithOneNode() {
+// A node for `volume`, interposed first as a host would. The record stays
+// with the node until the plug-in goes.
+int attachVolume(const char16_t* volume, host::HostNode** record) {
+    host::HostNode source(volume);
+    tarn_objid* identity = nullptr;
+    tarn_objid** groups = nullptr;
+    std::uint32_t count = 0;
+    if (std::int32_t status = plugin->interpose(source.record(), &identity, &groups, &count);
+        status != 1) {
+        return fail("interpose", status);
+    }
+    *record = new host::HostNode(identity);
+    if (std::int32_t status = plugin->init_node((*record)->record(), nullptr, 0, nullptr);
+        status != 0) {
+        return fail("initNode", status);
+    }
+    return 0;
+}
+
+int init() {
     tarn_version version{};
     if (std::int32_t status = plugin->init(context->context(), &version); status != 0) {
         return fail("init", status);
     }
-    host::HostNode volume(u"C:");
-    tarn_objid* identity = nullptr;
-    tarn_objid** groups = nullptr;
-    std::uint32_t count = 0;
-    if (std::int32_t status = plugin->interpose(volume.record(), &identity, &groups, &count);
-        status != 1) {
-        return fail("interpose", status);
+    return 0;
+}
+
+int askForAutomaticPreparation(host::HostNode* volume) {
+    std::u16string document =
+        u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_AUTO_PREP /> "
+        u"</SET_CONFIG_INFO_LIST>";
+    tarn_config_request request{};
+    request.split_selector = 1;
+    request.text = document.data();
+    if (std::int32_t status = plugin->config(volume->record(), 2, nullptr, &request);
+        status != 0) {
+        return fail("config", status);
     }
-    // The record stays with the node until the plug-in goes.
-    node = new host::HostNode(identity);
-    if (std::int32_t status = plugin->init_node(node->record(), nullptr, 0, nullptr); status != 0) {
+    return 0;
+}
+
+// C: and E: prepared together: the volume nodes hold their source volumes'
+// handles and C:'s node the snapshot set's.
+int prepareTwoVolumes() {
+    group = new host::HostNode(u"kiv-cow-snapshot-group");
+    if (std::int32_t status = plugin->init_node(group->record(), nullptr, 0, nullptr);
+        status != 0) {
         return fail("initNode", status);
+    }
+    if (int result = attachVolume(u"C:", &node); result != 0) {
+        return result;
+    }
+    if (int result = attachVolume(u"E:", &secondNode); result != 0) {
+        return result;
+    }
+    for (host::HostNode* volume : {node, secondNode}) {
+        if (int result = askForAutomaticPreparation(volume); result != 0) {
+            return result;
+        }
+    }
+    tarn_fi_entry* entries[] = {node->fiEntries().front(), secondNode->fiEntries().front()};
+    if (std::int32_t status = plugin->prepare(entries[0], nullptr, entries, 2, 0); status != 0) {
+        return fail("prepare", status);
     }
     return 0;
 }
@@ -77,11 +127,11 @@ int startWithOneNode() {
 
 int main(int argc, char** argv) {
     if (argc != 3) {
-        std::fprintf(stderr, "usage: exit_host PLUGIN unload|exit\n");
+        std::fprintf(stderr, "usage: exit_host PLUGIN unload|exit|prepare\n");
         return 2;
     }
     const std::string mode = argv[2];
-    if (mode != "unload" && mode != "exit") {
+    if (mode != "unload" && mode != "exit" && mode != "prepare") {
         std::fprintf(stderr, "exit_host: unknown mode %s\n", argv[2]);
         return 2;
     }
@@ -92,7 +142,11 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "exit_host: %s\n", status.toString().c_str());
         return 3;
     }
-    if (int result = startWithOneNode(); result != 0) {
+    if (int result = init(); result != 0) {
+        return result;
+    }
+    int result = mode == "prepare" ? prepareTwoVolumes() : attachVolume(u"C:", &node);
+    if (result != 0) {
         return result;
     }
     if (mode == "unload") {

@@ -3,8 +3,13 @@
 #include <filesystem>
 #include <fstream>
 
+#include <unicode/fmtable.h>
+#include <unicode/msgfmt.h>
+#include <unicode/unistr.h>
+
 #include "host/text.h"
 #include "sim/clock.h"
+#include "tarn/msgcatalog.h"
 
 namespace nodetest {
 
@@ -35,6 +40,53 @@ std::u16string taggedVolume(int number) {
     return u"<kiv>" + name;
 }
 
+std::string catalogueText(const char* id, const std::vector<ReportArgument>& arguments) {
+    std::vector<icu::Formattable> values;
+    for (const ReportArgument& argument : arguments) {
+        if (const auto* text = std::get_if<std::string>(&argument)) {
+            std::u16string wide = host::toUtf16(*text);
+            values.emplace_back(icu::UnicodeString(wide.data(), static_cast<int32_t>(wide.size())));
+        } else {
+            values.emplace_back(std::get<std::int32_t>(argument));
+        }
+    }
+    // Opened and closed here: the plug-in cleans ICU up when it is unloaded,
+    // which must not find a bundle of ours still open.
+    tarp_MsgCatalog catalogue("libfikiv", nullptr, false);
+    const char16_t* pattern = catalogue.getCachedMsg(id, false);
+    if (pattern == nullptr) {
+        return std::string("<no message ") + id + ">";
+    }
+    UErrorCode status = U_ZERO_ERROR;
+    icu::UnicodeString result;
+    icu::MessageFormat::format(icu::UnicodeString(pattern), values.data(),
+                               static_cast<int32_t>(values.size()), result, status);
+    if (U_FAILURE(status)) {
+        return std::string("<cannot format ") + id + ">";
+    }
+    return host::toUtf8(std::u16string(result.getBuffer(), static_cast<std::size_t>(result.length())));
+}
+
+std::vector<std::string> reportsOf(const std::vector<HostMessage>& messages) {
+    std::vector<std::string> reports;
+    for (const HostMessage& message : messages) {
+        if (message.secondText.has_value()) {
+            reports.push_back(*message.secondText);
+        }
+    }
+    return reports;
+}
+
+std::vector<HostMessage> plainLinesOf(const std::vector<HostMessage>& messages) {
+    std::vector<HostMessage> lines;
+    for (const HostMessage& message : messages) {
+        if (!message.secondText.has_value()) {
+            lines.push_back(message);
+        }
+    }
+    return lines;
+}
+
 void NodeTest::SetUp() {
     sim::clearFaults();
     sim::useVirtualClock(true);
@@ -60,6 +112,29 @@ void NodeTest::start(const nlohmann::json& description) {
     group_ = records_.back().get();
     ASSERT_EQ(plugin_.init_node(group_->record(), nullptr, 0, nullptr), 0);
     context_->takeMessages();
+}
+
+void NodeTest::preparePair() {
+    start();
+    HostNode& first = addVolume(taggedVolume(1));
+    HostNode& second = addVolume(taggedVolume(6));
+    ASSERT_EQ(configure(group_->record(), false, quiesceDocument(10, 30)), 0);
+    ASSERT_EQ(configure(first.record(), true, kAutoSplit), 0);
+    ASSERT_EQ(configure(second.record(), true, kAutoSplit), 0);
+    preparedList_ = entriesOf({&first, &second});
+    takeUserMessages();
+    ASSERT_EQ(plugin_.prepare(preparedList_[0], nullptr, preparedList_.data(), 2, 0), 0);
+    const std::string prefix = "\tSnapshotVolumeName:";
+    snapshotNames_.clear();
+    for (const HostMessage& line : plainLinesOf(takeUserMessages())) {
+        if (line.text.has_value() && line.text->rfind(prefix, 0) == 0) {
+            snapshotNames_.push_back(line.text->substr(prefix.size(),
+                                                       line.text->size() - prefix.size() - 1));
+        }
+    }
+    ASSERT_EQ(snapshotNames_.size(), 2u);
+    sim::clearFaults();
+    sim::clearRecordedSleeps();
 }
 
 HostNode& NodeTest::addVolume(const std::u16string& name) {
@@ -125,6 +200,20 @@ std::int32_t NodeTest::dispose(HostNode& snapshot) {
 
 std::vector<HostMessage> NodeTest::takeUserMessages() {
     return plugintest::userMessages(context_->takeMessages());
+}
+
+std::size_t NodeTest::descriptorsIntoMachine() const {
+    const std::string root = std::filesystem::canonical(machine_->directory()).string();
+    std::size_t count = 0;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        std::error_code linkError;
+        std::string target = std::filesystem::read_symlink(entry.path(), linkError).string();
+        if (!linkError && target.rfind(root, 0) == 0) {
+            ++count;
+        }
+    }
+    return count;
 }
 
 std::vector<std::string> NodeTest::leftovers() const {

@@ -4,8 +4,10 @@
 #ifndef TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
 #define TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "../coordinator/plugin_fixture.h"
@@ -63,13 +65,36 @@ class NodeTest : public CoordinatorTest {
     std::vector<HostMessage> takeUserMessages();
     std::vector<std::uint32_t> sleeps() const { return sim::recordedSleeps(); }
 
+    // Descriptors of this process open on files or directories of the
+    // test's machine: volume, snapshot and set handles.
+    std::size_t descriptorsIntoMachine() const;
+
     // The driver's snapshot sets and cache files on the machine: what a
     // leak would leave behind.
     std::vector<std::string> leftovers() const;
 
+    // Volumes C: (1) and C:\mnt\data (6) prepared with automatically placed
+    // caches and the group's quiesce settings 10/30; their entries, and the
+    // snapshot volume names the dump gave, in `preparedList_` and
+    // `snapshotNames_`.
+    void preparePair();
+
+    std::vector<tarn_fi_entry*> preparedList_;
+    std::vector<std::string> snapshotNames_;
     HostNode* group_ = nullptr;
     std::vector<std::unique_ptr<HostNode>> records_;
 };
+
+// A catalogue report as the host receives it: the root text of message `id`
+// formatted with `arguments` (texts or 32-bit numbers), as UTF-8.
+using ReportArgument = std::variant<std::string, std::int32_t>;
+std::string catalogueText(const char* id, const std::vector<ReportArgument>& arguments);
+
+// The root texts of the catalogue reports among `messages`.
+std::vector<std::string> reportsOf(const std::vector<HostMessage>& messages);
+// The lines handed to the host without a catalogue (the parameter dump and
+// its warning), with their levels.
+std::vector<HostMessage> plainLinesOf(const std::vector<HostMessage>& messages);
 
 // n waits of one second.
 inline std::vector<std::uint32_t> seconds(std::size_t n) {

@@ -1,0 +1,280 @@
+// Snapshot preparation: what each failure reports and returns, and which
+// sources automatic configuration places caches for.
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "node_fixture.h"
+#include "os/handle.h"
+#include "os/sync.h"
+
+namespace nodetest {
+namespace {
+
+using plugintest::guidWithoutBackslash;
+
+constexpr std::int32_t kInvalidHandle = 6;
+constexpr std::int32_t kInvalidParameter = 87;
+
+// The machine-wide provider mutex held by another thread for as long as the
+// object lives, or left behind by a thread that ended while holding it. The
+// handle stays open until the object goes: a mutex whose last handle is
+// closed no longer exists, abandoned or not.
+class MutexHolder {
+  public:
+    explicit MutexHolder(bool abandon) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        thread_ = std::thread([this, abandon] {
+            os::HANDLE handle = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
+            os::WaitForSingleObject(handle, os::INFINITE);
+            std::unique_lock<std::mutex> inner(mutex_);
+            handle_ = handle;
+            changed_.notify_all();
+            if (!abandon) {
+                changed_.wait(inner, [this] { return releasing_; });
+                os::ReleaseMutex(handle);
+            }
+        });
+        changed_.wait(lock, [this] { return handle_ != nullptr; });
+        if (abandon) {
+            lock.unlock();
+            thread_.join();
+        }
+    }
+    ~MutexHolder() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            releasing_ = true;
+        }
+        changed_.notify_all();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        os::CloseHandle(handle_);
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    os::HANDLE handle_ = nullptr;
+    bool releasing_ = false;
+    std::thread thread_;
+};
+
+enum class Split { Automatic, Selected };
+enum class Holder { None, Holding, Abandoned };
+
+struct Fault {
+    const char* function;
+    std::uint32_t error;
+    std::uint32_t count;
+};
+
+// "<first>" and "<second>" in a report argument stand for the two sources'
+// names as the driver is asked to open them.
+struct Report {
+    const char* id;
+    std::vector<ReportArgument> arguments;
+};
+
+const std::string kRequestText =
+    "\tTargets\n\t\t<first>\n\t\t<second>\n\tHints\n\t\texcludedVolumes = \n"
+    "\t\tpreferredVolumes = \n\t\tinitialCacheFileSizeMB = 0\n\t\tmaxCacheFileSizeMB = 0\n"
+    "\t\tinitialCacheFileSizePct = 0\n\t\tmaxCacheFileSizePct = 0\n";
+
+struct PrepareCase {
+    const char* name;
+    Split split;
+    std::uint32_t mode;
+    std::vector<Fault> faults;
+    const char* unbindable;  // a kernel32 function that cannot be bound, or null
+    Holder holder;
+    std::int32_t status;
+    std::vector<Report> reports;
+    // The last line the host received without a catalogue: the dump's end,
+    // the warning, or none at all. Every dump begins with the element count.
+    const char* lastPlainLine;
+    std::uint32_t lastPlainLevel;
+};
+
+// Test names and failure messages show the row's name.
+void PrintTo(const PrepareCase& row, std::ostream* out) {
+    *out << row.name;
+}
+
+const char kDumpEnd[] = "\tQuiesceTimeout:30\n";
+
+// clang-format off
+const PrepareCase kPrepareCases[] = {
+    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, Holder::None, 3,
+     {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
+    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112, 1}}, nullptr, Holder::None, 3,
+     {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}},
+     kDumpEnd, 1},
+    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2, 1}}, nullptr, Holder::None, 3,
+     {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}},
+      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}},
+     kDumpEnd, 1},
+    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, Holder::None, 3,
+     {{"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}},
+      {"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}},
+      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
+     kDumpEnd, 1},
+    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, Holder::Holding, 3,
+     {{"MSG_ERROR_AUTOCONFIG", {kRequestText}},
+      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
+     kDumpEnd, 1},
+    {"MutexAbandonedByItsOwner", Split::Automatic, 0, {}, nullptr, Holder::Abandoned, 3,
+     {{"MSG_ERROR_AUTOCONFIG", {kRequestText}},
+      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
+     kDumpEnd, 1},
+    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5, 1}}, nullptr, Holder::None, 3,
+     {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}},
+      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
+     kDumpEnd, 1},
+    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", Holder::None, 6,
+     {}, "WARNING: caught unhandled exception in KIV prepare", 2},
+};
+// clang-format on
+
+class PrepareFailureTest : public NodeTest, public ::testing::WithParamInterface<PrepareCase> {};
+
+std::string withSources(const std::string& text) {
+    std::string result = text;
+    for (auto [placeholder, number] : {std::pair{"<first>", 1}, std::pair{"<second>", 6}}) {
+        for (std::size_t at = result.find(placeholder); at != std::string::npos;
+             at = result.find(placeholder)) {
+            result.replace(at, std::string(placeholder).size(), guidWithoutBackslash(number));
+        }
+    }
+    return result;
+}
+
+TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
+    const PrepareCase& row = GetParam();
+    start();
+    HostNode& first = addVolume(taggedVolume(1));
+    HostNode& second = addVolume(taggedVolume(6));
+    ASSERT_EQ(configure(group_->record(), false, quiesceDocument(10, 30)), 0);
+    if (row.split == Split::Automatic) {
+        ASSERT_EQ(configure(first.record(), true, kAutoSplit), 0);
+        ASSERT_EQ(configure(second.record(), true, kAutoSplit), 0);
+    } else {
+        ASSERT_EQ(configure(first.record(), true,
+                            selectedSplit("\\\\?\\SnapshotA", "E:\\selected_a.KIV", 64, 128)),
+                  0);
+        ASSERT_EQ(configure(second.record(), true,
+                            selectedSplit("\\\\?\\SnapshotB", "E:\\selected_b.KIV", 64, 128)),
+                  0);
+    }
+    std::vector<tarn_fi_entry*> list = entriesOf({&first, &second});
+    takeUserMessages();
+    std::optional<MutexHolder> holder;
+    if (row.holder != Holder::None) {
+        holder.emplace(row.holder == Holder::Abandoned);
+    }
+    sim::clearFaults();
+    for (const Fault& fault : row.faults) {
+        sim::injectFault(fault.function, fault.error, 0, fault.count);
+    }
+    if (row.unbindable != nullptr) {
+        sim::makeUnbindable("kernel32.dll", row.unbindable);
+    }
+
+    EXPECT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 2, row.mode), row.status);
+
+    std::vector<HostMessage> messages = takeUserMessages();
+    std::vector<std::string> expected;
+    for (const Report& report : row.reports) {
+        std::vector<ReportArgument> arguments;
+        for (const ReportArgument& argument : report.arguments) {
+            const auto* text = std::get_if<std::string>(&argument);
+            arguments.push_back(text != nullptr ? ReportArgument(withSources(*text)) : argument);
+        }
+        expected.push_back(catalogueText(report.id, arguments));
+    }
+    EXPECT_EQ(reportsOf(messages), expected);
+    std::vector<HostMessage> lines = plainLinesOf(messages);
+    if (row.lastPlainLine == nullptr) {
+        EXPECT_TRUE(lines.empty());
+        EXPECT_EQ(sim::callCount("KIV_Prepare"), 0u);
+        EXPECT_EQ(sim::callCount("CreateMutexW"), 0u);
+    } else {
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines.front().text, "KIV_Prepare: KivSnapshotParameters has 2 elements\n");
+        EXPECT_EQ(lines.back().text, row.lastPlainLine);
+        EXPECT_EQ(lines.back().level, row.lastPlainLevel);
+    }
+    EXPECT_TRUE(sleeps().empty());
+
+    sim::clearFaults();
+    holder.reset();
+    for (auto& record : records_) {
+        plugin_.deinit_node(record->record());
+    }
+    EXPECT_TRUE(leftovers().empty()) << ::testing::PrintToString(leftovers());
+}
+
+INSTANTIATE_TEST_SUITE_P(Failures, PrepareFailureTest, ::testing::ValuesIn(kPrepareCases),
+                         [](const ::testing::TestParamInfo<PrepareCase>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// The dump lines that name each element's cache file.
+std::vector<std::string> cacheFileLines(const std::vector<HostMessage>& messages) {
+    std::vector<std::string> found;
+    for (const HostMessage& message : plainLinesOf(messages)) {
+        if (message.text.has_value() && message.text->rfind("\tCacheFileName:", 0) == 0) {
+            found.push_back(*message.text);
+        }
+    }
+    return found;
+}
+
+TEST_F(NodeTest, OnlySourcesAskingForAutomaticPreparationGetPlacedCaches) {
+    start();
+    HostNode& first = addVolume(taggedVolume(1));
+    HostNode& second = addVolume(taggedVolume(6));
+    HostNode& third = addVolume(taggedVolume(3));
+    ASSERT_EQ(configure(first.record(), true, kAutoSplit), 0);
+    ASSERT_EQ(configure(second.record(), true,
+                        selectedSplit("\\\\?\\SnapshotB", "E:\\selected_b.KIV", 64, 128)),
+              0);
+    ASSERT_EQ(configure(third.record(), true, kAutoSplit), 0);
+    std::vector<tarn_fi_entry*> list = entriesOf({&first, &second, &third});
+    takeUserMessages();
+
+    ASSERT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 3, 0), 0);
+    std::vector<std::string> caches = cacheFileLines(takeUserMessages());
+    ASSERT_EQ(caches.size(), 3u);
+    // Two targets were placed: the first and third sources get the first and
+    // second cache file, numbered in placement order; the second keeps its own.
+    EXPECT_NE(caches[0].find("_tarnKivCacheFile_0.KIV"), std::string::npos) << caches[0];
+    EXPECT_EQ(caches[1], "\tCacheFileName:E:\\selected_b.KIV\n");
+    EXPECT_NE(caches[2].find("_tarnKivCacheFile_1.KIV"), std::string::npos) << caches[2];
+    EXPECT_EQ(sim::callCount("CreateMutexW"), 1u);
+}
+
+TEST_F(NodeTest, ListWithCountZeroPreparesTheEntryAlone) {
+    start();
+    HostNode& first = addVolume(taggedVolume(1));
+    HostNode& second = addVolume(taggedVolume(6));
+    ASSERT_EQ(configure(first.record(), true,
+                        selectedSplit("\\\\?\\SnapshotA", "E:\\selected_a.KIV", 64, 128)),
+              0);
+    ASSERT_EQ(configure(second.record(), true, kAutoSplit), 0);
+    std::vector<tarn_fi_entry*> list = entriesOf({&first, &second});
+    takeUserMessages();
+
+    ASSERT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 0, 0), 0);
+    std::vector<HostMessage> lines = plainLinesOf(takeUserMessages());
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front().text, "KIV_Prepare: KivSnapshotParameters has 1 elements\n");
+    // The first source selected its own cache: nothing to place, no mutex.
+    EXPECT_EQ(sim::callCount("CreateMutexW"), 0u);
+}
+
+}  // namespace
+}  // namespace nodetest
