@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -298,6 +299,33 @@ TEST_F(SnapshotEndToEndTest, AgentAbsentIsReportedAndTheSnapshotStillGoes) {
     // No pipe, no waits: each request fails at once with "file not found".
     EXPECT_EQ(exchanges(), (std::vector<std::string>{"register 2", "release 2"}));
     EXPECT_TRUE(waits(WaitReason::kAfterAgentAnswer).empty());
+}
+
+// The agent is killed while it holds the snapshot volumes: its handles go
+// with it, release finds no pipe (reported), and the snapshot is destroyed
+// all the same.
+TEST_F(SnapshotEndToEndTest, AgentKilledBetweenMakeAndDisposeLeavesNothing) {
+    startAgent();
+    startHost();
+    host::Status taken = take({"C:", "F:"});
+    ASSERT_TRUE(taken.isOk()) << taken.toString();
+    EXPECT_EQ(agentHolds().size(), 2u);
+    const pid_t agent = agent_->pid();
+    ASSERT_EQ(kill(agent, SIGKILL), 0);
+    for (int tries = 0; tries < 500 && agent_->running(); ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_FALSE(agent_->running());
+
+    disposeAndExpectNothingLeft();
+    EXPECT_EQ(exchanges(), (std::vector<std::string>{"register 0", "register 0", "release 2",
+                                                     "release 2"}));
+    std::size_t reported = 0;
+    for (const ProgressEvent& event : events_) {
+        reported += event.kind == ProgressEvent::Kind::kMessage &&
+                    event.text.find("ORB::ReleaseVolumeHandle") != std::string::npos;
+    }
+    EXPECT_EQ(reported, 2u);
 }
 
 TEST_F(SnapshotEndToEndTest, DestroyAnsweringBusyThreeTimesIsRetried) {
