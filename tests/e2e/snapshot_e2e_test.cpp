@@ -318,8 +318,8 @@ TEST_F(SnapshotEndToEndTest, AgentKilledBetweenMakeAndDisposeLeavesNothing) {
     ASSERT_FALSE(agent_->running());
 
     disposeAndExpectNothingLeft();
-    EXPECT_EQ(exchanges(), (std::vector<std::string>{"register 0", "register 0", "release 2",
-                                                     "release 2"}));
+    EXPECT_EQ(exchanges(),
+              (std::vector<std::string>{"register 0", "register 0", "release 2", "release 2"}));
     std::size_t reported = 0;
     for (const ProgressEvent& event : events_) {
         reported += event.kind == ProgressEvent::Kind::kMessage &&

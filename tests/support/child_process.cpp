@@ -31,6 +31,13 @@ std::string selfPath() {
 
 }  // namespace
 
+void ChildChecks::failIf(bool failure, const char* condition, int line) {
+    if (failure) {
+        ++failed_;
+        std::fprintf(stderr, "child process check failed at line %d: %s\n", line, condition);
+    }
+}
+
 ChildRole::ChildRole(const char* name, ChildMain main) {
     roles()[name] = main;
 }

@@ -23,6 +23,21 @@ struct ChildRole {
     static ::testsupport::ChildRole name##ChildRole(#name, &name##ChildMain); \
     static int name##ChildMain([[maybe_unused]] const std::vector<std::string>& arguments)
 
+// The checks of a child role. Each failed check is written to stderr with its
+// condition and line, so the test's output says which one failed; the role
+// returns failed() as its exit code.
+class ChildChecks {
+  public:
+    // Counts a failure, and says so, when `failure` holds.
+    void failIf(bool failure, const char* condition, int line);
+    int failed() const { return failed_; }
+
+  private:
+    int failed_ = 0;
+};
+
+#define FIKIV_CHILD_FAIL_IF(checks, condition) (checks).failIf((condition), #condition, __LINE__)
+
 // Starts this program as `role` with the arguments; the child inherits the
 // environment (so FIKIV_MACHINE too). Returns its process id.
 pid_t startChild(const std::string& role, const std::vector<std::string>& arguments = {});

@@ -292,14 +292,15 @@ TEST(TraceMethodTest, ConcurrentTracingReachesTheSink) {
 }
 
 FIKIV_CHILD_ROLE(freshPluginName) {
-    int failures = 0;
-    failures += pluginName() != u"<Plugin name not set>";
+    testsupport::ChildChecks checks;
+    FIKIV_CHILD_FAIL_IF(checks, pluginName() != u"<Plugin name not set>");
     LogCapture capture;  // sets "fikiv"
     setPluginName(u"other");
     writeLog(kLogInformation, u"named");
     const auto messages = capture.messages();
-    failures += messages.size() != 1 || ascii(messages[0].text).rfind("other:", 0) != 0;
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks,
+                        messages.size() != 1 || ascii(messages[0].text).rfind("other:", 0) != 0);
+    return checks.failed();
 }
 
 TEST(PluginNameTest, StartsUnsetAndCanBeReplaced) {

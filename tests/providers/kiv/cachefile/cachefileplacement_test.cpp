@@ -189,6 +189,7 @@ TEST(CachePlacementTest, PreferredNamesInEveryFormFindTheirVolume) {
         {{u"D:\\"}, 2, PlacementOutcome::kPreferred},
         {{u"d:\\"}, 2, PlacementOutcome::kPreferred},
         {{guid(2)}, 2, PlacementOutcome::kPreferred},
+        {{guidRoot(2)}, 2, PlacementOutcome::kPreferred},
         {{u"C:\\mnt\\data\\"}, 4, PlacementOutcome::kPreferred},
         {{u"C:\\mnt\\data"}, 4, PlacementOutcome::kPreferred},
         {{u"d:", u"D:\\", guid(2)}, 2, PlacementOutcome::kPreferred},
@@ -217,32 +218,6 @@ TEST(CachePlacementTest, PreferredNamesInEveryFormFindTheirVolume) {
         EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(row.chosen, 0)));
         // Every configured name is a candidate of its own, repeated or empty.
         EXPECT_EQ(placement.report.preferred.size(), row.preferred.size());
-    }
-}
-
-TEST(CachePlacementTest, NormalisedNamesOfOddForms) {
-    TempMachine machine(
-        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB)}));
-    struct Row {
-        std::u16string name;
-        std::u16string expected;
-    };
-    const std::vector<Row> rows = {
-        {u"d:", guid(2)},
-        {u"D:\\", guid(2)},
-        {guid(2), guid(2)},
-        {guidRoot(2), guid(2)},
-        // No volume behind the letter: a drive root takes its device form.
-        {u"q:\\", u"\\\\.\\Q:\\"},
-        {u"Q:", u"Q:"},
-        {u"q", u"q"},
-        {u"", u""},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(utf8(row.name));
-        std::u16string name = row.name;
-        normaliseVolumeName(name);
-        EXPECT_EQ(utf8(name), utf8(row.expected));
     }
 }
 
@@ -674,14 +649,10 @@ TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
 
 // A child process that places the cache file of volume 1 on the current
 // machine and writes "<result> <path> <initial> <maximum>" to the file named
-// by its first argument. With "virtual" as second argument its mutex wait
-// runs on the virtual clock, so a held mutex fails it at once.
+// by its first argument.
 FIKIV_CHILD_ROLE(placeOneCacheFile) {
     if (arguments.empty()) {
         return 1;
-    }
-    if (arguments.size() > 1 && arguments[1] == "virtual") {
-        sim::useVirtualClock(true);
     }
     std::vector<std::u16string> paths;
     std::vector<CacheFileSizes> sizes;
@@ -726,26 +697,6 @@ TEST(CachePlacementProcessTest, ConcurrentProcessesBothPlaceAndPickTheSameName) 
         "placed " + utf8(fileOn(2, 0)) + " 0 " + std::to_string(tenPercentMB(50 * kGB));
     EXPECT_EQ(readFile(first), expected);
     EXPECT_EQ(readFile(second), expected);
-}
-
-TEST(CachePlacementProcessTest, ProcessIsRefusedWhileAnotherHoldsTheMutex) {
-    TempMachine machine(
-        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
-    const std::filesystem::path blocked = machine.directory() / "blocked.txt";
-    const std::filesystem::path after = machine.directory() / "after.txt";
-    {
-        TestMutex mutex;
-        MutexHolder holder(mutex.get());
-        ASSERT_EQ(holder.waitResult(), os::WAIT_OBJECT_0);
-        const pid_t child =
-            testsupport::startChild("placeOneCacheFile", {blocked.string(), "virtual"});
-        ASSERT_EQ(testsupport::waitChild(child), 0);
-    }
-    const pid_t child = testsupport::startChild("placeOneCacheFile", {after.string(), "virtual"});
-    ASSERT_EQ(testsupport::waitChild(child), 0);
-
-    EXPECT_EQ(readFile(blocked), "refused");
-    EXPECT_EQ(readFile(after).rfind("placed ", 0), 0u) << readFile(after);
 }
 
 }  // namespace

@@ -121,17 +121,32 @@ TEST_F(CoordinatorTest, CheckNodeExistenceReportsTheTag) {
     EXPECT_EQ(plugin_.check_node_existence(nullptr, &exists), 3);
 }
 
+// errmsg answers the framework catalogue's text for a status, hands it to the
+// host as both texts at level 3 (when there is a callback) and writes an error
+// event whose id is the status and whose text names where it was raised.
 TEST_F(CoordinatorTest, ErrMsgHandsTextToHostAndEventLog) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
-    for (std::uint32_t status : {0u, 3u, 4u, 5u, 6u, 7u, 15u}) {
-        SCOPED_TRACE(status);
+    struct Row {
+        const char* name;
+        std::uint32_t status;
+        std::optional<std::string> text;
+        bool callback;
+    };
+    const Row rows[] = {
+        {"InvalidRequest", 3, "The request is invalid.", true},
+        {"EntryPointNotFound", 15, "An entry point of the provider could not be found.", true},
+        {"UnknownStatus", 42, std::nullopt, true},
+        {"NoCallback", 5, "Not enough memory to complete the operation.", false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        startPlugin(testMachine(), HostContextOptions{row.callback, "de", false});
+        ASSERT_EQ(init(), 0);
         context_->takeMessages();
-        const char16_t* text = nullptr;
-        EXPECT_EQ(plugin_.errmsg(status, &text), 0);
-        ASSERT_NE(text, nullptr);
-        std::string expected = host::toUtf8(text);
-        EXPECT_FALSE(expected.empty());
+
+        const char16_t* text = u"untouched";
+        EXPECT_EQ(plugin_.errmsg(row.status, &text), 0);
+        EXPECT_EQ(text != nullptr ? std::optional<std::string>(host::toUtf8(text)) : std::nullopt,
+                  row.text);
 
         std::vector<HostMessage> errors;
         for (const HostMessage& message : context_->messages()) {
@@ -139,19 +154,23 @@ TEST_F(CoordinatorTest, ErrMsgHandsTextToHostAndEventLog) {
                 errors.push_back(message);
             }
         }
-        ASSERT_EQ(errors.size(), 1u);
-        EXPECT_EQ(errors[0].text, expected);
-        EXPECT_EQ(errors[0].secondText, expected);
+        if (row.callback) {
+            ASSERT_EQ(errors.size(), 1u);
+            EXPECT_EQ(errors[0].text, row.text);
+            EXPECT_EQ(errors[0].secondText, row.text);
+        } else {
+            EXPECT_TRUE(errors.empty());
+        }
 
         std::vector<sim::EventRecord> events = sim::readEventLog();
-        ASSERT_FALSE(events.empty());
-        const sim::EventRecord& event = events.back();
-        EXPECT_EQ(event.source, "fikiv");
-        EXPECT_EQ(event.type, 1);  // error
-        EXPECT_EQ(event.eventId, status);
-        ASSERT_EQ(event.strings.size(), 1u);
-        EXPECT_NE(event.strings[0].find("providers\\kiv\\kivficoordinator"), std::string::npos)
-            << event.strings[0];
+        ASSERT_EQ(events.size(), 1u);
+        EXPECT_EQ(events[0].source, "fikiv");
+        EXPECT_EQ(events[0].type, 1);  // error
+        EXPECT_EQ(events[0].eventId, row.status);
+        ASSERT_EQ(events[0].strings.size(), 1u);
+        EXPECT_NE(events[0].strings[0].find("providers\\kiv\\kivficoordinator"), std::string::npos)
+            << events[0].strings[0];
+        TearDown();
     }
 }
 
@@ -164,105 +183,115 @@ struct InterposeRow {
     std::int32_t expected;
     std::string expectedIdentity;           // when interposed
     std::vector<std::string> warningParts;  // level-2 log line must hold each
-    std::size_t catalogueReports;           // reports of MSG_ERROR_KIVAPI
+    std::size_t catalogueReports;           // reports of MSG_ERROR_KIVAPI, each naming the volume
+    std::string tracePart;                  // a trace line must hold it, when set
 };
 
+// Every case runs once with a locale, whose catalogue texts then come with
+// each report, and once without, where a report has only its root text.
 TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
-    startPlugin(testMachine(), HostContextOptions{.locale = "de"});
-    ASSERT_EQ(init(), 0);
+    // clang-format off
     const InterposeRow rows[] = {
-        {"GUID path used unchanged", TempMachine::guidName(1), 0, 1, "<kiv>" + guid(1), {}, 0},
-        {"drive without backslash resolves to its GUID path",
-         u"C:",
-         0,
-         1,
-         "<kiv>" + guidWithoutBackslash(1),
-         {},
-         0},
-        {"drive with backslash resolves too",
-         u"C:\\",
-         0,
-         1,
-         "<kiv>" + guidWithoutBackslash(1),
-         {},
-         0},
-        {"snapshot attribute alone is a valid source",
-         u"D:",
-         0,
-         1,
-         "<kiv>" + guidWithoutBackslash(2),
-         {},
-         0},
-        {"mount-point path", u"C:\\mnt\\data", 0, 1, "<kiv>" + guidWithoutBackslash(6), {}, 0},
-        {"no attribute",
-         u"E:",
-         0,
-         0,
-         "",
-         {"KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(3) + "]"},
-         0},
-        {"active cache and disabled",
-         u"F:",
-         0,
-         0,
-         "",
-         {guidWithoutBackslash(4) +
-          " - KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE - KIV_ATTRIBUTE_DISABLED"},
-         2},
-        {"disabled", u"H:", 0, 0, "", {guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED"}, 1},
-        {"unknown drive keeps its name",
-         u"Q:",
-         0,
-         0,
-         "",
-         {"cant interpose due to open volume [Q:] failed"},
-         0},
-        {"unknown drive given with backslash reads without it",
-         u"Q:\\",
-         0,
-         0,
-         "",
-         {"cant interpose due to open volume [Q:] failed"},
-         0},
-        {"declined by the host flag", TempMachine::guidName(1), 0x800, 0, "", {}, 0},
+        {"GUID path used unchanged", TempMachine::guidName(1), 0, 1, "<kiv>" + guid(1), {}, 0, ""},
+        {"drive without backslash resolves to its GUID path", u"C:", 0, 1, "<kiv>" + guidWithoutBackslash(1), {}, 0, ""},
+        {"drive with backslash resolves too", u"C:\\", 0, 1, "<kiv>" + guidWithoutBackslash(1), {}, 0, ""},
+        {"snapshot attribute alone is a valid source", u"D:", 0, 1, "<kiv>" + guidWithoutBackslash(2), {}, 0, ""},
+        {"mount-point path", u"C:\\mnt\\data", 0, 1, "<kiv>" + guidWithoutBackslash(6), {}, 0, ""},
+        {"no attribute", u"E:", 0, 0, "",
+         {"KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(3) + "]"}, 0,
+         "KIV volume information does not have KIV_ATTRIBUTE_VALID_SOURCE set for " + guidWithoutBackslash(3)},
+        {"active cache and disabled", u"F:", 0, 0, "",
+         {guidWithoutBackslash(4) + " - KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE - KIV_ATTRIBUTE_DISABLED"}, 2, ""},
+        {"disabled", u"H:", 0, 0, "", {guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED"}, 1, ""},
+        {"unknown drive keeps its name", u"Q:", 0, 0, "", {"cant interpose due to open volume [Q:] failed"}, 0, ""},
+        {"unknown drive given with backslash reads without it", u"Q:\\", 0, 0, "",
+         {"cant interpose due to open volume [Q:] failed"}, 0, ""},
+        {"declined by the host flag", TempMachine::guidName(1), 0x800, 0, "", {}, 0, ""},
     };
-    for (const InterposeRow& row : rows) {
-        SCOPED_TRACE(row.name);
-        context_->takeMessages();
-        HostNode volume(row.object);
-        volume.record()->flags = row.flags;
-        tarn_objid* identity = nullptr;
-        tarn_objid** groups = nullptr;
-        std::uint32_t count = 0;
-        EXPECT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), row.expected);
+    // clang-format on
+    for (const char* locale : {"de", static_cast<const char*>(nullptr)}) {
+        SCOPED_TRACE(locale != nullptr ? locale : "no locale");
+        HostContextOptions options;
+        if (locale != nullptr) {
+            options.locale = locale;
+        }
+        startPlugin(testMachine(), options);
+        ASSERT_EQ(init(), 0);
+        tarn_objid** firstGroups = nullptr;
+        for (const InterposeRow& row : rows) {
+            SCOPED_TRACE(row.name);
+            context_->takeMessages();
+            HostNode volume(row.object);
+            volume.record()->flags = row.flags;
+            tarn_objid* identity = nullptr;
+            tarn_objid** groups = nullptr;
+            std::uint32_t count = 0;
+            EXPECT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), row.expected);
 
-        std::vector<HostMessage> seen = userMessages(context_->messages());
-        if (row.expected == 1) {
-            ASSERT_NE(identity, nullptr);
-            EXPECT_EQ(host::toUtf8(std::u16string_view(identity->name, identity->length / 2 - 1)),
-                      row.expectedIdentity);
-            EXPECT_EQ(count, 1u);
-            ASSERT_NE(groups, nullptr);
-            EXPECT_EQ(host::toUtf8(groups[0]->name), "kiv-cow-snapshot-group");
-        } else {
-            EXPECT_EQ(identity, nullptr);
-            EXPECT_EQ(groups, nullptr);
-            EXPECT_EQ(count, 0u);
+            std::vector<HostMessage> messages = context_->messages();
+            std::vector<HostMessage> seen = userMessages(messages);
+            if (row.expected == 1) {
+                ASSERT_NE(identity, nullptr);
+                EXPECT_EQ(
+                    host::toUtf8(std::u16string_view(identity->name, identity->length / 2 - 1)),
+                    row.expectedIdentity);
+                EXPECT_EQ(count, 1u);
+                ASSERT_NE(groups, nullptr);
+                EXPECT_EQ(host::toUtf8(groups[0]->name), "kiv-cow-snapshot-group");
+                // One group array serves every interposition.
+                if (firstGroups == nullptr) {
+                    firstGroups = groups;
+                }
+                EXPECT_EQ(groups, firstGroups);
+            } else {
+                EXPECT_EQ(identity, nullptr);
+                EXPECT_EQ(groups, nullptr);
+                EXPECT_EQ(count, 0u);
+            }
+            std::vector<std::string> traces;
+            for (const HostMessage& message : messages) {
+                if (message.level == 4 && message.text) {
+                    traces.push_back(*message.text);
+                }
+            }
+            ASSERT_GE(traces.size(), 2u);
+            EXPECT_TRUE(contains(traces.front(), "Entering Function KivFiCoordinator::interpose["));
+            EXPECT_TRUE(contains(traces.back(), "Exiting Function KivFiCoordinator::interpose["));
+            if (!row.tracePart.empty()) {
+                EXPECT_TRUE(std::any_of(traces.begin(), traces.end(),
+                                        [&](const std::string& line) {
+                                            return line.find(row.tracePart) != std::string::npos;
+                                        }))
+                    << "no trace line with: " << row.tracePart;
+            }
+            if (row.flags & 0x800) {
+                EXPECT_TRUE(seen.empty());
+                continue;
+            }
+            for (const std::string& part : row.warningParts) {
+                bool found = std::any_of(seen.begin(), seen.end(), [&](const HostMessage& message) {
+                    return message.level == 2 && contains(message.text, part);
+                });
+                EXPECT_TRUE(found) << "no warning with: " << part;
+            }
+            std::size_t reports = 0;
+            for (const HostMessage& message : seen) {
+                if (message.level != 2 || !message.secondText.has_value()) {
+                    continue;
+                }
+                ++reports;
+                // The rows with reports name the volume first in their warning.
+                const std::string volumeName =
+                    row.warningParts.at(0).substr(0, guidWithoutBackslash(1).size());
+                EXPECT_TRUE(contains(message.secondText, volumeName)) << *message.secondText;
+                EXPECT_EQ(message.text.has_value(), locale != nullptr);
+                if (message.text.has_value()) {
+                    EXPECT_NE(*message.text, *message.secondText) << "not the locale's text";
+                }
+            }
+            EXPECT_EQ(reports, row.catalogueReports);
         }
-        if (row.flags & 0x800) {
-            EXPECT_TRUE(seen.empty());
-            continue;
-        }
-        for (const std::string& part : row.warningParts) {
-            bool found = std::any_of(seen.begin(), seen.end(), [&](const HostMessage& message) {
-                return message.level == 2 && contains(message.text, part);
-            });
-            EXPECT_TRUE(found) << "no warning with: " << part;
-        }
-        std::size_t reports = std::count_if(seen.begin(), seen.end(), [](const HostMessage& m) {
-            return m.level == 2 && m.secondText.has_value();
-        });
-        EXPECT_EQ(reports, row.catalogueReports);
+        TearDown();
     }
 }
 
@@ -320,82 +349,6 @@ TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
             EXPECT_TRUE(contains(text, row.lines[i])) << i << ": " << text.value_or("(null)");
         }
     }
-}
-
-TEST_F(CoordinatorTest, CatalogueReportArrivesInLocaleAndRoot) {
-    startPlugin(testMachine(), HostContextOptions{.locale = "de"});
-    ASSERT_EQ(init(), 0);
-    HostNode volume(u"H:");
-    tarn_objid* identity = nullptr;
-    tarn_objid** groups = nullptr;
-    std::uint32_t count = 0;
-    ASSERT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 0);
-    std::vector<HostMessage> messages = context_->messages();
-    auto report = std::find_if(messages.begin(), messages.end(),
-                               [](const HostMessage& m) { return m.secondText.has_value(); });
-    ASSERT_NE(report, messages.end());
-    ASSERT_TRUE(report->text.has_value());
-    EXPECT_NE(*report->text, *report->secondText);
-    for (const std::string* text : {&*report->text, &*report->secondText}) {
-        EXPECT_NE(text->find("KIV_GetVolumeInformation"), std::string::npos) << *text;
-        EXPECT_NE(text->find("KIV_ATTRIBUTE_DISABLED"), std::string::npos) << *text;
-    }
-}
-
-TEST_F(CoordinatorTest, CatalogueReportWithoutLocaleHasOnlyRootText) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
-    HostNode volume(u"H:");
-    tarn_objid* identity = nullptr;
-    tarn_objid** groups = nullptr;
-    std::uint32_t count = 0;
-    ASSERT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 0);
-    std::vector<HostMessage> messages = context_->messages();
-    auto report = std::find_if(messages.begin(), messages.end(),
-                               [](const HostMessage& m) { return m.secondText.has_value(); });
-    ASSERT_NE(report, messages.end());
-    EXPECT_FALSE(report->text.has_value());
-}
-
-TEST_F(CoordinatorTest, InterposeGroupArrayIsTheSameEveryTime) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
-    HostNode first(u"C:");
-    HostNode second(u"D:");
-    tarn_objid* identity = nullptr;
-    tarn_objid** firstGroups = nullptr;
-    tarn_objid** secondGroups = nullptr;
-    std::uint32_t count = 0;
-    ASSERT_EQ(plugin_.interpose(first.record(), &identity, &firstGroups, &count), 1);
-    ASSERT_EQ(plugin_.interpose(second.record(), &identity, &secondGroups, &count), 1);
-    EXPECT_EQ(firstGroups, secondGroups);
-}
-
-TEST_F(CoordinatorTest, InterposeTracesEntryAndExit) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
-    context_->takeMessages();
-    HostNode volume(u"E:");
-    tarn_objid* identity = nullptr;
-    tarn_objid** groups = nullptr;
-    std::uint32_t count = 0;
-    ASSERT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 0);
-    std::vector<std::string> traces;
-    for (const HostMessage& message : context_->messages()) {
-        if (message.level == 4 && message.text) {
-            traces.push_back(*message.text);
-        }
-    }
-    ASSERT_GE(traces.size(), 3u);
-    EXPECT_TRUE(contains(traces.front(), "Entering Function KivFiCoordinator::interpose["));
-    EXPECT_TRUE(contains(traces.back(), "Exiting Function KivFiCoordinator::interpose["));
-    bool explained = std::any_of(traces.begin(), traces.end(), [](const std::string& line) {
-        return line.find(
-                   "KIV volume information does not have KIV_ATTRIBUTE_VALID_SOURCE set "
-                   "for " +
-                   guidWithoutBackslash(3)) != std::string::npos;
-    });
-    EXPECT_TRUE(explained);
 }
 
 TEST_F(CoordinatorTest, FixedAnswersNeedNoNode) {

@@ -90,8 +90,7 @@ int askForAutomaticPreparation(host::HostNode* volume) {
     tarn_config_request request{};
     request.split_selector = 1;
     request.text = document.data();
-    if (std::int32_t status = plugin->config(volume->record(), 2, nullptr, &request);
-        status != 0) {
+    if (std::int32_t status = plugin->config(volume->record(), 2, nullptr, &request); status != 0) {
         return fail("config", status);
     }
     return 0;

@@ -87,24 +87,25 @@ void touch(const std::filesystem::path& file) {
 // The library is missing, then comes back: the first use throws the code
 // LoadLibraryW left, the next one loads it.
 FIKIV_CHILD_ROLE(missingLibrary) {
-    int failures = 0;
+    testsupport::ChildChecks checks;
     sim::makeLibraryMissing("kivapi.dll");
-    failures += bindingError() != os::ERROR_MOD_NOT_FOUND;
-    failures += bindingError() != os::ERROR_MOD_NOT_FOUND;  // tried again, still missing
+    FIKIV_CHILD_FAIL_IF(checks, bindingError() != os::ERROR_MOD_NOT_FOUND);
+    FIKIV_CHILD_FAIL_IF(checks,
+                        bindingError() != os::ERROR_MOD_NOT_FOUND);  // tried again, still missing
     sim::clearFaults();
-    failures += bindingError() != 0;
-    failures += !tableComplete(*kivApi());
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks, bindingError() != 0);
+    FIKIV_CHILD_FAIL_IF(checks, !tableComplete(*kivApi()));
+    return checks.failed();
 }
 
 // One export missing, even one that is never called: no table.
 FIKIV_CHILD_ROLE(unbindableExport) {
-    int failures = 0;
+    testsupport::ChildChecks checks;
     sim::makeUnbindable("kivapi.dll", arguments.at(0));
-    failures += bindingError() != os::ERROR_PROC_NOT_FOUND;
+    FIKIV_CHILD_FAIL_IF(checks, bindingError() != os::ERROR_PROC_NOT_FOUND);
     sim::clearFaults();
-    failures += bindingError() != 0;
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks, bindingError() != 0);
+    return checks.failed();
 }
 
 // Many threads ask for the table at once: it is built once, from one load.
@@ -121,26 +122,26 @@ FIKIV_CHILD_ROLE(concurrentFirstUse) {
     for (std::thread& thread : threads) {
         thread.join();
     }
-    int failures = 0;
+    testsupport::ChildChecks checks;
     for (KivApi* api : seen) {
-        failures += api == nullptr || api != seen.front();
+        FIKIV_CHILD_FAIL_IF(checks, api == nullptr || api != seen.front());
     }
-    failures += sim::callCount("LoadLibraryW") != 1;
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks, sim::callCount("LoadLibraryW") != 1);
+    return checks.failed();
 }
 
 // Opens the provider mutex, then checks under which name it exists.
 FIKIV_CHILD_ROLE(mutexName) {
-    int failures = 0;
+    testsupport::ChildChecks checks;
     const std::u16string expected(arguments.at(0).begin(), arguments.at(0).end());
     const std::u16string other(arguments.at(1).begin(), arguments.at(1).end());
-    failures += ProviderMutex() == nullptr;
-    failures += ProviderMutex() != ProviderMutex();  // one handle per process
+    FIKIV_CHILD_FAIL_IF(checks, ProviderMutex() == nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, ProviderMutex() != ProviderMutex());  // one handle per process
     os::UniqueHandle same(os::CreateMutexW(nullptr, os::FALSE, expected.c_str()));
-    failures += os::GetLastError() != os::ERROR_ALREADY_EXISTS;
+    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_ALREADY_EXISTS);
     os::UniqueHandle unrelated(os::CreateMutexW(nullptr, os::FALSE, other.c_str()));
-    failures += os::GetLastError() != os::ERROR_SUCCESS;
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_SUCCESS);
+    return checks.failed();
 }
 
 // Holds the provider mutex until told to let go.

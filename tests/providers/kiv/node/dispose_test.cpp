@@ -24,7 +24,8 @@ struct DisposeCase {
     const char* name;
     bool providerCannotOpen;
     std::vector<std::uint32_t> agentStatuses;
-    std::vector<std::tuple<const char*, std::uint32_t, std::uint32_t>> faults;  // function, error, count
+    std::vector<std::tuple<const char*, std::uint32_t, std::uint32_t>>
+        faults;  // function, error, count
     std::int32_t status;
     std::vector<Report> reports;
     std::vector<std::uint32_t> agentCodes;

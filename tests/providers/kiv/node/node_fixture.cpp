@@ -64,7 +64,8 @@ std::string catalogueText(const char* id, const std::vector<ReportArgument>& arg
     if (U_FAILURE(status)) {
         return std::string("<cannot format ") + id + ">";
     }
-    return host::toUtf8(std::u16string(result.getBuffer(), static_cast<std::size_t>(result.length())));
+    return host::toUtf8(
+        std::u16string(result.getBuffer(), static_cast<std::size_t>(result.length())));
 }
 
 std::vector<std::string> reportsOf(const std::vector<HostMessage>& messages) {
@@ -128,8 +129,8 @@ void NodeTest::preparePair() {
     snapshotNames_.clear();
     for (const HostMessage& line : plainLinesOf(takeUserMessages())) {
         if (line.text.has_value() && line.text->rfind(prefix, 0) == 0) {
-            snapshotNames_.push_back(line.text->substr(prefix.size(),
-                                                       line.text->size() - prefix.size() - 1));
+            snapshotNames_.push_back(
+                line.text->substr(prefix.size(), line.text->size() - prefix.size() - 1));
         }
     }
     ASSERT_EQ(snapshotNames_.size(), 2u);
