@@ -4,10 +4,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <stdexcept>
+#include <thread>
 
 extern char** environ;
 
@@ -30,6 +33,23 @@ std::string selfPath() {
 }
 
 }  // namespace
+
+void publishFile(const std::filesystem::path& path, const std::string& text) {
+    std::filesystem::path temporary = path;
+    temporary += ".new";
+    std::ofstream(temporary) << text;
+    std::filesystem::rename(temporary, path);
+}
+
+bool waitForFile(const std::filesystem::path& path) {
+    for (int i = 0; i < 60000; ++i) {
+        if (std::filesystem::exists(path)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
 
 void ChildChecks::failIf(bool failure, const char* condition, int line) {
     if (failure) {

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,13 @@ class ChildChecks {
 pid_t startChild(const std::string& role, const std::vector<std::string>& arguments = {});
 // Waits for the child; its exit code, or 128 + signal when it was killed.
 int waitChild(pid_t child);
+
+// Cross-process signals through files: publishFile writes `text` so that a
+// reader sees the whole file or none of it; waitForFile waits (for real,
+// another process decides) until the file exists, false after a minute, which
+// only guards against a hung peer.
+void publishFile(const std::filesystem::path& path, const std::string& text = "x");
+bool waitForFile(const std::filesystem::path& path);
 
 // Runs the role named by --child=<role> in argv, if any; called by main.
 // Returns true (and sets *exitCode) when this process is a child.

@@ -9,7 +9,7 @@
 
 #include "fiprovlib/TraceMethod.h"
 #include "fiprovlib/Win32Error.h"
-#include "log_capture.h"
+#include "support/log_capture.h"
 
 namespace {
 
@@ -54,7 +54,7 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
 
 namespace {
 
-using fiprovlibtest::LogCapture;
+using testsupport::LogCapture;
 
 TEST(TracingOutOfMemoryTest, LineIsDroppedWhenItsBufferCannotBeHad) {
     LogCapture capture;

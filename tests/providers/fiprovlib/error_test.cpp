@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fiprovlib/Win32Error.h"
-#include "log_capture.h"
+#include "support/log_capture.h"
 #include "os/error.h"
 #include "os/eventlog.h"
 #include "sim/eventlog.h"
@@ -18,8 +18,8 @@
 
 namespace {
 
-using fiprovlibtest::ascii;
-using fiprovlibtest::LogCapture;
+using testsupport::ascii;
+using testsupport::LogCapture;
 
 nlohmann::json smallMachine() {
     return {{"volumes", {testsupport::TempMachine::volume(1, {"C:\\"})}}};

@@ -20,12 +20,12 @@
 #include "sim/clock.h"
 #include "sim/hooks.h"
 #include "support/child_process.h"
-#include "log_capture.h"
+#include "support/log_capture.h"
 
 namespace {
 
-using fiprovlibtest::ascii;
-using fiprovlibtest::LogCapture;
+using testsupport::ascii;
+using testsupport::LogCapture;
 
 const std::regex kLinePattern(
     "^fikiv:(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "

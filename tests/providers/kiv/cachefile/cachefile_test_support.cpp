@@ -21,18 +21,8 @@ std::vector<HostMessage>& hostMessages() {
     return messages;
 }
 
-std::vector<HostMessage>& logLines() {
-    static std::vector<HostMessage> lines;
-    return lines;
-}
-
 int recordHostMessage(tarn_context*, const char16_t* text, const char16_t*, std::uint32_t level) {
     hostMessages().push_back({text != nullptr ? text : u"", level});
-    return 0;
-}
-
-int recordLogLine(tarn_context*, const char16_t* text, const char16_t*, std::uint32_t level) {
-    logLines().push_back({text != nullptr ? text : u"", level});
     return 0;
 }
 
@@ -87,22 +77,6 @@ MessageCapture::~MessageCapture() {
 
 const std::vector<HostMessage>& MessageCapture::messages() const {
     return hostMessages();
-}
-
-LogCapture::LogCapture() {
-    logLines().clear();
-    context_.msg_callback = &recordLogLine;
-    previous_ = logContext();
-    setLogContext(&context_);
-}
-
-LogCapture::~LogCapture() {
-    setLogContext(previous_);
-    logLines().clear();
-}
-
-const std::vector<HostMessage>& LogCapture::lines() const {
-    return logLines();
 }
 
 TestMutex::TestMutex() {

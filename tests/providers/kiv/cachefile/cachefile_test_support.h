@@ -53,21 +53,6 @@ class MessageCapture {
     tarn_context* previous_ = nullptr;
 };
 
-// Points the log writer at a recorder for its lifetime (trace lines).
-class LogCapture {
-  public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    const std::vector<HostMessage>& lines() const;
-
-  private:
-    tarn_context context_{};
-    tarn_context* previous_ = nullptr;
-};
-
 // The provider mutex of the current machine, opened for one test.
 class TestMutex {
   public:

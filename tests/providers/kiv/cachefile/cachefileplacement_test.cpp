@@ -21,6 +21,7 @@
 #include "os/sync.h"
 #include "sim/hooks.h"
 #include "support/child_process.h"
+#include "support/log_capture.h"
 #include "support/temp_machine.h"
 
 namespace cachefiletest {
@@ -449,7 +450,7 @@ TEST(CachePlacementTest, MutexHeldOrAbandonedMeansNothingPlaced) {
             holder.finish(/*abandon=*/true);
         }
         sim::useVirtualClock(true);
-        LogCapture log;
+        testsupport::LogCapture log;
         std::vector<std::u16string> paths;
         std::vector<CacheFileSizes> sizes;
         PlacementReport report;
@@ -461,7 +462,7 @@ TEST(CachePlacementTest, MutexHeldOrAbandonedMeansNothingPlaced) {
         EXPECT_TRUE(paths.empty());
         EXPECT_TRUE(sizes.empty());
         EXPECT_EQ(report.outcome, PlacementOutcome::kMutexNotObtained);
-        EXPECT_TRUE(log.lines().empty());
+        EXPECT_TRUE(log.messages().empty());
     }
 }
 
@@ -480,7 +481,7 @@ TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
             machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
         sim::makeUnbindable("kernel32.dll", row.unbindable);
         TestMutex mutex;
-        LogCapture log;
+        testsupport::LogCapture log;
         std::vector<std::u16string> paths;
         std::vector<CacheFileSizes> sizes;
         std::optional<os::DWORD> thrown;
@@ -491,7 +492,7 @@ TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
         }
         ASSERT_TRUE(thrown.has_value());
         EXPECT_EQ(*thrown, os::ERROR_PROC_NOT_FOUND);
-        EXPECT_TRUE(log.lines().empty());
+        EXPECT_TRUE(log.messages().empty());
         EXPECT_TRUE(paths.empty());
         EXPECT_TRUE(sizes.empty());
         // Another thread gets the mutex at once: the failed placement let go.
@@ -538,10 +539,10 @@ TEST(CachePlacementTest, ChoiceIsExplainedInTheReportAndNotToTheHost) {
         // Made first, so that the coordinator (which the sizing messages go
         // through) exists and its own creation trace is not counted.
         MessageCapture sizingMessages;
-        LogCapture log;
+        testsupport::LogCapture log;
         const Placement placement = place({guid(1)}, hintsWith(row.preferred, row.excluded));
         ASSERT_TRUE(placement.result);
-        EXPECT_TRUE(log.lines().empty()) << utf8(log.lines().front().text);
+        EXPECT_TRUE(log.messages().empty()) << utf8(log.messages().front().text);
         const std::string why = describe(placement.report);
         EXPECT_NE(why.find(row.explanation), std::string::npos) << why;
     }

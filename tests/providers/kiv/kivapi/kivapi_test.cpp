@@ -67,20 +67,8 @@ bool tableComplete(const KivApi& api) {
     return api.module != nullptr;
 }
 
-// Waits (for real; another process decides) until `file` exists.
-bool waitForFile(const std::filesystem::path& file) {
-    for (int i = 0; i < 6000; ++i) {
-        if (std::filesystem::exists(file)) {
-            return true;
-        }
-        usleep(10 * 1000);
-    }
-    return false;
-}
-
-void touch(const std::filesystem::path& file) {
-    std::ofstream(file) << "x";
-}
+using testsupport::publishFile;
+using testsupport::waitForFile;
 
 // --- child roles ------------------------------------------------------------
 
@@ -147,7 +135,7 @@ FIKIV_CHILD_ROLE(mutexName) {
 // Holds the provider mutex until told to let go.
 FIKIV_CHILD_ROLE(holdMutex) {
     ProviderMutexLock lock(ProviderMutex());
-    touch(arguments.at(0));
+    publishFile(arguments.at(0));
     return waitForFile(arguments.at(1)) ? 0 : 1;
 }
 
@@ -261,7 +249,7 @@ TEST(ProviderMutexTest, HolderInAnotherProcessMakesTheLockFail) {
     const pid_t holder = testsupport::startChild("holdMutex", {ready.string(), release.string()});
     ASSERT_TRUE(waitForFile(ready));
     EXPECT_EQ(runChild("tryMutex", {"timeout"}), 0);
-    touch(release);
+    publishFile(release);
     EXPECT_EQ(testsupport::waitChild(holder), 0);
     EXPECT_EQ(runChild("tryMutex", {"free"}), 0);
 }

@@ -16,6 +16,7 @@
 #include "kivconfig_test_util.h"
 #include "os/codepage.h"
 #include "string_helper.h"
+#include "support/log_capture.h"
 #include "tarn/msgcatalog.h"
 
 namespace kivconfigtest {
@@ -559,31 +560,6 @@ TEST(ExtractUnsigned32, MatchesStreamExtraction) {
     }
 }
 
-// The lines the host receives at trace level while a test runs.
-class TraceCapture {
-  public:
-    TraceCapture() : previous_(logContext()) {
-        lines().clear();
-        setLogContext(&context_);
-    }
-    ~TraceCapture() { setLogContext(previous_); }
-    static std::vector<std::u16string>& lines() {
-        static std::vector<std::u16string> captured;
-        return captured;
-    }
-
-  private:
-    static int collect(tarn_context*, const char16_t* text, const char16_t*, std::uint32_t level) {
-        if (level == kLogTrace && text != nullptr) {
-            lines().emplace_back(text);
-        }
-        return 0;
-    }
-
-    tarn_context context_{&TraceCapture::collect, nullptr, nullptr, nullptr};
-    tarn_context* previous_;
-};
-
 // Operations the host and the node call: the traced ones frame themselves
 // with entry and exit lines under their own name and this module's source
 // name; the others write nothing.
@@ -607,9 +583,9 @@ TEST_F(ConfigFixture, TracedOperationsNameThemselves) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name != nullptr ? toNarrow(row.name, os::CP_UTF8) : "untraced");
-        TraceCapture capture;
+        testsupport::LogCapture capture;
         row.call();
-        const std::vector<std::u16string>& lines = TraceCapture::lines();
+        const std::vector<std::u16string> lines = capture.texts(kLogTrace);
         if (row.name == nullptr) {
             EXPECT_THAT(lines, IsEmpty());
             continue;

@@ -1,7 +1,9 @@
-// A framework context whose message callback keeps every call, for tests of
-// the log writer and the error objects.
-#ifndef TESTS_PROVIDERS_FIPROVLIB_LOG_CAPTURE_H_
-#define TESTS_PROVIDERS_FIPROVLIB_LOG_CAPTURE_H_
+// A framework context whose message callback keeps every call, installed as
+// the log writer's context for the life of the object: what the plug-in's log
+// and trace lines would tell the host, for tests that run the plug-in's code
+// in their own process. Header-only: the test links the plug-in's code.
+#ifndef TESTS_SUPPORT_LOG_CAPTURE_H_
+#define TESTS_SUPPORT_LOG_CAPTURE_H_
 
 #include <cstdint>
 #include <mutex>
@@ -11,7 +13,7 @@
 #include "fiprovlib/TraceMethod.h"
 #include "tarn/records.h"
 
-namespace fiprovlibtest {
+namespace testsupport {
 
 struct CapturedMessage {
     std::u16string text;
@@ -20,18 +22,18 @@ struct CapturedMessage {
     std::uint32_t level = 0;
 };
 
-// Installs itself with setLogContext and the plug-in name "fikiv"; takes the
-// log context away again when destroyed. One at a time per process.
+// Installs itself with setLogContext and the plug-in name "fikiv"; gives
+// the earlier log context back when destroyed. One at a time per process.
 class LogCapture {
   public:
-    LogCapture() {
+    LogCapture() : previous_(logContext()) {
         context_.msg_callback = &LogCapture::callback;
         current() = this;
         setPluginName(u"fikiv");
         setLogContext(&context_);
     }
     ~LogCapture() {
-        setLogContext(nullptr);
+        setLogContext(previous_);
         current() = nullptr;
     }
     LogCapture(const LogCapture&) = delete;
@@ -40,6 +42,16 @@ class LogCapture {
     std::vector<CapturedMessage> messages() {
         std::lock_guard<std::mutex> lock(mutex_);
         return messages_;
+    }
+    // The texts of the lines at `level`, in order.
+    std::vector<std::u16string> texts(std::uint32_t level) {
+        std::vector<std::u16string> found;
+        for (const CapturedMessage& message : messages()) {
+            if (message.level == level) {
+                found.push_back(message.text);
+            }
+        }
+        return found;
     }
     void clear() {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -69,6 +81,7 @@ class LogCapture {
     }
 
     tarn_context context_{};
+    tarn_context* previous_;
     std::mutex mutex_;
     std::vector<CapturedMessage> messages_;
 };
@@ -83,6 +96,6 @@ inline std::string ascii(const std::u16string& text) {
     return out;
 }
 
-}  // namespace fiprovlibtest
+}  // namespace testsupport
 
-#endif  // TESTS_PROVIDERS_FIPROVLIB_LOG_CAPTURE_H_
+#endif  // TESTS_SUPPORT_LOG_CAPTURE_H_
