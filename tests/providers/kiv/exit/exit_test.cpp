@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "support/temp_machine.h"
+#include "support/row_name.h"
 
 extern char** environ;
 
@@ -96,11 +97,7 @@ struct ExitCase {
     const char* name;
     std::size_t nodes;  // nodes the coordinator deletes on the way out
 };
-
-// Test names and failure messages show the row's name.
-void PrintTo(const ExitCase& row, std::ostream* out) {
-    *out << row.name;
-}
+FIKIV_PRINT_ROW_NAME(ExitCase)
 
 class PluginExitTest : public ::testing::TestWithParam<ExitCase> {};
 

@@ -8,6 +8,7 @@
 #include "kiv/kivconfig/kivconfig.h"
 #include "kivconfig_test_util.h"
 #include "tarn/msgcatalog.h"
+#include "support/row_name.h"
 
 namespace kivconfigtest {
 namespace {
@@ -52,6 +53,7 @@ struct InfoRow {
     std::int32_t result;
     std::u16string expected;  // "<null>" or "<untouched>" when no document
 };
+FIKIV_PRINT_ROW_NAME(InfoRow)
 
 const InfoRow kInfoRows[] = {
     {"GroupQuiesce", Target::kGroup, Select::kQuiesce, 0, kQuiesceInfo},

@@ -18,6 +18,7 @@
 #include "string_helper.h"
 #include "support/log_capture.h"
 #include "tarn/msgcatalog.h"
+#include "support/row_name.h"
 
 namespace kivconfigtest {
 namespace {
@@ -53,6 +54,7 @@ struct SetRow {
     std::int32_t result;
     Stored stored;
 };
+FIKIV_PRINT_ROW_NAME(SetRow)
 
 const SetRow kSetRows[] = {
     {"GroupQuiesce",
@@ -155,6 +157,7 @@ struct GroupRow {
     const std::u16string* second;
     const std::vector<std::u16string>& (KivConfig::*entries)() const;
 };
+FIKIV_PRINT_ROW_NAME(GroupRow)
 
 const std::u16string kQuiesceDoc2 = document({{u"quiesceWait", u"99"}});
 const std::u16string kCacheDoc2 = document({{u"cachefileDir", u"tmp"}});
@@ -252,6 +255,7 @@ struct GetRow {
     Select select;
     std::u16string expected;
 };
+FIKIV_PRINT_ROW_NAME(GetRow)
 
 // After the group quiesce and cache settings and a volume's automatic split
 // settings are stored (the same configuration answers both kinds of request).
@@ -308,6 +312,7 @@ struct KeyRow {
     std::u16string value;
     std::u16string invalid;  // empty: every value is valid
 };
+FIKIV_PRINT_ROW_NAME(KeyRow)
 
 const KeyRow kKeyRows[] = {
     {"SnapshotVolumeName", u"snapshotVolumeName", Target::kVolume, Select::kSplit, u"V:", u""},
@@ -432,6 +437,7 @@ struct HintsRow {
     std::vector<std::u16string> entries;  // cache entries, as stored
     CacheFileHints expected;
 };
+FIKIV_PRINT_ROW_NAME(HintsRow)
 
 CacheFileHints hints(std::vector<std::u16string> preferred, std::vector<std::u16string> excluded,
                      std::u16string dir, std::uint32_t initMB, std::uint32_t maxMB,

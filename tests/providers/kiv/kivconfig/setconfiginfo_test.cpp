@@ -1,6 +1,7 @@
 // The settings document reader: which documents the host may send, what each
 // stores, and that a rejected document adds nothing.
 #include "kiv/kivconfig/setconfiginfo.h"
+#include "support/row_name.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -18,6 +19,7 @@ struct ParseRow {
     std::int32_t result;
     std::vector<std::u16string> entries;  // appended on success
 };
+FIKIV_PRINT_ROW_NAME(ParseRow)
 
 const ParseRow kParseRows[] = {
     {"EmptyList", u"<SET_CONFIG_INFO_LIST> </SET_CONFIG_INFO_LIST>", 0, {}},

@@ -10,6 +10,7 @@
 
 #include "kiv/kivconfig/kivconfig.h"
 #include "kivconfig_test_util.h"
+#include "support/row_name.h"
 
 namespace kivconfigtest {
 namespace {
@@ -24,6 +25,7 @@ struct QuiesceRow {
     std::uint32_t wait;
     std::uint32_t timeout;
 };
+FIKIV_PRINT_ROW_NAME(QuiesceRow)
 
 const QuiesceRow kQuiesceRows[] = {
     {"BothKeys", {u"quiesceWait=10", u"quiesceTimeout=30"}, true, 10, 30},
@@ -60,6 +62,7 @@ struct SplitRow {
     bool valid;
     SplitConfig values;
 };
+FIKIV_PRINT_ROW_NAME(SplitRow)
 
 SplitConfig split(const char* volume, const char* file, std::uint32_t initial,
                   std::uint32_t maximum) {

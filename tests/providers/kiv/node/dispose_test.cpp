@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "node_fixture.h"
+#include "support/row_name.h"
 
 namespace nodetest {
 namespace {
@@ -32,11 +33,7 @@ struct DisposeCase {
     std::size_t waits;
     std::uint64_t destroyCalls;
 };
-
-// Test names and failure messages show the row's name.
-void PrintTo(const DisposeCase& row, std::ostream* out) {
-    *out << row.name;
-}
+FIKIV_PRINT_ROW_NAME(DisposeCase)
 
 // clang-format off
 const DisposeCase kDisposeCases[] = {

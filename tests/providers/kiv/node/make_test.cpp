@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "node_fixture.h"
+#include "support/row_name.h"
 
 namespace nodetest {
 namespace {
@@ -45,11 +46,7 @@ struct RegistrationCase {
     std::size_t registrations;  // register requests the agent received
     std::size_t waits;          // one-second waits
 };
-
-// Test names and failure messages show the row's name.
-void PrintTo(const RegistrationCase& row, std::ostream* out) {
-    *out << row.name;
-}
+FIKIV_PRINT_ROW_NAME(RegistrationCase)
 
 // clang-format off
 const RegistrationCase kRegistrationCases[] = {

@@ -9,6 +9,7 @@
 #include "node_fixture.h"
 #include "os/handle.h"
 #include "os/sync.h"
+#include "support/row_name.h"
 
 namespace nodetest {
 namespace {
@@ -98,11 +99,7 @@ struct PrepareCase {
     const char* lastPlainLine;
     std::uint32_t lastPlainLevel;
 };
-
-// Test names and failure messages show the row's name.
-void PrintTo(const PrepareCase& row, std::ostream* out) {
-    *out << row.name;
-}
+FIKIV_PRINT_ROW_NAME(PrepareCase)
 
 const char kDumpEnd[] = "\tQuiesceTimeout:30\n";
 
