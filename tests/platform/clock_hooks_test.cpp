@@ -143,44 +143,4 @@ TEST_F(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
     EXPECT_EQ(after.wDayOfWeek, parts.tm_wday);
 }
 
-TEST_F(VirtualClockTest, ATimedWaitAdvancesByItsWholeTimeout) {
-    bool blocked = false;
-    const auto realWait = [&](const struct timespec*) {
-        blocked = true;
-        return true;
-    };
-    const std::uint64_t start = sim::nowMs();
-    EXPECT_FALSE(sim::advanceOrWait(10000, realWait));
-    EXPECT_FALSE(blocked);
-    EXPECT_EQ(sim::nowMs() - start, 10000u);
-    // A zero time-out neither waits nor moves time.
-    EXPECT_FALSE(sim::advanceOrWait(0, realWait));
-    EXPECT_FALSE(blocked);
-    EXPECT_EQ(sim::recordedWaits(), std::vector<std::uint32_t>{10000});
-    EXPECT_TRUE(sim::recordedSleeps().empty());
-
-    // An infinite wait can only end by another party: it waits for real.
-    const struct timespec* deadline = reinterpret_cast<const struct timespec*>(1);
-    EXPECT_TRUE(sim::advanceOrWait(0xFFFFFFFF, [&](const struct timespec* given) {
-        deadline = given;
-        return true;
-    }));
-    EXPECT_EQ(deadline, nullptr);
-}
-
-TEST(RealClockTest, ATimedWaitGetsADeadline) {
-    sim::useVirtualClock(false);
-    struct timespec now {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    struct timespec seen {};
-    EXPECT_FALSE(sim::advanceOrWait(2500, [&](const struct timespec* deadline) {
-        seen = *deadline;
-        return false;
-    }));
-    const long long deltaMs =
-        (seen.tv_sec - now.tv_sec) * 1000LL + (seen.tv_nsec - now.tv_nsec) / 1000000;
-    EXPECT_GE(deltaMs, 2500);
-    EXPECT_LT(seen.tv_nsec, 1000000000L);
-}
-
 }  // namespace
