@@ -27,12 +27,9 @@ bool advanceOrWait(std::uint32_t timeoutMs,
     }
     struct timespec deadline {};
     clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
-    deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-        deadline.tv_sec += 1;
-        deadline.tv_nsec -= 1000000000L;
-    }
+    const std::int64_t nanoseconds = deadline.tv_nsec + std::int64_t{timeoutMs % 1000} * 1000000;
+    deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000 + nanoseconds / 1000000000);
+    deadline.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
     return realWait(&deadline);
 }
 

@@ -28,6 +28,9 @@ TEST(TarnErrorTest, FrameworkTextsForTheStatusCodes) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.code);
         TarnError error(row.code, u"f", 1, u"fn");
+        // The coordinator answers a raised error's status: its code unchanged.
+        EXPECT_EQ(error.status(), static_cast<std::int32_t>(row.code));
+        EXPECT_EQ(std::u16string(error.kindName()), u"Tarn Error Code");
         EXPECT_EQ(textOf(error.message()), row.expected);
         EXPECT_EQ(textOf(error.localizedMessage()), textOf(error.message()));
     }
