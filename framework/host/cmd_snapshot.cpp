@@ -27,6 +27,7 @@
 #include "host/driver_state.h"
 #include "host/snapshot_run.h"
 #include "host/text.h"
+#include "mutex_probe.h"
 #include "os/file.h"
 #include "output.h"
 #include "placement_options.h"
@@ -239,6 +240,21 @@ std::string collidedCacheFile(const host::SnapshotRun& run) {
     return {};
 }
 
+// True when prepare failed without any cache file placed, and not for a
+// system error the provider named: the provider mutex was not obtained.
+bool placementFailed(const host::SnapshotRun& run) {
+    if (run.failedStep() != host::Step::kPrepare) {
+        return false;
+    }
+    for (const std::string& text : run.failureTexts()) {
+        if (text.find("GetLastError()") != std::string::npos) {
+            return false;
+        }
+    }
+    return std::all_of(run.volumes().begin(), run.volumes().end(),
+                       [](const host::SnapshotVolume& volume) { return volume.cacheFile.empty(); });
+}
+
 // Runs `command` through /bin/sh with the snapshot's environment and answers
 // its exit status (128 + the signal when a signal ended it, -1 when it could
 // not be started). fihost ignores interrupts meanwhile, so that a Ctrl-C ends
@@ -344,6 +360,10 @@ int runSnapshot(const GlobalOptions& options, const SnapshotCommandOptions& comm
         stopAgent(agent);
         return kExitFailed;
     }
+    const MutexState mutexBefore = probeProviderMutex();
+    if (mutexBefore == MutexState::kAbandoned) {
+        std::cerr << "fihost snapshot: " << mutexFailureText(mutexBefore) << "\n";
+    }
     ProgressPrinter printer;
     auto progress = [&printer](const host::ProgressEvent& event) { printer(event); };
     int exitCode = kExitOk;
@@ -367,6 +387,10 @@ int runSnapshot(const GlobalOptions& options, const SnapshotCommandOptions& comm
     }
     if (!taken.isOk()) {
         printFailure("snapshot", taken, run->failureTexts());
+        if (placementFailed(*run)) {
+            std::cerr << "fihost snapshot: no cache file was placed; "
+                      << mutexFailureText(mutexBefore) << "\n";
+        }
         exitCode = kExitFailed;
     } else {
         facts["taken"] = true;

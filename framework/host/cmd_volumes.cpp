@@ -34,12 +34,17 @@ int runVolumes(const GlobalOptions& options) {
         const bool taken =
             session.plugin().interpose(record.record(), &identity, &groups, &count) == 1 &&
             identity != nullptr;
-        std::vector<std::string> reasons;
+        // The provider's catalogue reports say why in words; its log warnings
+        // are the reason only when it reported nothing else.
+        std::vector<std::string> reports;
+        std::vector<std::string> warnings;
         for (const host::HostMessage& message : session.context().takeMessages()) {
             if (message.level == 2 || message.level == 3) {
-                reasons.push_back(readableText(message));
+                (message.secondText.has_value() ? reports : warnings)
+                    .push_back(readableText(message));
             }
         }
+        std::vector<std::string> reasons = reports.empty() ? warnings : reports;
         if (!taken && reasons.empty()) {
             reasons.push_back("the provider gave no reason (fihost -v volumes shows its log)");
         }
