@@ -27,6 +27,7 @@
 #include "host/driver_state.h"
 #include "host/snapshot_run.h"
 #include "host/text.h"
+#include "machine_view.h"
 #include "mutex_probe.h"
 #include "os/file.h"
 #include "output.h"
@@ -153,6 +154,17 @@ std::vector<std::string> contentPaths(const std::vector<host::SnapshotVolume>& v
         paths.push_back(found != existing.end() ? found->contentPath.string() : std::string());
     }
     return paths;
+}
+
+// The snapshot volumes with their cache files named in the user's form (the
+// provider's own dump leaves a path inside a cache directory on its volume
+// GUID name).
+std::vector<host::SnapshotVolume> shownVolumes(std::vector<host::SnapshotVolume> volumes) {
+    const std::vector<VolumeView> views = readVolumes();
+    for (host::SnapshotVolume& volume : volumes) {
+        volume.cacheFile = displayPath(views, volume.cacheFile);
+    }
+    return volumes;
 }
 
 nlohmann::json volumeFacts(const std::vector<host::SnapshotVolume>& volumes,
@@ -396,7 +408,7 @@ int runSnapshot(const GlobalOptions& options, const SnapshotCommandOptions& comm
         facts["taken"] = true;
         const std::vector<std::string> contents = contentPaths(run->volumes());
         if (!options.output->json()) {
-            printVolumes(run->volumes());
+            printVolumes(shownVolumes(run->volumes()));
         }
         if (!command.exec.empty()) {
             exportSnapshots(run->volumes(), contents);
@@ -432,7 +444,7 @@ int runSnapshot(const GlobalOptions& options, const SnapshotCommandOptions& comm
                           << (run->volumes().size() == 1 ? "volume" : "volumes") << "\n";
             }
         }
-        facts["volumes"] = volumeFacts(run->volumes(), contents);
+        facts["volumes"] = volumeFacts(shownVolumes(run->volumes()), contents);
     }
     facts["kept"] = taken.isOk() && command.keep;
     options.output->result(facts);

@@ -291,7 +291,8 @@ TEST_F(SnapshotEndToEndTest, AgentAbsentIsReportedAndTheSnapshotStillGoes) {
     bool reported = false;
     for (const ProgressEvent& event : events_) {
         reported = reported || (event.kind == ProgressEvent::Kind::kMessage &&
-                                event.text.find("KIV_ORB_Registervolume") != std::string::npos);
+                                event.text.find("could not be handed to the backup agent") !=
+                                    std::string::npos);
     }
     EXPECT_TRUE(reported) << "make did not report the failed registration";
     disposeAndExpectNothingLeft();
@@ -415,7 +416,8 @@ TEST_F(SnapshotEndToEndTest, FihostStartsAndStopsAnAgentWhenNoneAnswers) {
 
 // fihost with --json: the document on stdout, stderr dropped.
 nlohmann::json fihostJson(const std::string& arguments) {
-    CommandRun run = runCommand(std::string(FIHOST_PATH) + " --json " + arguments + " 2>/dev/null");
+    CommandRun run =
+        runCommand("{ " + std::string(FIHOST_PATH) + " --json " + arguments + " 2>/dev/null; }");
     return nlohmann::json::parse(run.output, nullptr, false);
 }
 
@@ -470,12 +472,14 @@ TEST_F(SnapshotEndToEndTest, ExecSeesThePointInTimeContentWhileTheSourceChanges)
     fs::create_directories(volumeC);
     std::ofstream(volumeC / "report.txt") << "before\n";
     const fs::path seen = machine_->directory() / "seen.txt";
-    const std::string command =
-        "echo after > '" + (volumeC / "report.txt").string() + "'; cat \"$FIKIV_SNAPSHOT_1_PATH/report.txt\" > '" +
-        seen.string() + "'; echo \"$FIKIV_SNAPSHOT_COUNT $FIKIV_SNAPSHOT_1_SOURCE $FIKIV_SNAPSHOT_2_SOURCE\" >> '" +
-        seen.string() + "'; exit 7";
+    const fs::path script = machine_->directory() / "backup.sh";
+    std::ofstream(script) << "echo after > '" << (volumeC / "report.txt").string() << "'\n"
+                          << "cat \"$FIKIV_SNAPSHOT_1_PATH/report.txt\" > '" << seen.string() << "'\n"
+                          << "echo \"$FIKIV_SNAPSHOT_COUNT $FIKIV_SNAPSHOT_1_SOURCE "
+                             "$FIKIV_SNAPSHOT_2_SOURCE\" >> '" << seen.string() << "'\n"
+                          << "exit 7\n";
     CommandRun run = runCommand(std::string(FIHOST_PATH) + " snapshot C: F:" + agentOption() +
-                                " --exec \"" + command + "\"");
+                                " --exec 'sh " + script.string() + "'");
     EXPECT_EQ(run.exitCode, 7) << run.output;
     EXPECT_EQ(readFile(seen), "before\n2 C: F:\n");
     EXPECT_EQ(readFile(volumeC / "report.txt"), "after\n");
