@@ -125,7 +125,14 @@ int runPlan(const GlobalOptions& options, const PlanOptions& plan) {
     host::HostContext context;
     context.setListener(
         [&options](const host::HostMessage& message) { options.output->message(message); });
-    KivFiCoordinator::instance().setFrameworkContext(context.context());
+    try {
+        // The sizing reports its rule through the coordinator's context.
+        KivFiCoordinator::instance().setFrameworkContext(context.context());
+    } catch (os::DWORD error) {
+        std::cerr << "fihost plan: the snapshot driver library kivapi.dll cannot be loaded ("
+                  << systemErrorText(error) << "); without it no cache can be placed\n";
+        return kExitFailed;
+    }
     setLogContext(context.context());
     setPluginName(u"fikiv");
 
@@ -153,7 +160,8 @@ int runPlan(const GlobalOptions& options, const PlanOptions& plan) {
     try {
         placed = placeCacheFiles(ProviderMutex(), targets, hints, paths, sizes, &report);
     } catch (os::DWORD error) {
-        std::cerr << "fihost plan: the placement failed: " << systemErrorText(error) << "\n";
+        std::cerr << "fihost plan: the placement failed (" << systemErrorText(error)
+                  << "); is the snapshot driver library kivapi.dll missing?\n";
         return kExitFailed;
     }
     if (!placed) {

@@ -46,7 +46,10 @@ int runVolumes(const GlobalOptions& options) {
         }
         std::vector<std::string> reasons = reports.empty() ? warnings : reports;
         if (!taken && reasons.empty()) {
-            reasons.push_back("the provider gave no reason (fihost -v volumes shows its log)");
+            reasons.push_back(volume.driverAttributes
+                                  ? "the provider gave no reason (fihost -v volumes shows its log)"
+                                  : "the snapshot driver does not answer for it; without the "
+                                    "driver library (kivapi.dll) the provider takes no volume");
         }
         nlohmann::json fact = volume.toJson();
         fact["name"] = volume.displayName();

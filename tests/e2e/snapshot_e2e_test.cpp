@@ -29,6 +29,8 @@
 #include "host/host_context.h"
 #include "host/plugin_host.h"
 #include "host/snapshot_run.h"
+#include "os/handle.h"
+#include "os/sync.h"
 #include "sim/hooks.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
@@ -521,6 +523,54 @@ TEST_F(SnapshotEndToEndTest, FihostPreparesOnceMoreWhenTheCacheFileNameWasTaken)
     EXPECT_NE(second.output.find("E:\\_tarnKivCacheFile_1.KIV"), std::string::npos)
         << second.output;
     expectNothingLeft();
+}
+
+// Takes the provider mutex and ends without releasing it, or holds it until
+// the file arguments.at(0) appears.
+FIKIV_CHILD_ROLE(providerMutexOwner) {
+    os::HANDLE mutex = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
+    if (mutex == nullptr || os::WaitForSingleObject(mutex, 0) != os::WAIT_OBJECT_0) {
+        return 10;
+    }
+    std::ofstream(arguments.at(1)) << "held";
+    while (arguments.at(0) != "abandon" && !fs::exists(arguments.at(0))) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return 0;
+}
+
+// An abandoned provider mutex and one held too long read differently: the
+// first is released and the plan goes on, the second fails after the wait.
+TEST_F(SnapshotEndToEndTest, PlanTellsAnAbandonedProviderMutexFromAHeldOne) {
+    const fs::path held = machine_->directory() / "mutex.held";
+    // The mutex outlives its owner only while another process has it open.
+    os::HANDLE keepOpen = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
+    ASSERT_NE(keepOpen, nullptr);
+    EXPECT_EQ(testsupport::waitChild(testsupport::startChild(
+                  "providerMutexOwner", {"abandon", held.string()})),
+              0);
+    CommandRun abandoned = runCommand(std::string(FIHOST_PATH) + " plan C:");
+    EXPECT_EQ(abandoned.exitCode, 0) << abandoned.output;
+    EXPECT_NE(abandoned.output.find("abandoned by a process that ended while placing cache files; "
+                                    "fihost released it"),
+              std::string::npos)
+        << abandoned.output;
+
+    fs::remove(held);
+    const fs::path release = machine_->directory() / "mutex.release";
+    pid_t owner = testsupport::startChild("providerMutexOwner", {release.string(), held.string()});
+    while (!fs::exists(held)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    CommandRun timedOut = runCommand(std::string(FIHOST_PATH) + " plan C:");
+    std::ofstream(release) << "go";
+    EXPECT_EQ(testsupport::waitChild(owner), 0);
+    EXPECT_EQ(timedOut.exitCode, 1) << timedOut.output;
+    EXPECT_NE(timedOut.output.find("stayed held by another process for 10 seconds"),
+              std::string::npos)
+        << timedOut.output;
+    EXPECT_EQ(timedOut.output.find("abandoned"), std::string::npos) << timedOut.output;
+    os::CloseHandle(keepOpen);
 }
 
 }  // namespace

@@ -181,4 +181,31 @@ TEST(FihostCommandsTest, SettingsFileIsReadRefusedOrInConflict) {
     EXPECT_EQ(jsonOf(runFihost("--json list"))["result"]["snapshots"].size(), 0u);
 }
 
+// Without the driver library nothing can be placed or taken, and each
+// command says so instead of guessing.
+TEST(FihostCommandsTest, WithoutTheDriverLibraryEveryCommandSaysSo) {
+    nlohmann::json description = fourVolumes();
+    description["faults"] = {{{"missingLibrary", "kivapi.dll"}}};
+    TempMachine machine(description);
+    struct Row {
+        const char* arguments;
+        int exitCode;
+        std::string shown;  // on stdout or stderr
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"plan C:",               1, "the snapshot driver library kivapi.dll cannot be loaded (error 126"},
+        {"volumes",               0, "C:  fixed, NTFS, 40.0 GiB free\n  not taken\n    the snapshot driver does not answer for it"},
+        {"machine",               0, "driver       does not answer"},
+        {"snapshot C: --no-agent", 1, "the provider does not take C: for snapshots ('fihost volumes' says why)"},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.arguments);
+        FihostResult result = runFihost(row.arguments);
+        EXPECT_EQ(result.exitCode, row.exitCode) << result.err;
+        EXPECT_TRUE(has(result.out + result.err, row.shown)) << result.out << result.err;
+    }
+}
+
 }  // namespace

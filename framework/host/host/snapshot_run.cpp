@@ -356,7 +356,9 @@ Status SnapshotRun::interposeAll(const SnapshotOptions& options) {
         std::int32_t answer =
             plugin_.interpose(source->volume->record(), &object, &groups, &groupCount);
         if (answer != 1 || object == nullptr) {
-            return failed("the provider declined to interpose " + name, answer);
+            return failed("the provider does not take " + name +
+                              " for snapshots ('fihost volumes' says why); interpose answered",
+                          answer);
         }
         if (group_ == nullptr && groupCount > 0 && groups != nullptr && groups[0] != nullptr) {
             group_ = std::make_unique<HostNode>(groups[0]);
