@@ -60,6 +60,12 @@ std::string readFile(const fs::path& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+void waitForFile(const fs::path& path) {
+    while (!fs::exists(path)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
 struct CommandRun {
     int exitCode = -1;
     std::string output;
@@ -337,23 +343,26 @@ FIKIV_CHILD_ROLE(hostKeepingUntilReleased) {
         if (!taken.isOk()) {
             return 11;
         }
-        while (!fs::exists(arguments.at(2))) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
+        waitForFile(arguments.at(2));
         result = run.dispose().isOk() ? 0 : 12;
     }
     return result;
+}
+
+// Starts a host that takes a snapshot of C: and holds it until `release`
+// exists; returns once the snapshot is made and `made` names its cache file.
+pid_t startHostKeepingC(const fs::path& made, const fs::path& release) {
+    pid_t host =
+        testsupport::startChild("hostKeepingUntilReleased", {"C:", made.string(), release.string()});
+    waitForFile(made);
+    return host;
 }
 
 TEST_F(SnapshotEndToEndTest, TwoHostsPickingTheSameCacheFileNameTheDriverRefusesTheSecond) {
     startAgent();
     fs::path made = machine_->directory() / "first.made";
     fs::path release = machine_->directory() / "first.release";
-    pid_t first = testsupport::startChild("hostKeepingUntilReleased",
-                                          {"C:", made.string(), release.string()});
-    while (!fs::exists(made)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    pid_t first = startHostKeepingC(made, release);
     std::string firstCache = readFile(made);
 
     sim::injectFault("FindFirstFileW", 2 /*ERROR_FILE_NOT_FOUND*/, 0, sim::kAlways);
@@ -502,11 +511,7 @@ TEST_F(SnapshotEndToEndTest, FihostPreparesOnceMoreWhenTheCacheFileNameWasTaken)
     startAgent();
     fs::path made = machine_->directory() / "first.made";
     fs::path release = machine_->directory() / "first.release";
-    pid_t first = testsupport::startChild("hostKeepingUntilReleased",
-                                          {"C:", made.string(), release.string()});
-    while (!fs::exists(made)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    pid_t first = startHostKeepingC(made, release);
     nlohmann::json description = nlohmann::json::parse(readFile(machine_->file()));
     description["faults"] = {{{"function", "FindFirstFileW"}, {"error", 2}, {"count", "always"}}};
     std::ofstream(machine_->file()) << description.dump(2);
@@ -559,9 +564,7 @@ TEST_F(SnapshotEndToEndTest, PlanTellsAnAbandonedProviderMutexFromAHeldOne) {
     fs::remove(held);
     const fs::path release = machine_->directory() / "mutex.release";
     pid_t owner = testsupport::startChild("providerMutexOwner", {release.string(), held.string()});
-    while (!fs::exists(held)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    waitForFile(held);
     CommandRun timedOut = runCommand(std::string(FIHOST_PATH) + " plan C:");
     std::ofstream(release) << "go";
     EXPECT_EQ(testsupport::waitChild(owner), 0);
