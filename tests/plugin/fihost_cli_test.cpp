@@ -45,7 +45,7 @@ TEST(FihostCliTest, UsageErrorsExitTwoAndSayWhatIsWrong) {
         {"NoSettingsDocument",   "config-set",                    2, "--document,--file"},
         {"TwoSettingsDocuments", "config-set --document a --file b", 2, "--document,--file"},
         {"BadGroup",             "config-set --group x --document a", 2, "--group"},
-        {"PlanOfNoVolume",       "plan",                          2, "volumes is required"},
+        {"PlanOfNoVolume",       "plan",                          2, "name the volumes, such as C: E:"},
         {"PlanOfUnknownVolume",  "plan 'not a volume'",           2, "'not a volume' is not a volume of this machine"},
         {"PlanPercentOver100",   "plan C: --initial-percent 101", 2, "--initial-percent: Value 101 not in range"},
         {"PlanCacheDirAtRoot",   "plan C: --cache-dir '\\x'",     2, "starts at a root"},

@@ -81,7 +81,7 @@ TEST(FihostTest, SnapshotSaysWhyItRefuses) {
     };
     // clang-format off
     const Row rows[] = {
-        {"NoVolume",         "snapshot --no-agent",                        2, "volumes is required"},
+        {"NoVolume",         "snapshot --no-agent",                        2, "name the volumes, such as C: E:"},
         {"UnknownOption",    "snapshot C: --no-agent --frobnicate",        2, "frobnicate"},
         {"BlankInCacheDir",  "snapshot C: --no-agent --cache-dir 'a b'",   2, "--cache-dir 'a b' contains a blank"},
         {"CommaInCacheList", "snapshot C: --no-agent --cache-volume E:,F:", 2, "one volume name without blanks or commas"},
