@@ -110,9 +110,8 @@ CommandRun configureAgent(CLI::App& command) {
         "  fihost agent start        start the backup agent in the background\n"
         "  fihost agent status       whether it runs and which snapshot volumes it holds\n"
         "  fihost agent stop         stop it (kept snapshots stay; it lets go of them)");
-    return [agentOptions](const GlobalOptions& options) {
-        return runAgent(options, *agentOptions);
-    };
+    return
+        [agentOptions](const GlobalOptions& options) { return runAgent(options, *agentOptions); };
 }
 
 }  // namespace fihost

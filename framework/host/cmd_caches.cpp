@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <iostream>
 
 #include "commands.h"
@@ -28,22 +27,9 @@ struct CacheFile {
     std::uint64_t bytes = 0;
 };
 
-bool isCacheFileName(std::string name) {
-    for (char& c : name) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return name.starts_with("_tarnkivcachefile_") && name.ends_with(".kiv");
-}
-
-bool sameText(std::string a, std::string b) {
-    auto fold = [](std::string& text) {
-        for (char& c : text) {
-            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        }
-    };
-    fold(a);
-    fold(b);
-    return a == b;
+bool isCacheFileName(const std::string& name) {
+    const std::string folded = foldCase(name);
+    return folded.starts_with("_tarnkivcachefile_") && folded.ends_with(".kiv");
 }
 
 // True when `directory` (ending in a backslash) is where another volume is mounted.
@@ -95,7 +81,7 @@ int runCaches(const GlobalOptions& options) {
         for (const CacheFile& file : files) {
             auto user = std::find_if(snapshots.begin(), snapshots.end(),
                                      [&](const host::ExistingSnapshot& snapshot) {
-                                         return sameText(snapshot.cacheFile, file.path);
+                                         return foldCase(snapshot.cacheFile) == foldCase(file.path);
                                      });
             const std::string shown = displayPath(volumes, file.path);
             nlohmann::json fact = {{"path", shown}, {"bytes", file.bytes}};
@@ -114,15 +100,16 @@ int runCaches(const GlobalOptions& options) {
             fileFacts.push_back(fact);
             lines.push_back(line);
         }
-        facts.push_back({{"volume", volume.displayName()},
-                         {"freeBytes", volume.freeBytes ? nlohmann::json(*volume.freeBytes)
-                                                        : nlohmann::json()},
-                         {"cacheFiles", fileFacts}});
+        facts.push_back(
+            {{"volume", volume.displayName()},
+             {"freeBytes", volume.freeBytes ? nlohmann::json(*volume.freeBytes) : nlohmann::json()},
+             {"cacheFiles", fileFacts}});
         if (options.output->json()) {
             continue;
         }
         std::cout << volume.displayName() << "  "
-                  << (volume.freeBytes ? sizeText(*volume.freeBytes) + " free" : "free space unknown")
+                  << (volume.freeBytes ? sizeText(*volume.freeBytes) + " free"
+                                       : "free space unknown")
                   << ", " << files.size() << (files.size() == 1 ? " cache file" : " cache files")
                   << "\n";
         for (const std::string& line : lines) {

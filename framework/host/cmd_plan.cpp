@@ -6,6 +6,7 @@
 // inside the directory are worked out here the way the provider makes them.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <iomanip>
 #include <iostream>
 #include <map>
@@ -45,13 +46,6 @@ struct PlannedFile {
     std::uint32_t maximumMb = 0;
 };
 
-std::string lower(std::string text) {
-    for (char& c : text) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
-
 // The name the provider gives the next cache file in `directory` (which ends
 // in a backslash): the first counter value, from `counter` on, whose file does
 // not exist. Advances `counter` past every name tried, as the provider does.
@@ -83,14 +77,14 @@ std::string reasonOf(const PlacementCandidate& candidate) {
 std::map<std::string, std::string> reasonsByVolume(const PlacementReport& report,
                                                    const std::vector<VolumeView>& volumes) {
     std::map<std::string, std::string> reasons;
-    const std::string chosen = lower(host::toUtf8(report.cacheVolume));
+    const std::string chosen = foldCase(host::toUtf8(report.cacheVolume));
     std::uint64_t chosenFree = 0;
     if (const VolumeView* volume = findVolume(volumes, host::toUtf8(report.cacheVolume))) {
         chosenFree = volume->freeBytes.value_or(0);
     }
     for (const auto* list : {&report.preferred, &report.fallback}) {
         for (const PlacementCandidate& candidate : *list) {
-            const std::string name = lower(host::toUtf8(candidate.name));
+            const std::string name = foldCase(host::toUtf8(candidate.name));
             if (candidate.removal != PlacementRemoval::kNone) {
                 reasons[name] = reasonOf(candidate);
             } else if (name != chosen && !chosen.empty()) {
@@ -173,9 +167,8 @@ int runPlan(const GlobalOptions& options, const PlanOptions& plan) {
     }
 
     const std::vector<VolumeView> volumes = readVolumes();
-    const std::u16string directory =
-        host::toUtf16(plan.placement.cacheDirectory.empty() ? ""
-                                                            : plan.placement.cacheDirectory + "\\");
+    const std::u16string directory = host::toUtf16(
+        plan.placement.cacheDirectory.empty() ? "" : plan.placement.cacheDirectory + "\\");
     std::uint32_t counter = 0;
     std::vector<PlannedFile> files;
     std::vector<std::string> directoryNotes;
@@ -189,12 +182,12 @@ int runPlan(const GlobalOptions& options, const PlanOptions& plan) {
                 note = "the cache directory " + shown +
                        " does not exist yet: the snapshot would create it";
             } else if ((attributes & os::FILE_ATTRIBUTE_DIRECTORY) == 0) {
-                note = shown + " is a file, not a directory: the driver could not create the "
-                               "cache file in it";
+                note = shown +
+                       " is a file, not a directory: the driver could not create the "
+                       "cache file in it";
             }
-            if (!note.empty() &&
-                std::find(directoryNotes.begin(), directoryNotes.end(), note) ==
-                    directoryNotes.end()) {
+            if (!note.empty() && std::find(directoryNotes.begin(), directoryNotes.end(), note) ==
+                                     directoryNotes.end()) {
                 directoryNotes.push_back(note);
             }
         }
@@ -221,23 +214,23 @@ int runPlan(const GlobalOptions& options, const PlanOptions& plan) {
     nlohmann::json otherFacts = nlohmann::json::array();
     std::vector<std::pair<std::string, std::string>> others;
     for (const VolumeView& volume : volumes) {
-        if (lower(volume.guidName) == lower(host::toUtf8(report.cacheVolume))) {
+        if (foldCase(volume.guidName) == foldCase(host::toUtf8(report.cacheVolume))) {
             continue;
         }
-        auto found = reasons.find(lower(volume.guidName));
-        std::string reason = found != reasons.end()
-                                 ? found->second
-                                 : "not looked at: a --cache-volume was usable";
+        auto found = reasons.find(foldCase(volume.guidName));
+        std::string reason =
+            found != reasons.end() ? found->second : "not looked at: a --cache-volume was usable";
         others.emplace_back(volume.displayName(), reason);
         otherFacts.push_back({{"volume", volume.displayName()}, {"reason", reason}});
     }
-    options.output->result({{"dryRun", true},
-                            {"cacheFiles", fileFacts},
-                            {"cacheVolume", cacheVolumeName.empty() ? nlohmann::json()
-                                                                    : nlohmann::json(cacheVolumeName)},
-                            {"why", outcomeText(report)},
-                            {"directoryNotes", directoryNotes},
-                            {"otherVolumes", otherFacts}});
+    options.output->result(
+        {{"dryRun", true},
+         {"cacheFiles", fileFacts},
+         {"cacheVolume",
+          cacheVolumeName.empty() ? nlohmann::json() : nlohmann::json(cacheVolumeName)},
+         {"why", outcomeText(report)},
+         {"directoryNotes", directoryNotes},
+         {"otherVolumes", otherFacts}});
     if (options.output->json()) {
         return kExitOk;
     }

@@ -100,12 +100,12 @@ class ProgressPrinter {
             // Shown through the wait count that follows.
             return;
         }
-        std::string outcome = event.status == 0 ? "done"
-                              : !event.answered && event.status == kPipeMissing
-                                  ? "no backup agent answers (status 2)"
-                                  : (event.answered ? "the agent answered status "
-                                                    : "the pipe failed with status ") +
-                                        std::to_string(event.status);
+        std::string outcome =
+            event.status == 0 ? "done"
+            : !event.answered && event.status == kPipeMissing
+                ? "no backup agent answers (status 2)"
+                : (event.answered ? "the agent answered status " : "the pipe failed with status ") +
+                      std::to_string(event.status);
         line("  backup agent: " + event.request + " " + event.volume + ": " + outcome);
     }
 
@@ -514,7 +514,8 @@ int runDelete(const GlobalOptions& options, const DeleteCommandOptions& command)
         printer.finish();
         nlohmann::json facts = nlohmann::json::array();
         for (const host::SnapshotVolume& volume : run.volumes()) {
-            facts.push_back({{"snapshotVolume", volume.snapshotName}, {"disposed", volume.disposed}});
+            facts.push_back(
+                {{"snapshotVolume", volume.snapshotName}, {"disposed", volume.disposed}});
             if (!options.output->json()) {
                 std::cout << volume.snapshotName << ": "
                           << (volume.disposed ? "disposed" : "not disposed") << "\n";
@@ -574,8 +575,8 @@ CommandRun configureSnapshot(CLI::App& command) {
 
 CommandRun configureDelete(CLI::App& command) {
     auto options = std::make_shared<DeleteCommandOptions>();
-    CLI::Option* names = command.add_option(
-        "names", options->names, "Snapshot volume names, as fihost list shows them");
+    CLI::Option* names = command.add_option("names", options->names,
+                                            "Snapshot volume names, as fihost list shows them");
     command.add_flag("--all", options->all, "Every snapshot on the machine")->excludes(names);
     command.footer(
         "Examples:\n"

@@ -21,16 +21,7 @@ namespace {
 constexpr os::DWORD kVolumeNameLength = 50;
 
 bool sameIgnoringCase(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) !=
-            std::tolower(static_cast<unsigned char>(b[i]))) {
-            return false;
-        }
-    }
-    return true;
+    return foldCase(a) == foldCase(b);
 }
 
 std::string withBackslash(std::string name) {
@@ -187,11 +178,12 @@ std::string VolumeView::displayName() const {
 }
 
 nlohmann::json VolumeView::toJson() const {
-    nlohmann::json facts = {{"guidName", guidName},
-                            {"paths", paths},
-                            {"type", type},
-                            {"fileSystem", fileSystem.empty() ? nlohmann::json() : nlohmann::json(fileSystem)},
-                            {"label", label}};
+    nlohmann::json facts = {
+        {"guidName", guidName},
+        {"paths", paths},
+        {"type", type},
+        {"fileSystem", fileSystem.empty() ? nlohmann::json() : nlohmann::json(fileSystem)},
+        {"label", label}};
     if (!fileSystemProblem.empty()) {
         facts["fileSystemProblem"] = fileSystemProblem;
     }
@@ -265,6 +257,13 @@ std::string displayPath(const std::vector<VolumeView>& views, const std::string&
         return view.paths.front() + path.substr(view.guidName.size());
     }
     return path;
+}
+
+std::string foldCase(std::string text) {
+    for (char& c : text) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return text;
 }
 
 std::string sizeText(std::uint64_t bytes) {

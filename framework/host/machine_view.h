@@ -23,7 +23,7 @@ struct VolumeView {
     std::string type;                // "fixed", "removable", "cdrom", ...
     std::string fileSystem;          // "NTFS"; empty when the system would not say
     std::string label;
-    std::string fileSystemProblem;   // why there is no file system: "no media", ...
+    std::string fileSystemProblem;  // why there is no file system: "no media", ...
     std::optional<std::uint64_t> totalBytes;
     std::optional<std::uint64_t> freeBytes;
     std::optional<std::uint32_t> driverAttributes;  // unset: the driver does not answer
@@ -49,6 +49,9 @@ std::optional<std::string> volumeGuidOf(const std::string& name);
 // A Windows path with its volume part in the user's form: "\\?\Volume{..07}\x"
 // becomes "C:\mnt\data\x" when the volume has a path.
 std::string displayPath(const std::vector<VolumeView>& views, const std::string& path);
+
+// Windows names compare without case: `text` with ASCII letters lowered.
+std::string foldCase(std::string text);
 
 // "41.0 GiB", "512 B".
 std::string sizeText(std::uint64_t bytes);

@@ -95,9 +95,8 @@ std::string checkPlacement(const std::vector<std::string>& volumes,
             return volume + " is named twice (as the same volume); name each volume once";
         }
     }
-    for (const std::string& problem :
-         {volumeListProblem("--cache-volume", options.cacheVolumes),
-          volumeListProblem("--exclude", options.excludedVolumes)}) {
+    for (const std::string& problem : {volumeListProblem("--cache-volume", options.cacheVolumes),
+                                       volumeListProblem("--exclude", options.excludedVolumes)}) {
         if (!problem.empty()) {
             return problem;
         }

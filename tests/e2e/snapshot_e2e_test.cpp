@@ -352,8 +352,8 @@ FIKIV_CHILD_ROLE(hostKeepingUntilReleased) {
 // Starts a host that takes a snapshot of C: and holds it until `release`
 // exists; returns once the snapshot is made and `made` names its cache file.
 pid_t startHostKeepingC(const fs::path& made, const fs::path& release) {
-    pid_t host =
-        testsupport::startChild("hostKeepingUntilReleased", {"C:", made.string(), release.string()});
+    pid_t host = testsupport::startChild("hostKeepingUntilReleased",
+                                         {"C:", made.string(), release.string()});
     waitForFile(made);
     return host;
 }
@@ -472,22 +472,25 @@ TEST_F(SnapshotEndToEndTest, PlanAndSnapshotPutTheCachesInTheSamePlaces) {
         EXPECT_EQ(plan["result"]["cacheFiles"][i]["maximumMb"],
                   taken["result"]["volumes"][i]["maximumMb"]);
     }
-    EXPECT_EQ(plan["result"]["cacheFiles"][0]["cacheFile"], "E:\\kiv\\cow\\_tarnKivCacheFile_0.KIV");
+    EXPECT_EQ(plan["result"]["cacheFiles"][0]["cacheFile"],
+              "E:\\kiv\\cow\\_tarnKivCacheFile_0.KIV");
     expectNothingLeft();
 }
 
 TEST_F(SnapshotEndToEndTest, ExecSeesThePointInTimeContentWhileTheSourceChanges) {
     startAgent();
-    const fs::path volumeC =
-        machine_->directory() / "machine.state" / "volumes" / "{00000000-0000-0000-0000-000000000001}";
+    const fs::path volumeC = machine_->directory() / "machine.state" / "volumes" /
+                             "{00000000-0000-0000-0000-000000000001}";
     fs::create_directories(volumeC);
     std::ofstream(volumeC / "report.txt") << "before\n";
     const fs::path seen = machine_->directory() / "seen.txt";
     const fs::path script = machine_->directory() / "backup.sh";
     std::ofstream(script) << "echo after > '" << (volumeC / "report.txt").string() << "'\n"
-                          << "cat \"$FIKIV_SNAPSHOT_1_PATH/report.txt\" > '" << seen.string() << "'\n"
+                          << "cat \"$FIKIV_SNAPSHOT_1_PATH/report.txt\" > '" << seen.string()
+                          << "'\n"
                           << "echo \"$FIKIV_SNAPSHOT_COUNT $FIKIV_SNAPSHOT_1_SOURCE "
-                             "$FIKIV_SNAPSHOT_2_SOURCE\" >> '" << seen.string() << "'\n"
+                             "$FIKIV_SNAPSHOT_2_SOURCE\" >> '"
+                          << seen.string() << "'\n"
                           << "exit 7\n";
     CommandRun run = runCommand(std::string(FIHOST_PATH) + " snapshot C: F:" + agentOption() +
                                 " --exec 'sh " + script.string() + "'");
@@ -500,7 +503,8 @@ TEST_F(SnapshotEndToEndTest, ExecSeesThePointInTimeContentWhileTheSourceChanges)
     CommandRun missing = runCommand(std::string(FIHOST_PATH) + " snapshot C:" + agentOption() +
                                     " --exec no-such-command-anywhere");
     EXPECT_EQ(missing.exitCode, 127) << missing.output;
-    EXPECT_NE(missing.output.find("the command was not found"), std::string::npos) << missing.output;
+    EXPECT_NE(missing.output.find("the command was not found"), std::string::npos)
+        << missing.output;
     expectNothingLeft();
 }
 
@@ -551,8 +555,8 @@ TEST_F(SnapshotEndToEndTest, PlanTellsAnAbandonedProviderMutexFromAHeldOne) {
     // The mutex outlives its owner only while another process has it open.
     os::HANDLE keepOpen = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
     ASSERT_NE(keepOpen, nullptr);
-    EXPECT_EQ(testsupport::waitChild(testsupport::startChild(
-                  "providerMutexOwner", {"abandon", held.string()})),
+    EXPECT_EQ(testsupport::waitChild(
+                  testsupport::startChild("providerMutexOwner", {"abandon", held.string()})),
               0);
     CommandRun abandoned = runCommand(std::string(FIHOST_PATH) + " plan C:");
     EXPECT_EQ(abandoned.exitCode, 0) << abandoned.output;

@@ -212,8 +212,7 @@ TEST(MsgCatalogTest, EveryUseOfAPluginMessageReadsWhole) {
          u"handed to it.",
          {u"snap6"}},
         {"MSG_ERROR_KIVORBHANDLE",
-         {text(u"ORB::RetrieveHandle"), icu::Formattable(std::int32_t{231}), busy,
-          text(u"snap7")},
+         {text(u"ORB::RetrieveHandle"), icu::Formattable(std::int32_t{231}), busy, text(u"snap7")},
          u"The backup agent stayed busy for 30 seconds: its request ORB::RetrieveHandle for "
          u"snap7 never got through (status 231).",
          {u"ORB::RetrieveHandle", u"snap7", u"231"}},

@@ -176,7 +176,8 @@ TEST(FihostCommandsTest, SettingsFileIsReadRefusedOrInConflict) {
     }
     FihostResult missing = runFihost("snapshot C: --no-agent --settings /nonexistent/s.txt");
     EXPECT_EQ(missing.exitCode, 2);
-    EXPECT_TRUE(has(missing.err, "cannot read the settings file /nonexistent/s.txt")) << missing.err;
+    EXPECT_TRUE(has(missing.err, "cannot read the settings file /nonexistent/s.txt"))
+        << missing.err;
     // Nothing was left by the refused ones, nor by the one that ran.
     EXPECT_EQ(jsonOf(runFihost("--json list"))["result"]["snapshots"].size(), 0u);
 }

@@ -31,8 +31,7 @@ Status readExistingSnapshots(const fs::path& stateDirectory,
             if (!set.value("created", false)) {
                 continue;
             }
-            for (const nlohmann::json& element :
-                 set.value("elements", nlohmann::json::array())) {
+            for (const nlohmann::json& element : set.value("elements", nlohmann::json::array())) {
                 ExistingSnapshot snapshot;
                 snapshot.setId = set.value("id", std::uint64_t{0});
                 snapshot.snapshotName = element.value("snapshotName", "");
