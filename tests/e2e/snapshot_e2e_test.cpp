@@ -580,4 +580,31 @@ TEST_F(SnapshotEndToEndTest, PlanTellsAnAbandonedProviderMutexFromAHeldOne) {
     os::CloseHandle(keepOpen);
 }
 
+// The agent a kept snapshot was handed to runs on after fihost ends; agent
+// stop ends it, the kept snapshot stays, and delete --all still disposes of it.
+TEST_F(SnapshotEndToEndTest, FihostAgentStartStatusStopAroundAKeptSnapshot) {
+    const std::string fihost = FIHOST_PATH;
+    CommandRun started = runCommand(fihost + " agent start" + agentOption());
+    EXPECT_EQ(started.exitCode, 0) << started.output;
+    EXPECT_EQ(fihostJson("agent status")["result"]["running"], true);
+
+    CommandRun kept = runCommand(fihost + " snapshot C: --keep" + agentOption());
+    ASSERT_EQ(kept.exitCode, 0) << kept.output;
+    EXPECT_EQ(kept.output.find("keeps running"), std::string::npos) << "it did not start this one";
+    nlohmann::json status = fihostJson("agent status")["result"];
+    ASSERT_EQ(status["holds"].size(), 1u) << status.dump();
+
+    CommandRun stopped = runCommand(fihost + " agent stop");
+    EXPECT_EQ(stopped.exitCode, 0) << stopped.output;
+    EXPECT_NE(stopped.output.find("they still exist"), std::string::npos) << stopped.output;
+    EXPECT_EQ(fihostJson("agent status")["result"]["running"], false);
+    nlohmann::json listed = fihostJson("list")["result"]["snapshots"];
+    ASSERT_EQ(listed.size(), 1u);
+    EXPECT_EQ(listed[0]["agentHolds"], false);
+
+    CommandRun deleted = runCommand(fihost + " delete --all");
+    EXPECT_EQ(deleted.exitCode, 0) << deleted.output;
+    expectNothingLeft();
+}
+
 }  // namespace
