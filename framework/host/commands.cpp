@@ -32,18 +32,24 @@ const std::vector<Command>& commandTable() {
         {"providers", "Show the provider's name, interface version and methods",
          &configureProviders},
         {"init", "Initialise the provider and print what it reports", &configureInit},
-        {"volumes", "List the machine's volumes and whether the provider would interpose each",
+        {"machine", "Show the machine's volumes: paths, types, file systems, space, driver",
+         &configureMachine},
+        {"volumes", "List every volume and whether the provider takes it, and why not",
          &configureVolumes},
         {"config-info", "Print the provider's configuration information documents",
          &configureConfigInfo},
         {"config-set", "Hand the provider a settings document and show what it keeps",
          &configureConfigSet},
+        {"plan", "Dry run: where the cache files of a snapshot would go, and why", &configurePlan},
         {"snapshot",
-         "Take a snapshot of volumes through every entry point, hand it to the backup agent "
-         "and dispose of it",
+         "Take a snapshot of volumes, optionally run a command while it exists, dispose of it",
          &configureSnapshot},
-        {"delete", "Dispose of snapshot volumes that snapshot --keep left", &configureDelete},
+        {"list", "List the snapshots that exist on the machine", &configureList},
+        {"delete", "Dispose of kept snapshots (by snapshot volume name, or --all)",
+         &configureDelete},
+        {"caches", "Show the cache files on each volume and the free space", &configureCaches},
         {"events", "Show the event-log records of the machine, the newest last", &configureEvents},
+        {"agent", "Start, stop or ask after the machine's backup agent", &configureAgent},
     };
     return table;
 }
@@ -81,6 +87,12 @@ std::string statusText(std::int32_t status, const GlobalOptions& options) {
         result += ": " + host::toUtf8(text);
     }
     return result;
+}
+
+int usageFailure(const char* command, const std::string& text) {
+    std::cerr << "fihost " << command << ": " << text << "\nRun 'fihost " << command
+              << " --help' for the usage.\n";
+    return kExitUsage;
 }
 
 host::Status loadPlugin(const GlobalOptions& options, host::PluginHost& plugin) {

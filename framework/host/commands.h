@@ -62,6 +62,10 @@ host::Status loadPlugin(const GlobalOptions& options, host::PluginHost& plugin);
 // text from the framework's TarnError catalogue in the --lang locale.
 std::string statusText(std::int32_t status, const GlobalOptions& options);
 
+// A usage error found after parsing: "fihost <command>: <text>" and where to
+// read the usage, on stderr; answers kExitUsage.
+int usageFailure(const char* command, const std::string& text);
+
 // Prints one message of the plug-in's callback: its level, the first text and,
 // when it has one, the second text on its own line.
 void printMessage(std::ostream& out, const host::HostMessage& message);
@@ -74,12 +78,17 @@ inline constexpr int kExitUsage = 2;
 // One configure function per subcommand file.
 CommandRun configureInit(CLI::App& command);
 CommandRun configureProviders(CLI::App& command);
+CommandRun configureMachine(CLI::App& command);
 CommandRun configureVolumes(CLI::App& command);
 CommandRun configureConfigInfo(CLI::App& command);
 CommandRun configureConfigSet(CLI::App& command);
-CommandRun configureEvents(CLI::App& command);
+CommandRun configurePlan(CLI::App& command);
 CommandRun configureSnapshot(CLI::App& command);
+CommandRun configureList(CLI::App& command);
 CommandRun configureDelete(CLI::App& command);
+CommandRun configureCaches(CLI::App& command);
+CommandRun configureEvents(CLI::App& command);
+CommandRun configureAgent(CLI::App& command);
 
 }  // namespace fihost
 

@@ -124,6 +124,13 @@ std::string usageText(const CLI::ParseError& error) {
     if (missing != std::string::npos && text.ends_with(" missing")) {
         return "option " + text.substr(0, missing) + " needs a value";
     }
+    // The positional arguments, named as the user meets them.
+    if (text == "volumes is required") {
+        return "name the volumes, such as C: E:";
+    }
+    if (text == "action is required") {
+        return "say what to do with the agent: start, stop or status";
+    }
     if (!text.empty()) {
         text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
     }

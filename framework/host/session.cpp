@@ -50,8 +50,9 @@ bool ProviderSession::start(const GlobalOptions& options) {
 }
 
 std::string readableText(const host::HostMessage& message) {
+    // A catalogue report: the locale's wording when there is one, else the root's.
     if (message.secondText.has_value()) {
-        return *message.secondText;
+        return message.text.value_or(*message.secondText);
     }
     return withoutLogPrefix(message.text.value_or(""));
 }

@@ -33,7 +33,7 @@ class ProviderSession {
 };
 
 // The message as a user reads it: a log line without the plug-in name and
-// time stamp in front, a catalogue report in its root wording.
+// time stamp in front, a catalogue report in the --lang locale's wording.
 std::string readableText(const host::HostMessage& message);
 
 // Prints the messages below `maxLevel` (4 includes traces), indented.

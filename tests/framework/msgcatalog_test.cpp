@@ -21,6 +21,23 @@
 namespace {
 
 // Formats `pattern` with `arguments` the way the plug-in does.
+std::string toUtf8(const std::u16string& text) {
+    std::string narrow;
+    icu::UnicodeString(text.data(), static_cast<std::int32_t>(text.size())).toUTF8String(narrow);
+    return narrow;
+}
+
+// True when a "{" followed by a digit is left: an argument that was not set.
+bool hasPlaceholder(const std::u16string& message) {
+    for (std::size_t at = message.find(u'{'); at != std::u16string::npos;
+         at = message.find(u'{', at + 1)) {
+        if (at + 1 < message.size() && message[at + 1] >= u'0' && message[at + 1] <= u'9') {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::u16string format(const char16_t* pattern, const std::vector<icu::Formattable>& arguments) {
     icu::UnicodeString result;
     UErrorCode status = U_ZERO_ERROR;
@@ -83,20 +100,20 @@ TEST(MsgCatalogTest, FormatsDriverFailureInRootAndLocales) {
         std::u16string expected;
     };
     const Row rows[] = {
-        {"Root", "root", u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+        {"Root", "root", u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
         {"German", "de",
-         u"Der Aufruf KIV_Open des Snapshot-Treibers ist für C:\\ mit Status 5 fehlgeschlagen."},
+         u"Der Snapshot-Treiber kann den Datenträger C:\\ nicht öffnen (KIV_Open antwortete 5)."},
         {"GermanRegionFallsBackToGerman", "de_AT",
-         u"Der Aufruf KIV_Open des Snapshot-Treibers ist für C:\\ mit Status 5 fehlgeschlagen."},
+         u"Der Snapshot-Treiber kann den Datenträger C:\\ nicht öffnen (KIV_Open antwortete 5)."},
         {"UnknownLocaleFallsBackToRoot", "fr",
-         u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
         {"NameTooLongForALocaleFallsBackToRoot", tooLong.c_str(),
-         u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
         // A path in the name would open a bundle file outside the catalogue.
         {"NameWithAPathIsNotFollowed", "../libfikiv/de",
-         u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
         {"NameWithSlashesIsNotALocale", "//de",
-         u"The snapshot driver call KIV_Open failed with status 5 for C:\\."},
+         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -123,47 +140,113 @@ TEST(MsgCatalogTest, UnknownLocaleIgnoresTheDefaultLocale) {
     EXPECT_EQ(std::u16string(frenchText), std::u16string(rootText));
 }
 
-// Every message the plug-in raises exists in root and German, and uses each
-// of its arguments: a placeholder left over or an argument never shown would
-// give the user a broken message. Status numbers are shown without grouping
-// ("4101", not "4.101"), whatever the process's default locale.
-TEST(MsgCatalogTest, EveryPluginMessageUsesAllItsArguments) {
+// Every use the plug-in makes of its messages reads as one whole sentence
+// in root (checked word for word) and in German (no placeholder left, the
+// names shown). Status numbers are shown without grouping ("4101", not
+// "4.101"), whatever the process's default locale.
+TEST(MsgCatalogTest, EveryUseOfAPluginMessageReadsWhole) {
     struct Row {
         const char* id;
         std::vector<icu::Formattable> arguments;
-        std::vector<std::u16string> shown;
+        std::u16string root;
+        std::vector<std::u16string> shown;  // in every locale
     };
+    const icu::Formattable busy = text(u"Retrived handle after every second for 30 times");
     const std::vector<Row> rows = {
         {"MSG_ERROR_KIVAPI",
          {text(u"KIV_Open"), icu::Formattable(std::int32_t{4101}), text(u"E:\\")},
-         {u"KIV_Open", u" 4101 ", u"E:\\"}},
+         u"The snapshot driver cannot open the volume E:\\ (KIV_Open answered 4101).",
+         {u"E:\\", u"4101"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"KIV_Create"), icu::Formattable(std::int32_t{5}), text(u"KIV_Create")},
+         u"The snapshot driver could not create the snapshot (KIV_Create answered 5); no "
+         u"snapshot was made.",
+         {u"KIV_Create"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"KIV_Prepare"), icu::Formattable(std::int32_t{32}), text(u"KIV_Prepare")},
+         u"The snapshot driver refused to prepare the snapshot (KIV_Prepare answered 32: a cache "
+         u"file name is in use by another snapshot).",
+         {u"KIV_Prepare", u"32"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"KIV_Prepare"), icu::Formattable(std::int32_t{87}), text(u"KIV_Prepare")},
+         u"The snapshot driver refused to prepare the snapshot (KIV_Prepare answered 87).",
+         {u"87"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"KIV_Destroy"), icu::Formattable(std::int32_t{5}), text(u"\\\\?\\snap1")},
+         u"The snapshot driver could not remove the snapshot volume \\\\?\\snap1 (KIV_Destroy "
+         u"answered 5); it still exists.",
+         {u"\\\\?\\snap1"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"KIV_GetVolumeInformation"), icu::Formattable(std::int32_t{0}),
+          text(u"\\\\?\\Volume{x} - KIV_ATTRIBUTE_DISABLED")},
+         u"The snapshot driver does not offer this volume for snapshots: \\\\?\\Volume{x} - "
+         u"KIV_ATTRIBUTE_DISABLED.",
+         {u"KIV_ATTRIBUTE_DISABLED"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"KIV_ORB_Registervolume"), icu::Formattable(std::int32_t{2}), text(u"snap2")},
+         u"The snapshot volume snap2 could not be handed to the backup agent (status 2: no "
+         u"backup agent is running).",
+         {u"snap2"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"ORB::ReleaseVolumeHandle"), icu::Formattable(std::int32_t{2}), text(u"snap3")},
+         u"The backup agent request ORB::ReleaseVolumeHandle for snap3 failed (status 2: no "
+         u"backup agent is running, or it does not hold this volume).",
+         {u"ORB::ReleaseVolumeHandle", u"snap3"}},
+        {"MSG_ERROR_KIVAPI",
+         {text(u"ORB::RetrieveHandle"), icu::Formattable(std::int32_t{1235}), text(u"snap4")},
+         u"The backup agent request ORB::RetrieveHandle for snap4 failed (status 1235).",
+         {u"ORB::RetrieveHandle", u"1235", u"snap4"}},
         {"MSG_ERROR_KIVAPI_STR",
-         {text(u"Make"), text(u"KIV_Open"), text(u"\\\\?\\snap1")},
-         {u"Make", u"KIV_Open", u"\\\\?\\snap1"}},
+         {text(u"Make"), text(u"KIV_Open"), text(u"snap5")},
+         u"The snapshot volume snap5 was made, but the snapshot driver cannot open it (KIV_Open "
+         u"failed), so it was not handed to the backup agent.",
+         {u"snap5", u"KIV_Open"}},
         {"MSG_ERROR_KIVAPI_2",
          {text(u"KIV_generateVolumeName"), icu::Formattable(std::int32_t{12345})},
-         {u"KIV_generateVolumeName", u" 12345"}},
+         u"The snapshot driver could not generate a snapshot volume name (status 12345).",
+         {u"12345"}},
         {"MSG_ERROR_KIVORBHANDLE",
-         {text(u"ORB::RetrieveHandle"), icu::Formattable(std::int32_t{231}), text(u"busy"),
-          text(u"\\\\?\\snap2")},
-         {u"ORB::RetrieveHandle", u"231", u"busy", u"\\\\?\\snap2"}},
-        {"MSG_ERROR_OBJID", {text(u"\\\\?\\snap3")}, {u"\\\\?\\snap3"}},
-        {"MSG_ERROR_AUTOCONFIG", {text(u"no volume left")}, {u"no volume left"}},
+         {text(u"KIV_ORB_Registervolume"), icu::Formattable(std::int32_t{231}), busy,
+          text(u"snap6")},
+         u"The backup agent stayed busy for 30 seconds, so the snapshot volume snap6 was not "
+         u"handed to it.",
+         {u"snap6"}},
+        {"MSG_ERROR_KIVORBHANDLE",
+         {text(u"ORB::RetrieveHandle"), icu::Formattable(std::int32_t{231}), busy, text(u"snap7")},
+         u"The backup agent stayed busy for 30 seconds: its request ORB::RetrieveHandle for "
+         u"snap7 never got through (status 231).",
+         {u"ORB::RetrieveHandle", u"snap7", u"231"}},
+        {"MSG_ERROR_OBJID",
+         {text(u"snap8")},
+         u"The framework made no object identity for the snapshot volume snap8: the volume "
+         u"exists, but the framework cannot name it.",
+         {u"snap8"}},
+        {"MSG_ERROR_AUTOCONFIG",
+         {text(u"Error occured in CreateMutex, GetLastError() is: 5")},
+         u"The cache files could not be placed automatically, so the snapshot has no cache "
+         u"settings. Details: Error occured in CreateMutex, GetLastError() is: 5",
+         {u"GetLastError() is: 5"}},
         {"MSG_ERROR_INVAL",
          {text(u"KIV_Prepare"), text(u"KIV_INVAL_ARGS")},
-         {u"KIV_Prepare", u"KIV_INVAL_ARGS"}},
+         u"The framework asked to prepare the snapshot in a mode this provider does not support "
+         u"(KIV_INVAL_ARGS).",
+         {u"KIV_INVAL_ARGS"}},
     };
     ScopedDefaultLocale german("de");
-    for (const char* locale : {"root", "de"}) {
-        tarp_MsgCatalog catalogue("libfikiv", locale, false);
-        for (const Row& row : rows) {
-            SCOPED_TRACE(std::string(locale) + " " + row.id);
-            const char16_t* pattern = catalogue.getCachedMsg(row.id, false);
+    tarp_MsgCatalog root("libfikiv", "root", false);
+    tarp_MsgCatalog germanCatalogue("libfikiv", "de", false);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(std::string(row.id) + " " + toUtf8(format(u"{0}", row.arguments)));
+        for (tarp_MsgCatalog* catalogue : {&root, &germanCatalogue}) {
+            const char16_t* pattern = catalogue->getCachedMsg(row.id, false);
             ASSERT_NE(pattern, nullptr);
             std::u16string message = format(pattern, row.arguments);
-            EXPECT_EQ(message.find(u'{'), std::u16string::npos);
+            if (catalogue == &root) {
+                EXPECT_EQ(toUtf8(message), toUtf8(row.root));
+            }
+            EXPECT_FALSE(hasPlaceholder(message)) << toUtf8(message);
             for (const std::u16string& part : row.shown) {
-                EXPECT_NE(message.find(part), std::u16string::npos);
+                EXPECT_NE(message.find(part), std::u16string::npos) << toUtf8(message);
             }
         }
     }

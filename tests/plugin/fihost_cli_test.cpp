@@ -45,6 +45,15 @@ TEST(FihostCliTest, UsageErrorsExitTwoAndSayWhatIsWrong) {
         {"NoSettingsDocument",   "config-set",                    2, "--document,--file"},
         {"TwoSettingsDocuments", "config-set --document a --file b", 2, "--document,--file"},
         {"BadGroup",             "config-set --group x --document a", 2, "--group"},
+        {"PlanOfNoVolume",       "plan",                          2, "name the volumes, such as C: E:"},
+        {"PlanOfUnknownVolume",  "plan 'not a volume'",           2, "'not a volume' is not a volume of this machine"},
+        {"PlanPercentOver100",   "plan C: --initial-percent 101", 2, "--initial-percent: Value 101 not in range"},
+        {"PlanCacheDirAtRoot",   "plan C: --cache-dir '\\x'",     2, "starts at a root"},
+        {"PlanUnknownCacheVol",  "plan C: --cache-volume Q:",     2, "--cache-volume 'Q:' is not a volume"},
+        {"DeleteWithoutNames",   "delete",                        2, "name the snapshot volumes to delete, or give --all"},
+        {"DeleteNamesAndAll",    "delete x --all",                2, "excludes"},
+        {"AgentUnknownAction",   "agent restart",                 2, "action: restart not in"},
+        {"ListWithArgument",     "list C:",                       2, "unexpected argument C: for list"},
     };
     // clang-format on
     for (const Row& row : rows) {
@@ -75,6 +84,9 @@ TEST(FihostCliTest, FailedOperationsExitOneWithTheReasonOnStderr) {
          "cannot read the settings document /nonexistent/settings.txt"},
         {"PluginMissing",        "--plugin /nonexistent/libfikiv.so providers", 1,
          "no plug-in library at /nonexistent/libfikiv.so"},
+        {"DeleteUnknownName",    "delete '\\\\?\\GLOBALROOT\\Device\\KivSnapshot9'", 1,
+         "no snapshot volume named \\\\?\\GLOBALROOT\\Device\\KivSnapshot9 exists on this machine"},
+        {"ListOfBrokenMachine",  "--machine '" + broken.string() + "' list", 1, "broken.json:"},
     };
     // clang-format on
     for (const Row& row : rows) {
@@ -88,7 +100,8 @@ TEST(FihostCliTest, FailedOperationsExitOneWithTheReasonOnStderr) {
 
 TEST(FihostCliTest, OutputThatCannotBeWrittenIsAFailure) {
     TempMachine machine(smallMachine());
-    for (const char* arguments : {"providers", "config-info", "--json providers", "--help"}) {
+    for (const char* arguments : {"providers", "config-info", "--json providers", "--help",
+                                  "machine", "plan C:", "list", "caches", "agent status"}) {
         SCOPED_TRACE(arguments);
         FihostResult result = runFihost(std::string(arguments) + " >/dev/full");
         EXPECT_EQ(result.exitCode, 1);

@@ -81,11 +81,14 @@ TEST(FihostTest, SnapshotSaysWhyItRefuses) {
     };
     // clang-format off
     const Row rows[] = {
-        {"NoVolume",         "snapshot --no-agent",                        2, "volumes is required"},
+        {"NoVolume",         "snapshot --no-agent",                        2, "name the volumes, such as C: E:"},
         {"UnknownOption",    "snapshot C: --no-agent --frobnicate",        2, "frobnicate"},
-        {"BlankInCacheDir",  "snapshot C: --no-agent --cache-dir 'a b'",   2, "cache directory"},
-        {"CommaInCacheList", "snapshot C: --no-agent --cache-volume E:,F:", 2, "one name"},
-        {"NoSuchVolume",     "snapshot C: Z: --no-agent",                  1, "the provider declined to interpose Z:"},
+        {"BlankInCacheDir",  "snapshot C: --no-agent --cache-dir 'a b'",   2, "--cache-dir 'a b' contains a blank"},
+        {"CommaInCacheList", "snapshot C: --no-agent --cache-volume E:,F:", 2, "one volume name without blanks or commas"},
+        {"NoSuchVolume",     "snapshot C: Z: --no-agent",                  2, "'Z:' is not a volume of this machine"},
+        {"CacheDirUpwards",  "snapshot C: --no-agent --cache-dir '..\\x'", 2, "has a '..' part"},
+        {"PercentTooLarge",  "snapshot C: --no-agent --max-percent 200",   2, "--max-percent: Value 200 not in range 0 to 100"},
+        {"SameVolumeTwice",  "snapshot C: 'c:\\' --no-agent",            2, "is named twice"},
         {"DisabledVolume",   "snapshot D: --no-agent",                     1, "KIV_ATTRIBUTE_DISABLED"},
     };
     // clang-format on

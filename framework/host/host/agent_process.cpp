@@ -119,6 +119,15 @@ Status AgentProcess::stop() {
     return Status::ok();
 }
 
+Status AgentProcess::stopRunning() {
+    kivagent::AgentStatus status = agentStatus();
+    if (!status.running) {
+        return Status::ok();
+    }
+    pid_ = status.processId;
+    return stop();
+}
+
 std::string defaultAgentPath() {
     std::error_code error;
     std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);

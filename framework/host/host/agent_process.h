@@ -33,6 +33,11 @@ class AgentProcess {
     Status start(const std::vector<std::string>& arguments = {});
     // Stops the agent this object started (SIGTERM) and waits for it to end.
     Status stop();
+    // Stops whichever agent serves the machine, started here or not.
+    Status stopRunning();
+    // Leaves the agent this object started running: the destructor no longer
+    // stops it.
+    void release() { pid_ = 0; }
 
     bool started() const { return pid_ > 0; }
     pid_t pid() const { return pid_; }

@@ -201,6 +201,7 @@ class SnapshotRun::Observer {
         event.request = kind;
         event.volume = volume;
         event.status = status;
+        event.answered = exchange.succeeded;
         run_.progress_(event);
     }
 
@@ -271,10 +272,14 @@ void SnapshotRun::detail(std::string text) {
 
 Status SnapshotRun::failed(const std::string& what, std::int32_t status) {
     failureTexts_ = stepTexts_;
+    failedStep_ = step_;
     return Status::pluginFailed(what, status);
 }
 
 void SnapshotRun::onMessage(const HostMessage& message) {
+    if (forward_) {
+        forward_(message);
+    }
     std::string text = withoutLineEnds(message.text.value_or(""));
     // prepare hands its parameter dump to the callback line by line, level 1.
     if (step_ == Step::kPrepare && message.level == 1 && !message.secondText.has_value()) {
@@ -298,9 +303,11 @@ void SnapshotRun::onMessage(const HostMessage& message) {
     if (message.level < 2 || message.level > 3) {
         return;
     }
-    // A catalogue report carries its root wording second; a log line only the first.
-    std::string readable = message.secondText.has_value() ? withoutLineEnds(*message.secondText)
-                                                          : withoutLogPrefix(text);
+    // A catalogue report carries its locale wording first (null without a
+    // locale) and its root wording second; a log line only the first.
+    std::string readable = !message.secondText.has_value() ? withoutLogPrefix(text)
+                           : message.text.has_value()      ? text
+                                                           : withoutLineEnds(*message.secondText);
     stepTexts_.push_back(readable);
     ProgressEvent event;
     event.kind = ProgressEvent::Kind::kMessage;
@@ -316,17 +323,11 @@ Status SnapshotRun::take(const SnapshotOptions& options) {
     if (!sources_.empty() || group_ != nullptr) {
         return Status::invalidArgument("this run has already taken a snapshot");
     }
-    for (const auto* list : {&options.cacheVolumes, &options.excludedVolumes}) {
-        for (const std::string& volume : *list) {
-            if (!isDocumentValue(volume) || volume.find(',') != std::string::npos) {
-                return Status::invalidArgument("a cache volume must be one name without blanks: '" +
-                                               volume + "'");
-            }
+    for (const auto& [key, value] : options.cacheSettings) {
+        if (!isDocumentValue(value)) {
+            return Status::invalidArgument("the cache setting " + key +
+                                           " must be one word without blanks: '" + value + "'");
         }
-    }
-    if (!options.cacheDirectory.empty() && !isDocumentValue(options.cacheDirectory)) {
-        return Status::invalidArgument("a cache directory must not contain blanks: '" +
-                                       options.cacheDirectory + "'");
     }
     Status status = interposeAll(options);
     if (status.isOk()) {
@@ -355,7 +356,9 @@ Status SnapshotRun::interposeAll(const SnapshotOptions& options) {
         std::int32_t answer =
             plugin_.interpose(source->volume->record(), &object, &groups, &groupCount);
         if (answer != 1 || object == nullptr) {
-            return failed("the provider declined to interpose " + name, answer);
+            return failed("the provider does not take " + name +
+                              " for snapshots ('fihost volumes' says why); interpose answered",
+                          answer);
         }
         if (group_ == nullptr && groupCount > 0 && groups != nullptr && groups[0] != nullptr) {
             group_ = std::make_unique<HostNode>(groups[0]);
@@ -415,16 +418,7 @@ Status SnapshotRun::configSet(tarn_node* record, bool quiesceGroup,
 Status SnapshotRun::configure(const SnapshotOptions& options) {
     std::string quiesce = "quiesceWait=" + std::to_string(options.quiesceWait) +
                           ", quiesceTimeout=" + std::to_string(options.quiesceTimeout);
-    std::vector<std::pair<std::string, std::string>> cache;
-    if (!options.cacheVolumes.empty()) {
-        cache.emplace_back("cachefileAllowedVolumes", joined(options.cacheVolumes, ","));
-    }
-    if (!options.excludedVolumes.empty()) {
-        cache.emplace_back("cachefileDisallowedVolumes", joined(options.excludedVolumes, ","));
-    }
-    if (!options.cacheDirectory.empty()) {
-        cache.emplace_back("cachefileDir", options.cacheDirectory);
-    }
+    const std::vector<std::pair<std::string, std::string>>& cache = options.cacheSettings;
     std::string cacheText;
     for (const auto& [key, value] : cache) {
         cacheText += ", " + key + "=" + value;

@@ -21,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/host_context.h"
@@ -50,13 +51,13 @@ const char* stepName(Step step);
 
 // What a snapshot is taken with. Volumes are named as a user names them (C:,
 // E:\, C:\mnt\data, or a volume GUID path); each gets automatic preparation
-// of its split settings. The cache hints and quiesce settings go to the
+// of its split settings. The cache settings and quiesce settings go to the
 // provider's group object as settings documents.
 struct SnapshotOptions {
     std::vector<std::string> volumes;
-    std::vector<std::string> cacheVolumes;     // cachefileAllowedVolumes
-    std::vector<std::string> excludedVolumes;  // cachefileDisallowedVolumes
-    std::string cacheDirectory;                // cachefileDir
+    // (key, value) of the cache group, such as ("cachefileDir", "kiv"); each
+    // value one token without blanks.
+    std::vector<std::pair<std::string, std::string>> cacheSettings;
     std::uint32_t quiesceWait = 10;
     std::uint32_t quiesceTimeout = 30;
 };
@@ -80,10 +81,12 @@ struct ProgressEvent {
     Step step = Step::kInterpose;
     std::string text;
     // kAgentExchange: the request ("register", "retrieve", "release"), the
-    // volume name and the status (0, the agent's error, or the pipe's error).
+    // volume name and the status (0, the agent's error, or the pipe's error);
+    // answered is false when no agent answered and status is the pipe's error.
     std::string request;
     std::string volume;
     std::uint32_t status = 0;
+    bool answered = false;
     // kWait.
     WaitReason reason = WaitReason::kAfterAgentAnswer;
     std::uint32_t count = 0;
@@ -129,9 +132,16 @@ class SnapshotRun {
     void deInit();
 
     const std::vector<SnapshotVolume>& volumes() const { return volumes_; }
+    // Hands every message of the plug-in's callback on to `sink` as well,
+    // before the run reads it.
+    void forwardMessages(std::function<void(const HostMessage&)> sink) {
+        forward_ = std::move(sink);
+    }
     // The plug-in's catalogue texts and warnings during the step that failed
     // last, oldest first.
     const std::vector<std::string>& failureTexts() const { return failureTexts_; }
+    // The step that failed last.
+    Step failedStep() const { return failedStep_; }
 
   private:
     struct Source;
@@ -151,6 +161,7 @@ class SnapshotRun {
     PluginHost& plugin_;
     HostContext& context_;
     ProgressCallback progress_;
+    std::function<void(const HostMessage&)> forward_;
     std::unique_ptr<Observer> observer_;
     Step step_ = Step::kInterpose;
 
@@ -159,6 +170,7 @@ class SnapshotRun {
     std::vector<std::unique_ptr<Source>> sources_;
     std::vector<SnapshotVolume> volumes_;
     std::vector<std::string> failureTexts_;
+    Step failedStep_ = Step::kInterpose;
     std::vector<std::string> stepTexts_;
     // Reading prepare's parameter dump: the element being read, -1 before the first.
     int dumpElement_ = -1;
