@@ -2,7 +2,7 @@
 // removed each one that was dropped, and the survivors in free-space order.
 //
 // placeCacheFiles fills one of these for every placement and hands it to a
-// caller that asks for it (fikiv-plan prints it); none of it reaches the
+// caller that asks for it (fihost plan prints it); none of it reaches the
 // host. Plain data; no state.
 #ifndef PROVIDERS_KIV_CACHEFILE_PLACEMENTREPORT_H_
 #define PROVIDERS_KIV_CACHEFILE_PLACEMENTREPORT_H_
