@@ -116,6 +116,10 @@ class Machine {
     Machine& operator=(Machine&&) = default;
 
     const std::filesystem::path& file() const { return file_; }
+    // Distinct for every machine made current in this process (0 for one
+    // that never was), so that what a library derives from the current
+    // machine can tell a machine loaded after reset() from the one before.
+    std::uint64_t loadNumber() const { return loadNumber_; }
     const std::filesystem::path& stateDirectory() const { return stateDirectory_; }
     std::uint32_t majorVersion() const { return majorVersion_; }
     std::uint32_t minorVersion() const { return minorVersion_; }
@@ -176,6 +180,7 @@ class Machine {
 
     std::filesystem::path file_;
     std::filesystem::path stateDirectory_;
+    std::uint64_t loadNumber_ = 0;
     std::uint32_t majorVersion_ = 10;
     std::uint32_t minorVersion_ = 0;
     std::uint32_t buildNumber_ = 0;
