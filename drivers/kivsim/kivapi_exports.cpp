@@ -46,7 +46,11 @@ KIV_EXPORT std::uint32_t KIV_Open(const char* name, std::uint32_t /*access*/,
             if (!volume->mediaPresent) {
                 return os::ERROR_NOT_READY;
             }
-            machine.prepareVolume(*volume);
+            // The backing directory is made when the volume is first used.
+            const std::uint32_t status = openDirectoryHandle(volume->backingDirectory, handle);
+            if (status != os::ERROR_FILE_NOT_FOUND || !machine.prepareBackingDirectory(*volume)) {
+                return status;
+            }
             return openDirectoryHandle(volume->backingDirectory, handle);
         }
         const SnapshotElement* snapshot = committedDriverState(machine)->findCreatedSnapshot(name);

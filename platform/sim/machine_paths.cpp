@@ -178,17 +178,12 @@ bool Machine::prepareVolume(const Volume& volume) const {
     if (prepared_[v].load(std::memory_order_relaxed)) {
         return true;
     }
-    std::error_code error;
-    if (volume.ownBackingDirectory) {
-        std::filesystem::create_directories(volume.backingDirectory, error);
-    } else if (!std::filesystem::is_directory(volume.backingDirectory, error)) {
-        return false;
-    }
-    if (error) {
+    if (!prepareBackingDirectory(volume)) {
         return false;
     }
     // The folders that mount points sit in exist on their volume, so that
     // listing the parent folder shows them.
+    std::error_code error;
     for (const std::u16string& mountPoint : *mountPoints_[v]) {
         std::u16string relative;
         const std::filesystem::path folder =
@@ -200,6 +195,15 @@ bool Machine::prepareVolume(const Volume& volume) const {
     }
     prepared_[v].store(true, std::memory_order_release);
     return true;
+}
+
+bool Machine::prepareBackingDirectory(const Volume& volume) const {
+    std::error_code error;
+    if (volume.ownBackingDirectory) {
+        std::filesystem::create_directories(volume.backingDirectory, error);
+        return !error;
+    }
+    return std::filesystem::is_directory(volume.backingDirectory, error);
 }
 
 const Volume* Machine::findVolume(std::u16string_view guidName) const {

@@ -162,6 +162,10 @@ class Machine {
     // only used, never made. Called before the first use of its files; false
     // when the directories cannot be made.
     bool prepareVolume(const Volume& volume) const;
+    // Makes only the volume's backing directory (an absolute one is only
+    // checked), for what needs the volume but not its files: the driver's
+    // handle of the volume. False when it is not there and cannot be made.
+    bool prepareBackingDirectory(const Volume& volume) const;
 
     // Case-insensitive hashing of path keys, so that lookups take a view.
     struct FoldedHash {
