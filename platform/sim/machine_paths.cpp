@@ -111,7 +111,14 @@ inline char16_t fold(char16_t c) {
 }  // namespace
 
 std::size_t Machine::FoldedHash::operator()(std::u16string_view text) const {
-    std::size_t value = 14695981039346656037ull;
+    // Keys that differ, differ near their end (the last digits of a GUID, the
+    // name of a mount point below a GUID name), so the length and the last
+    // characters make the hash: long keys cost no more than short ones.
+    constexpr std::size_t kHashedTail = 24;
+    std::size_t value = 14695981039346656037ull ^ text.size();
+    if (text.size() > kHashedTail) {
+        text.remove_prefix(text.size() - kHashedTail);
+    }
     for (char16_t c : text) {
         value = (value ^ fold(c)) * 1099511628211ull;
     }
