@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -75,9 +76,11 @@ std::shared_ptr<const HandleIndex> indexOf(const sim::Machine& machine,
     return current;
 }
 
-// "<number>" or "<number> (deleted)", the way the kernel names a removed folder.
+// What the kernel adds to the name of a removed folder.
+constexpr std::string_view kDeleted = " (deleted)";
+
+// "<number>" or "<number> (deleted)".
 bool parseEntry(std::string_view text, std::uint64_t* id, bool* removed) {
-    constexpr std::string_view kDeleted = " (deleted)";
     *removed = false;
     if (text.size() > kDeleted.size() && text.ends_with(kDeleted)) {
         text.remove_suffix(kDeleted.size());
@@ -88,6 +91,14 @@ bool parseEntry(std::string_view text, std::uint64_t* id, bool* removed) {
     }
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *id);
     return error == std::errc() && end == text.data() + text.size() && *id != 0;
+}
+
+// Whether the descriptor could be a driver handle that the index missed
+// because a folder was made or moved since: it is a folder, and not a removed
+// one. Files, sockets and removed folders never cost a rebuild.
+bool mayBeMoved(int fd, std::string_view path) {
+    struct stat status {};
+    return !path.ends_with(kDeleted) && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 HandleTarget classify(const HandleIndex& index, const sim::Machine& machine,
@@ -127,9 +138,9 @@ HandleTarget identifyHandle(const sim::Machine& machine, DriverHandle handle) {
 
     std::shared_ptr<const HandleIndex> index = indexOf(machine);
     HandleTarget target = classify(*index, machine, path);
-    if (target.kind == HandleTarget::Kind::None) {
+    if (target.kind == HandleTarget::Kind::None && mayBeMoved(fd, path)) {
         // A directory made or moved since the index was built resolves
-        // differently now; a descriptor of something else misses again.
+        // differently now; anything else misses again.
         target = classify(*indexOf(machine, index.get()), machine, path);
     }
     if (target.kind != HandleTarget::Kind::None) {
