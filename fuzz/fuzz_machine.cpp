@@ -16,23 +16,9 @@
 namespace {
 
 using fuzzsupport::check;
+using fuzzsupport::printable;
 
 const std::filesystem::path kFile = "/fuzz/machine/machine.json";
-
-bool printable(const std::string& text) {
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c == 0x7F) {
-            return false;
-        }
-        if (c == 0xC2 && i + 1 < text.size() &&
-            static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
-            static_cast<unsigned char>(text[i + 1]) <= 0x9F) {
-            return false;
-        }
-    }
-    return true;
-}
 
 bool printable(const std::u16string& text) {
     for (char16_t c : text) {

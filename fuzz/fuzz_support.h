@@ -1,5 +1,5 @@
-// Helpers of the fuzz targets: turning bytes into wide text and stopping on a
-// broken invariant.
+// Helpers of the fuzz targets: turning bytes into wide text, telling printable
+// text, and stopping on a broken invariant.
 #ifndef FUZZ_FUZZ_SUPPORT_H_
 #define FUZZ_FUZZ_SUPPORT_H_
 
@@ -17,6 +17,23 @@ inline void check(bool condition, const char* what) {
         std::fprintf(stderr, "invariant broken: %s\n", what);
         std::abort();
     }
+}
+
+// Whether UTF-8 `text` carries no control character (C0, DEL or C1) that a
+// terminal would act on.
+inline bool printable(const std::string& text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7F) {
+            return false;
+        }
+        if (c == 0xC2 && i + 1 < text.size() &&
+            static_cast<unsigned char>(text[i + 1]) >= 0x80 &&
+            static_cast<unsigned char>(text[i + 1]) <= 0x9F) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // UTF-8 where the bytes form it, one unit per byte where they do not, so that

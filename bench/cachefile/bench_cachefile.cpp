@@ -20,37 +20,17 @@
 #include "os/sync.h"
 #include "sim/hooks.h"
 #include "support/call_counts.h"
+#include "support/generated_machine.h"
 #include "support/temp_machine.h"
 
 namespace {
 
 using testsupport::TempMachine;
 
-// Volume 1 is C:\, the next 23 take the letters D: to Z:, the rest are
-// mounted below C:\mnt. Free space varies from 1 to 97 GB, with repeats, so
-// the order meets equal values too.
-nlohmann::json generatedMachine(int volumeCount) {
-    nlohmann::json volumes = nlohmann::json::array();
-    for (int number = 1; number <= volumeCount; ++number) {
-        std::string path;
-        if (number == 1) {
-            path = "C:\\";
-        } else if (number <= 24) {
-            path = std::string(1, static_cast<char>('C' + number - 1)) + ":\\";
-        } else {
-            path = "C:\\mnt\\v" + std::to_string(number) + "\\";
-        }
-        const std::uint64_t freeGB = static_cast<std::uint64_t>(number) * 37 % 97 + 1;
-        volumes.push_back(TempMachine::volume(number, {path.c_str()}, "fixed", "NTFS", 100ull << 30,
-                                              freeGB << 30));
-    }
-    return {{"majorVersion", 10}, {"volumes", volumes}};
-}
-
 void BM_PlaceCacheFiles(benchmark::State& state) {
     const int volumeCount = static_cast<int>(state.range(0));
     const int targetCount = static_cast<int>(state.range(1));
-    TempMachine machine(generatedMachine(volumeCount));
+    TempMachine machine(benchsupport::generatedMachine(volumeCount));
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, providerMutexName(10)));
     std::vector<std::u16string> targets;
     for (int number = 1; number <= targetCount; ++number) {

@@ -11,11 +11,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <string>
-#include <vector>
 
-#include <nlohmann/json.hpp>
-
+#include "support/generated_machine.h"
 #include "support/temp_machine.h"
 
 extern char** environ;
@@ -23,24 +20,6 @@ extern char** environ;
 namespace {
 
 using testsupport::TempMachine;
-
-// C: to Z:, then volumes mounted below C:\mnt, every tenth without a path.
-nlohmann::json generatedMachine(int volumeCount) {
-    nlohmann::json volumes = nlohmann::json::array();
-    for (int number = 1; number <= volumeCount; ++number) {
-        std::vector<std::string> paths;
-        if (number <= 24) {
-            paths.push_back(std::string(1, static_cast<char>('B' + number)) + ":\\");
-        } else if (number % 10 != 0) {
-            paths.push_back("C:\\mnt\\v" + std::to_string(number) + "\\");
-        }
-        nlohmann::json volume = TempMachine::volume(number, {});
-        volume["paths"] = paths;
-        volume["freeBytes"] = static_cast<std::uint64_t>(number % 97 + 1) << 30;
-        volumes.push_back(volume);
-    }
-    return {{"volumes", volumes}};
-}
 
 // Runs `fihost volumes` with its output thrown away; its exit status.
 int runVolumes() {
@@ -61,7 +40,7 @@ int runVolumes() {
 }
 
 void BM_FihostVolumes(benchmark::State& state) {
-    TempMachine machine(generatedMachine(static_cast<int>(state.range(0))));
+    TempMachine machine(benchsupport::generatedMachine(static_cast<int>(state.range(0))));
     if (runVolumes() != 0) {
         state.SkipWithError("fihost volumes failed");
         return;

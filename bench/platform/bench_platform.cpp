@@ -3,9 +3,9 @@
 // volume of the machine; on a machine ten times larger it should stay about
 // the same, since cache placement walks every volume.
 //
-// BM_Call/<name>: each machine call the plug-in makes, on its own, on a
-// machine of 1,000 volumes, asking about its last volumes where that matters,
-// so that a regression shows up per call.
+// BM_Call/<name>: each machine call the plug-in makes (the driver library's
+// included), on its own, on a machine of 1,000 volumes, asking about its last
+// volumes where that matters, so that a regression shows up per call.
 #include <benchmark/benchmark.h>
 
 #include <unistd.h>
@@ -20,6 +20,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "kivsim/kivapi.h"
 #include "os/error.h"
 #include "os/file.h"
 #include "os/handle.h"
@@ -168,6 +169,27 @@ void BM_FreeSpace(benchmark::State& state) {
     reportPerVolume(state);
 }
 
+// The driver library's entry points that the plug-in calls for every volume
+// it looks at, bound as the plug-in binds them.
+struct Driver {
+    KIV_Open_t open = nullptr;
+    KIV_Close_t close = nullptr;
+    KIV_GetVolumeInformation_t getVolumeInformation = nullptr;
+};
+
+const Driver& driver() {
+    static const Driver bound = [] {
+        Driver made;
+        const os::HMODULE library = os::LoadLibraryW(u"kivapi.dll");
+        made.open = reinterpret_cast<KIV_Open_t>(os::GetProcAddress(library, "KIV_Open"));
+        made.close = reinterpret_cast<KIV_Close_t>(os::GetProcAddress(library, "KIV_Close"));
+        made.getVolumeInformation = reinterpret_cast<KIV_GetVolumeInformation_t>(
+            os::GetProcAddress(library, "KIV_GetVolumeInformation"));
+        return made;
+    }();
+    return bound;
+}
+
 std::u16string wide(const std::string& text) {
     return std::u16string(text.begin(), text.end());
 }
@@ -223,6 +245,18 @@ std::vector<Call> machineCalls() {
              os::FindVolumeMountPointClose(
                  os::FindFirstVolumeMountPointW(cGuid.c_str(), mountPoint, os::MAX_PATH));
          }},
+        {"FindNextVolumeMountPointW",
+         [] {
+             static os::HANDLE find = os::INVALID_HANDLE_VALUE;
+             char16_t mountPoint[os::MAX_PATH];
+             if (find == os::INVALID_HANDLE_VALUE ||
+                 !os::FindNextVolumeMountPointW(find, mountPoint, os::MAX_PATH)) {
+                 if (find != os::INVALID_HANDLE_VALUE) {
+                     os::FindVolumeMountPointClose(find);
+                 }
+                 find = os::FindFirstVolumeMountPointW(cGuid.c_str(), mountPoint, os::MAX_PATH);
+             }
+         }},
         {"GetVolumeNameForVolumeMountPointW/DriveRoot",
          [] {
              char16_t name[50];
@@ -277,6 +311,25 @@ std::vector<Call> machineCalls() {
              os::SYSTEMTIME time{};
              os::GetSystemTime(&time);
              benchmark::DoNotOptimize(time);
+         }},
+        {"KIV_Open+KIV_Close",
+         [] {
+             KivHandle handle = kInvalidKivHandle;
+             driver().open("C:\\mnt\\v999", 3, 128, 3, 1000, &handle);
+             driver().close(&handle);
+         }},
+        {"KIV_GetVolumeInformation",
+         [] {
+             // One handle per machine: each run of the benchmark makes its own.
+             static std::uint64_t machine = 0;
+             static KivHandle handle = kInvalidKivHandle;
+             if (machine != sim::Machine::current().loadNumber()) {
+                 machine = sim::Machine::current().loadNumber();
+                 driver().open("C:\\mnt\\v999", 3, 128, 3, 1000, &handle);
+             }
+             KivVolumeInformation information{};
+             benchmark::DoNotOptimize(
+                 driver().getVolumeInformation(handle, sizeof(information), &information));
          }},
         {"SetLastError+GetLastError",
          [] {

@@ -2,11 +2,18 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
 
+#include "driver_state_file.h"
 #include "os/error.h"
 #include "os/types.h"
 #include "sim/errors.h"
@@ -15,18 +22,67 @@
 namespace kivsim {
 namespace {
 
-std::filesystem::path canonicalOrSelf(const std::filesystem::path& path) {
+struct StringHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+        return std::hash<std::string_view>()(text);
+    }
+};
+
+// Where the descriptors of one loaded machine's handles point.
+struct HandleIndex {
+    std::uint64_t machine = 0;  // Machine::loadNumber
+    std::string snapshots;      // "<resolved driver directory>/snapshots/"
+    std::string sets;           // "<resolved driver directory>/sets/"
+    // Resolved backing directory -> index of its volume.
+    std::unordered_map<std::string, std::size_t, StringHash, std::equal_to<>> volumes;
+};
+
+// The path the kernel shows for a descriptor of `path` once it exists.
+std::string resolved(const std::filesystem::path& path) {
     std::error_code ignored;
-    std::filesystem::path result = std::filesystem::weakly_canonical(path, ignored);
-    return result.empty() ? path : result;
+    const std::filesystem::path canonical = std::filesystem::weakly_canonical(path, ignored);
+    std::string text = (canonical.empty() ? path : canonical).string();
+    while (text.size() > 1 && text.back() == '/') {
+        text.pop_back();
+    }
+    return text;
 }
 
-// "<number>" or "<number> (deleted)", the way the kernel names a removed folder.
-bool parseEntry(const std::string& name, std::uint64_t* id, bool* removed) {
-    std::string_view text(name);
-    constexpr std::string_view kDeleted = " (deleted)";
+std::shared_ptr<const HandleIndex> buildIndex(const sim::Machine& machine) {
+    auto index = std::make_shared<HandleIndex>();
+    index->machine = machine.loadNumber();
+    const std::string driver = resolved(driverDirectory(machine));
+    index->snapshots = driver + "/snapshots/";
+    index->sets = driver + "/sets/";
+    const std::vector<sim::Volume>& volumes = machine.volumes();
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        index->volumes.emplace(resolved(volumes[i].backingDirectory), i);
+    }
+    return index;
+}
+
+// The index of `machine`, built on first use and rebuilt when `stale` is the
+// one in use.
+std::shared_ptr<const HandleIndex> indexOf(const sim::Machine& machine,
+                                           const HandleIndex* stale = nullptr) {
+    // A plain function-local object: the library can be unloaded.
+    static std::mutex mutex;
+    static std::shared_ptr<const HandleIndex> current;
+    std::lock_guard lock(mutex);
+    if (!current || current->machine != machine.loadNumber() || current.get() == stale) {
+        current = buildIndex(machine);
+    }
+    return current;
+}
+
+// What the kernel adds to the name of a removed folder.
+constexpr std::string_view kDeleted = " (deleted)";
+
+// "<number>" or "<number> (deleted)".
+bool parseEntry(std::string_view text, std::uint64_t* id, bool* removed) {
     *removed = false;
-    if (text.size() > kDeleted.size() && text.substr(text.size() - kDeleted.size()) == kDeleted) {
+    if (text.size() > kDeleted.size() && text.ends_with(kDeleted)) {
         text.remove_suffix(kDeleted.size());
         *removed = true;
     }
@@ -37,43 +93,57 @@ bool parseEntry(const std::string& name, std::uint64_t* id, bool* removed) {
     return error == std::errc() && end == text.data() + text.size() && *id != 0;
 }
 
+// Whether the descriptor could be a driver handle that the index missed
+// because a folder was made or moved since: it is a folder, and not a removed
+// one. Files, sockets and removed folders never cost a rebuild.
+bool mayBeMoved(int fd, std::string_view path) {
+    struct stat status {};
+    return !path.ends_with(kDeleted) && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+HandleTarget classify(const HandleIndex& index, const sim::Machine& machine,
+                      std::string_view path) {
+    HandleTarget target;
+    if (path.starts_with(index.snapshots) &&
+        parseEntry(path.substr(index.snapshots.size()), &target.id, &target.removed)) {
+        target.kind = HandleTarget::Kind::Snapshot;
+    } else if (path.starts_with(index.sets) &&
+               parseEntry(path.substr(index.sets.size()), &target.id, &target.removed)) {
+        target.kind = HandleTarget::Kind::Set;
+    } else if (auto found = index.volumes.find(path); found != index.volumes.end()) {
+        target = HandleTarget();
+        target.kind = HandleTarget::Kind::Volume;
+        target.volume = &machine.volumes()[found->second];
+    }
+    return target;
+}
+
 }  // namespace
 
 HandleTarget identifyHandle(const sim::Machine& machine, DriverHandle handle) {
-    HandleTarget target;
     const int fd =
         sim::fdFromHandle(reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(handle)));
     if (fd < 0) {
-        return target;
+        return {};
     }
+    char procEntry[32] = "/proc/self/fd/";
+    constexpr std::size_t kPrefix = sizeof("/proc/self/fd/") - 1;
+    *std::to_chars(procEntry + kPrefix, procEntry + sizeof(procEntry) - 1, fd).ptr = '\0';
     char link[PATH_MAX];
-    const std::string procEntry = "/proc/self/fd/" + std::to_string(fd);
-    const ssize_t length = readlink(procEntry.c_str(), link, sizeof(link) - 1);
-    if (length <= 0) {
-        return target;
+    const ssize_t length = readlink(procEntry, link, sizeof(link));
+    if (length <= 0 || static_cast<std::size_t>(length) >= sizeof(link)) {
+        return {};
     }
-    const std::filesystem::path path(std::string(link, static_cast<std::size_t>(length)));
+    const std::string_view path(link, static_cast<std::size_t>(length));
 
-    const std::filesystem::path driver = canonicalOrSelf(machine.stateDirectory() / "driver");
-    const std::filesystem::path parent = path.parent_path();
-    std::uint64_t id = 0;
-    bool removed = false;
-    if (parent == driver / "snapshots" && parseEntry(path.filename().string(), &id, &removed)) {
-        target.kind = HandleTarget::Kind::Snapshot;
-    } else if (parent == driver / "sets" && parseEntry(path.filename().string(), &id, &removed)) {
-        target.kind = HandleTarget::Kind::Set;
-    } else {
-        for (const sim::Volume& volume : machine.volumes()) {
-            if (canonicalOrSelf(volume.backingDirectory) == path) {
-                target.kind = HandleTarget::Kind::Volume;
-                target.volume = &volume;
-                break;
-            }
-        }
+    std::shared_ptr<const HandleIndex> index = indexOf(machine);
+    HandleTarget target = classify(*index, machine, path);
+    if (target.kind == HandleTarget::Kind::None && mayBeMoved(fd, path)) {
+        // A directory made or moved since the index was built resolves
+        // differently now; anything else misses again.
+        target = classify(*indexOf(machine, index.get()), machine, path);
     }
     if (target.kind != HandleTarget::Kind::None) {
-        target.id = id;
-        target.removed = removed;
         target.fd = fd;
     }
     return target;

@@ -4,15 +4,19 @@
 //   - a source volume: the volume's backing directory;
 //   - a snapshot volume: "<state>/driver/snapshots/<id>";
 //   - a prepared snapshot set: "<state>/driver/sets/<id>".
-// The descriptor is mapped back through /proc/self/fd, so a handle received
-// from another process is understood the same way as one opened here.
+// The descriptor is mapped back through the folder it names in
+// /proc/self/fd, so a handle received from another process is understood the
+// same way as one opened here. The driver's folders and the volumes' backing
+// directories are resolved once per loaded machine (again only when a
+// descriptor names none of them), so identifying a handle costs one readlink
+// and a hash lookup whatever the number of volumes.
+//
+// Thread-safe.
 #ifndef DRIVERS_KIVSIM_DRIVER_HANDLES_H_
 #define DRIVERS_KIVSIM_DRIVER_HANDLES_H_
 
 #include <cstdint>
 #include <filesystem>
-#include <string>
-#include <string_view>
 
 #include "sim/machine.h"
 

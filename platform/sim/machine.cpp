@@ -16,6 +16,7 @@ namespace {
 struct CurrentState {
     std::mutex mutex;
     std::unique_ptr<Machine> machine;
+    std::uint64_t loads = 0;
     std::string error;
     std::atomic<const Machine*> loaded{nullptr};
     std::atomic<bool> attempted{false};
@@ -72,6 +73,7 @@ const Machine* Machine::currentOrNull(std::string* error) {
             }
             auto machine = std::make_unique<Machine>(load(file));
             machine->prepareStateDirectory();
+            machine->loadNumber_ = ++state.loads;
             state.machine = std::move(machine);
             state.error.clear();
         } catch (const MachineError& failure) {

@@ -111,7 +111,14 @@ inline char16_t fold(char16_t c) {
 }  // namespace
 
 std::size_t Machine::FoldedHash::operator()(std::u16string_view text) const {
-    std::size_t value = 14695981039346656037ull;
+    // Keys that differ, differ near their end (the last digits of a GUID, the
+    // name of a mount point below a GUID name), so the length and the last
+    // characters make the hash: long keys cost no more than short ones.
+    constexpr std::size_t kHashedTail = 24;
+    std::size_t value = 14695981039346656037ull ^ text.size();
+    if (text.size() > kHashedTail) {
+        text.remove_prefix(text.size() - kHashedTail);
+    }
     for (char16_t c : text) {
         value = (value ^ fold(c)) * 1099511628211ull;
     }
@@ -178,17 +185,12 @@ bool Machine::prepareVolume(const Volume& volume) const {
     if (prepared_[v].load(std::memory_order_relaxed)) {
         return true;
     }
-    std::error_code error;
-    if (volume.ownBackingDirectory) {
-        std::filesystem::create_directories(volume.backingDirectory, error);
-    } else if (!std::filesystem::is_directory(volume.backingDirectory, error)) {
-        return false;
-    }
-    if (error) {
+    if (!prepareBackingDirectory(volume)) {
         return false;
     }
     // The folders that mount points sit in exist on their volume, so that
     // listing the parent folder shows them.
+    std::error_code error;
     for (const std::u16string& mountPoint : *mountPoints_[v]) {
         std::u16string relative;
         const std::filesystem::path folder =
@@ -200,6 +202,15 @@ bool Machine::prepareVolume(const Volume& volume) const {
     }
     prepared_[v].store(true, std::memory_order_release);
     return true;
+}
+
+bool Machine::prepareBackingDirectory(const Volume& volume) const {
+    std::error_code error;
+    if (volume.ownBackingDirectory) {
+        std::filesystem::create_directories(volume.backingDirectory, error);
+        return !error;
+    }
+    return std::filesystem::is_directory(volume.backingDirectory, error);
 }
 
 const Volume* Machine::findVolume(std::u16string_view guidName) const {

@@ -8,33 +8,17 @@
 #ifndef PLATFORM_SIM_OS_CALL_H_
 #define PLATFORM_SIM_OS_CALL_H_
 
-#include <algorithm>
-#include <cstddef>
-
 #include "os/error.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
 
 namespace sim {
 
-// A function name as a template argument.
-template <std::size_t N>
-struct FunctionName {
-    constexpr FunctionName(const char (&text)[N]) { std::copy_n(text, N, value); }
-    char value[N];
-};
-
-template <FunctionName name>
-CallSite& siteOf() {
-    static CallSite& site = callSite(name.value);
-    return site;
-}
-
 // Counts the call of `name` and applies an injected fault: true with *error
 // set when the call is to fail.
 template <FunctionName name>
 bool faultOnEntry(os::DWORD* error) {
-    return takeFault(siteOf<name>(), error);
+    return takeFault<name>(error);
 }
 
 // Counts the call of `name` and applies an injected fault, then loads the

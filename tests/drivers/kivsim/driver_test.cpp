@@ -2,6 +2,7 @@
 // names it opens, snapshot sets prepared, created and destroyed from several
 // processes, handles taken across processes, and the statuses of bad calls.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/process.h"
+#include "sim/eventlog.h"
 #include "sim/handles.h"
 #include "sim/hooks.h"
 #include "sim/machine.h"
@@ -29,6 +31,8 @@ namespace {
 using testsupport::TempMachine;
 
 constexpr std::uint32_t kMb = 1u << 20;
+// The driver's answer when its state file holds no state of the driver.
+constexpr std::uint32_t kFileCorrupt = 1392;
 
 nlohmann::json volumeWithValue(int number, std::initializer_list<const char*> paths,
                                std::uint32_t attributes, std::uint32_t value,
@@ -111,6 +115,15 @@ KivHandle prepareOne(const std::string& snapshotName, const char* cacheFile,
     return answer == 0 ? set : kInvalidKivHandle;
 }
 
+std::filesystem::path driverDirectory() {
+    return sim::Machine::current().stateDirectory() / "driver";
+}
+
+std::string fileText(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
 bool waitForFile(const std::filesystem::path& file) {
     for (int i = 0; i < 6000; ++i) {
         if (std::filesystem::exists(file)) {
@@ -166,6 +179,44 @@ FIKIV_CHILD_ROLE(holdVolume) {
     }
     std::filesystem::rename(arguments.at(1) + ".tmp", arguments.at(1));
     return waitForFile(arguments.at(2)) ? 0 : 1;
+}
+
+// Uses the driver twice over on a machine whose state file is damaged: the
+// calls that need the state refuse, the source volumes still answer. A call
+// that waits for a lock nobody gives back ends the child through the alarm.
+FIKIV_CHILD_ROLE(useDamagedState) {
+    alarm(60);
+    int failures = 0;
+    for (int round = 0; round < 2; ++round) {
+        char* name = nullptr;
+        failures += KIV_GenerateVolumeName(&api(), 2, &name) != kFileCorrupt;
+        std::uint32_t status = 0;
+        prepareOne("\\\\?\\GLOBALROOT\\Device\\KivSnapshot9", "E:\\c.KIV", &status);
+        failures += status != kFileCorrupt;
+        openVolume("\\\\?\\GLOBALROOT\\Device\\KivSnapshot1", &status);
+        failures += status != kFileCorrupt;
+        KivHandle volume = openVolume("E:");
+        failures += describe(volume) != std::make_pair(std::uint32_t{0x3}, std::uint32_t{3});
+        failures += KIV_Close(&api(), &volume) != 0;
+    }
+    return failures;
+}
+
+// Opens, describes and closes volumes given as triples of name, attributes
+// and value; ended by the alarm if a call waits.
+FIKIV_CHILD_ROLE(describeVolumes) {
+    alarm(60);
+    int failures = 0;
+    for (std::size_t i = 0; i + 2 < arguments.size(); i += 3) {
+        KivHandle handle = openVolume(arguments[i]);
+        const auto expected = std::make_pair(std::stoul(arguments[i + 1], nullptr, 0),
+                                             std::stoul(arguments[i + 2], nullptr, 0));
+        const auto answer = describe(handle);
+        failures += !answer.has_value() || answer->first != expected.first ||
+                    answer->second != expected.second;
+        failures += KIV_Close(&api(), &handle) != 0;
+    }
+    return failures;
 }
 
 FIKIV_CHILD_ROLE(generateName) {
@@ -542,6 +593,74 @@ TEST(KivDriverTest, MultiVolumeSetIsCreatedAndDestroyedPerVolume) {
     };
     EXPECT_NE(KIV_Prepare(&api(), twice, 2, 40, &set), 0u);
     KIV_Close(&api(), &c);
+}
+
+// A state file that is well-formed JSON of the wrong shape (or no JSON, or no
+// file) is named in one report and refused by the calls that need it; it is
+// never overwritten, and no call waits on a lock an earlier one kept.
+TEST(KivDriverTest, DamagedStateFileIsReportedAndLeftAlone) {
+    const struct {
+        const char* what;
+        const char* text;  // null: a FIFO in the file's place
+        const char* problem;
+    } rows[] = {
+        {"text for a number", R"({"lastId":"x"})", "lastId: expected a number"},
+        {"numbers for sets", R"({"sets":[1,"a"]})", "sets[0]: expected an object"},
+        {"negative size", R"({"sets":[{"elements":[{"initialSizeMb":-1}]}]})",
+         "sets[0].elements[0].initialSizeMb: expected a number of 0 or more"},
+        {"size beyond 32 bits", R"({"sets":[{"quiesceWait":4294967296}]})",
+         "sets[0].quiesceWait: expected at most 4294967295"},
+        {"list for a document", "[]", "expected an object, found a list"},
+        {"cut short", R"({"sets":[)", "not a JSON document"},
+        {"FIFO", nullptr, "not a regular file"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        TempMachine machine(driverMachine());
+        const std::filesystem::path file = driverDirectory() / "state.json";
+        std::filesystem::create_directories(file.parent_path());
+        if (row.text != nullptr) {
+            std::ofstream(file) << row.text;
+        } else {
+            ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+        }
+
+        EXPECT_EQ(runChild("useDamagedState"), 0);
+
+        if (row.text != nullptr) {
+            EXPECT_EQ(fileText(file), row.text);
+        }
+        const std::vector<sim::EventRecord> events = sim::readEventLog();
+        ASSERT_EQ(events.size(), 1u);
+        EXPECT_EQ(events[0].source, "kivapi");
+        ASSERT_EQ(events[0].strings.size(), 1u);
+        EXPECT_NE(events[0].strings[0].find(file.string() + ": " + row.problem), std::string::npos)
+            << events[0].strings[0];
+    }
+}
+
+// Opening, describing and closing volumes and snapshot volumes only reads
+// the driver state: such calls neither wait for the driver lock nor make the
+// driver's files.
+TEST(KivDriverTest, ReadingCallsTakeNoLockAndWriteNothing) {
+    TempMachine machine(driverMachine());
+    EXPECT_EQ(runChild("describeVolumes", {"C:", "0x1", "1", "C:\\mnt\\data", "0x1", "2"}), 0);
+    EXPECT_FALSE(std::filesystem::exists(driverDirectory()));
+
+    const std::string name = generatedName();
+    KivHandle set = prepareOne(name, "E:\\_tarnKivCacheFile_0.KIV");
+    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
+    KIV_Close(&api(), &set);
+    const std::string state = fileText(driverDirectory() / "state.json");
+
+    // Another holder of the lock: a process in the middle of a long change.
+    const int lock = open((driverDirectory() / "lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(lock, 0);
+    ASSERT_EQ(flock(lock, LOCK_EX), 0);
+    EXPECT_EQ(runChild("describeVolumes", {"C:", "0x1", "1", name, "0x8", "0", "E:", "0x13", "3"}),
+              0);
+    close(lock);
+    EXPECT_EQ(fileText(driverDirectory() / "state.json"), state);
 }
 
 }  // namespace

@@ -8,7 +8,9 @@
 #ifndef PLATFORM_SIM_INCLUDE_SIM_HOOKS_H_
 #define PLATFORM_SIM_INCLUDE_SIM_HOOKS_H_
 
+#include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -46,6 +48,26 @@ CallSite& callSite(std::string_view function);
 // and returns true with the error to fail with when a fault applies.
 bool takeFault(CallSite& site, std::uint32_t* error);
 bool takeFault(std::string_view function, std::uint32_t* error);
+
+// A function name as a template argument.
+template <std::size_t N>
+struct FunctionName {
+    constexpr FunctionName(const char (&text)[N]) { std::copy_n(text, N, value); }
+    char value[N];
+};
+
+// The call site of `name`, found by name once per function.
+template <FunctionName name>
+CallSite& siteOf() {
+    static CallSite& site = callSite(name.value);
+    return site;
+}
+
+// takeFault for `name` without a lookup by name.
+template <FunctionName name>
+bool takeFault(std::uint32_t* error) {
+    return takeFault(siteOf<name>(), error);
+}
 // Whether `function` names a function that takeFault hears of: an os::
 // function by its Win32 name or an entry point of the driver library.
 bool isKnownFunction(std::string_view function);

@@ -116,6 +116,10 @@ class Machine {
     Machine& operator=(Machine&&) = default;
 
     const std::filesystem::path& file() const { return file_; }
+    // Distinct for every machine made current in this process (0 for one
+    // that never was), so that what a library derives from the current
+    // machine can tell a machine loaded after reset() from the one before.
+    std::uint64_t loadNumber() const { return loadNumber_; }
     const std::filesystem::path& stateDirectory() const { return stateDirectory_; }
     std::uint32_t majorVersion() const { return majorVersion_; }
     std::uint32_t minorVersion() const { return minorVersion_; }
@@ -158,6 +162,10 @@ class Machine {
     // only used, never made. Called before the first use of its files; false
     // when the directories cannot be made.
     bool prepareVolume(const Volume& volume) const;
+    // Makes only the volume's backing directory (an absolute one is only
+    // checked), for what needs the volume but not its files: the driver's
+    // handle of the volume. False when it is not there and cannot be made.
+    bool prepareBackingDirectory(const Volume& volume) const;
 
     // Case-insensitive hashing of path keys, so that lookups take a view.
     struct FoldedHash {
@@ -176,6 +184,7 @@ class Machine {
 
     std::filesystem::path file_;
     std::filesystem::path stateDirectory_;
+    std::uint64_t loadNumber_ = 0;
     std::uint32_t majorVersion_ = 10;
     std::uint32_t minorVersion_ = 0;
     std::uint32_t buildNumber_ = 0;
