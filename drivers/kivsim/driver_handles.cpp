@@ -14,6 +14,7 @@
 #include <unordered_map>
 
 #include "driver_state_file.h"
+#include "library_object.h"
 #include "os/error.h"
 #include "os/types.h"
 #include "sim/errors.h"
@@ -66,14 +67,17 @@ std::shared_ptr<const HandleIndex> buildIndex(const sim::Machine& machine) {
 // one in use.
 std::shared_ptr<const HandleIndex> indexOf(const sim::Machine& machine,
                                            const HandleIndex* stale = nullptr) {
-    // A plain function-local object: the library can be unloaded.
-    static std::mutex mutex;
-    static std::shared_ptr<const HandleIndex> current;
-    std::lock_guard lock(mutex);
-    if (!current || current->machine != machine.loadNumber() || current.get() == stale) {
-        current = buildIndex(machine);
+    struct CurrentIndex {
+        std::mutex mutex;
+        std::shared_ptr<const HandleIndex> index;
+    };
+    CurrentIndex& current = libraryObject<CurrentIndex>();
+    std::lock_guard lock(current.mutex);
+    if (!current.index || current.index->machine != machine.loadNumber() ||
+        current.index.get() == stale) {
+        current.index = buildIndex(machine);
     }
-    return current;
+    return current.index;
 }
 
 // What the kernel adds to the name of a removed folder.

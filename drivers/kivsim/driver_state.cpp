@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "library_object.h"
 #include "sim/text.h"
 
 namespace kivsim {
@@ -56,7 +57,8 @@ class Reader {
         }
         if (!value->is_number_unsigned() &&
             !(value->is_number_integer() && value->get<std::int64_t>() >= 0)) {
-            fail(where + key, std::string("expected a number of 0 or more, found ") + kindOf(*value));
+            fail(where + key,
+                 std::string("expected a number of 0 or more, found ") + kindOf(*value));
         }
         const std::uint64_t number = value->get<std::uint64_t>();
         if (number > maximum) {
@@ -106,10 +108,12 @@ class Reader {
 
     // The entries of the list `object[key]`, each an object; empty when absent.
     const json& objects(const json& object, const char* key, const std::string& where) const {
-        static const json kNone = json::array();
+        struct NoEntries {
+            const json list = json::array();
+        };
         const json* value = field(object, key);
         if (value == nullptr) {
-            return kNone;
+            return libraryObject<NoEntries>().list;
         }
         if (!value->is_array()) {
             fail(where + key, std::string("expected a list, found ") + kindOf(*value));
@@ -138,10 +142,10 @@ SnapshotElement elementFrom(const Reader& reader, const json& entry, const std::
     element.cacheFileName = reader.text(entry, "cacheFileName", where);
     element.cacheKey = reader.text(entry, "cacheKey", where);
     element.cacheHostPath = reader.text(entry, "cacheHostPath", where);
-    element.initialSizeMb =
-        static_cast<std::uint32_t>(reader.unsignedNumber(entry, "initialSizeMb", where, kMaxUint32));
-    element.maximumSizeMb =
-        static_cast<std::uint32_t>(reader.unsignedNumber(entry, "maximumSizeMb", where, kMaxUint32));
+    element.initialSizeMb = static_cast<std::uint32_t>(
+        reader.unsignedNumber(entry, "initialSizeMb", where, kMaxUint32));
+    element.maximumSizeMb = static_cast<std::uint32_t>(
+        reader.unsignedNumber(entry, "maximumSizeMb", where, kMaxUint32));
     return element;
 }
 

@@ -9,6 +9,7 @@
 #include <string>
 #include <system_error>
 
+#include "library_object.h"
 #include "sim/machine.h"
 
 namespace kivsim {
@@ -104,15 +105,15 @@ struct Committed {
     std::string problem;                       // then: why
 };
 
-// A plain function-local object: the library can be unloaded.
 Committed& committed() {
-    static Committed instance;
-    return instance;
+    return libraryObject<Committed>();
 }
 
 std::shared_ptr<const DriverState> noState() {
-    static const std::shared_ptr<const DriverState> empty = std::make_shared<DriverState>();
-    return empty;
+    struct NoState {
+        const std::shared_ptr<const DriverState> empty = std::make_shared<DriverState>();
+    };
+    return libraryObject<NoState>().empty;
 }
 
 }  // namespace

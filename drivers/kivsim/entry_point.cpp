@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "driver_state.h"
+#include "library_object.h"
 #include "os/eventlog.h"
 #include "sim/errors.h"
 #include "sim/text.h"
@@ -58,12 +59,14 @@ HandleTarget anyHandle(const sim::Machine& machine, DriverHandle handle) {
 }
 
 void reportUnusableState(const std::string& problem) {
-    // A plain function-local object: the library can be unloaded.
-    static std::mutex mutex;
-    static std::set<std::string> reported;
+    struct Reported {
+        std::mutex mutex;
+        std::set<std::string> problems;
+    };
+    Reported& reported = libraryObject<Reported>();
     {
-        std::lock_guard lock(mutex);
-        if (!reported.insert(problem).second) {
+        std::lock_guard lock(reported.mutex);
+        if (!reported.problems.insert(problem).second) {
             return;
         }
     }

@@ -140,7 +140,7 @@ KIV_EXPORT std::uint32_t KIV_Destroy(KivHandle* snapshot, std::uint32_t flags) {
         const HandleTarget target = handleOf(machine, *snapshot, {Kind::Snapshot, Kind::Set});
         // A set handle destroys every snapshot volume of the set.
         return target.kind == Kind::Set ? destroySet(machine, target.id)
-                                         : destroySnapshot(machine, target.id);
+                                        : destroySnapshot(machine, target.id);
     });
 }
 

@@ -245,8 +245,8 @@ std::uint32_t prepareSet(const sim::Machine& machine, const KivSnapshotParameter
     return os::ERROR_SUCCESS;
 }
 
-std::uint32_t createSet(const sim::Machine& machine, std::uint64_t setId,
-                        std::uint32_t quiesceWait, std::uint32_t quiesceTimeout) {
+std::uint32_t createSet(const sim::Machine& machine, std::uint64_t setId, std::uint32_t quiesceWait,
+                        std::uint32_t quiesceTimeout) {
     DriverStore store(machine.stateDirectory());
     SnapshotSet* set = store.state().findSet(setId);
     if (set == nullptr) {

@@ -23,8 +23,8 @@ std::uint32_t prepareSet(const sim::Machine& machine, const KivSnapshotParameter
                          std::uint16_t count, DriverHandle* handle);
 // Makes the snapshot volumes of prepared set `setId` hold their sources as
 // they are now; the quiesce values are kept with the set.
-std::uint32_t createSet(const sim::Machine& machine, std::uint64_t setId,
-                        std::uint32_t quiesceWait, std::uint32_t quiesceTimeout);
+std::uint32_t createSet(const sim::Machine& machine, std::uint64_t setId, std::uint32_t quiesceWait,
+                        std::uint32_t quiesceTimeout);
 // Removes set `setId` with all its snapshot volumes and cache files.
 std::uint32_t destroySet(const sim::Machine& machine, std::uint64_t setId);
 // Removes one snapshot volume of a created set and its cache file.

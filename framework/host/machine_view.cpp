@@ -3,10 +3,10 @@
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
 #include <map>
 
 #include "host/text.h"
+#include "kivsim/kivapi.h"
 #include "os/error.h"
 #include "os/module.h"
 #include "os/types.h"
@@ -101,9 +101,9 @@ class DriverLibrary {
         if (module_ == nullptr) {
             return;
         }
-        open_ = reinterpret_cast<OpenFunction>(os::GetProcAddress(module_, "KIV_Open"));
-        close_ = reinterpret_cast<CloseFunction>(os::GetProcAddress(module_, "KIV_Close"));
-        information_ = reinterpret_cast<InformationFunction>(
+        open_ = reinterpret_cast<KIV_Open_t>(os::GetProcAddress(module_, "KIV_Open"));
+        close_ = reinterpret_cast<KIV_Close_t>(os::GetProcAddress(module_, "KIV_Close"));
+        information_ = reinterpret_cast<KIV_GetVolumeInformation_t>(
             os::GetProcAddress(module_, "KIV_GetVolumeInformation"));
     }
     ~DriverLibrary() {
@@ -120,32 +120,24 @@ class DriverLibrary {
             return std::nullopt;
         }
         const std::string name = host::toUtf8(sim::withoutTrailingBackslashes(volumeName));
-        std::uint64_t handle = ~std::uint64_t{0};
-        if (open_(name.c_str(), 3, 128, 3, 1000, &handle) != 0 || handle == 0 ||
-            handle == ~std::uint64_t{0}) {
+        KivHandle handle = kInvalidKivHandle;
+        if (open_(name.c_str(), 3, 128, 3, 1000, &handle) != 0 || !isValidKivHandle(handle)) {
             return std::nullopt;
         }
-        unsigned char record[40] = {};
-        const std::uint32_t status = information_(handle, sizeof(record), record);
+        KivVolumeInformation information{};
+        const std::uint32_t status = information_(handle, sizeof(information), &information);
         close_(&handle);
         if (status != 0) {
             return std::nullopt;
         }
-        std::uint32_t attributes = 0;
-        std::memcpy(&attributes, record, sizeof(attributes));
-        return attributes;
+        return information.attributes;
     }
 
   private:
-    using OpenFunction = std::uint32_t (*)(const char*, std::uint32_t, std::uint32_t, std::uint32_t,
-                                           std::uint32_t, std::uint64_t*);
-    using CloseFunction = std::uint32_t (*)(std::uint64_t*);
-    using InformationFunction = std::uint32_t (*)(std::uint64_t, std::uint16_t, void*);
-
     os::HMODULE module_ = nullptr;
-    OpenFunction open_ = nullptr;
-    CloseFunction close_ = nullptr;
-    InformationFunction information_ = nullptr;
+    KIV_Open_t open_ = nullptr;
+    KIV_Close_t close_ = nullptr;
+    KIV_GetVolumeInformation_t information_ = nullptr;
 };
 
 void readFileSystem(const std::u16string& name, VolumeView& view) {

@@ -210,7 +210,7 @@ std::size_t NodeTest::descriptorsIntoMachine() const {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
         std::error_code linkError;
         std::string target = std::filesystem::read_symlink(entry.path(), linkError).string();
-        if (!linkError && target.rfind(root, 0) == 0) {
+        if (!linkError && target.rfind(root, 0) == 0 && std::filesystem::is_directory(target)) {
             ++count;
         }
     }

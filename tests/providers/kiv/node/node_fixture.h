@@ -65,8 +65,9 @@ class NodeTest : public CoordinatorTest {
     std::vector<HostMessage> takeUserMessages();
     std::vector<std::uint32_t> sleeps() const { return sim::recordedSleeps(); }
 
-    // Descriptors of this process open on files or directories of the
-    // test's machine: volume, snapshot and set handles.
+    // Descriptors of this process open on directories of the test's
+    // machine: the driver's volume, snapshot and set handles (not the state
+    // file the driver keeps open).
     std::size_t descriptorsIntoMachine() const;
 
     // The driver's snapshot sets and cache files on the machine: what a
