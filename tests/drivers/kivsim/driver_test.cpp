@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -33,6 +34,7 @@ using testsupport::TempMachine;
 constexpr std::uint32_t kMb = 1u << 20;
 // The driver's answer when its state file holds no state of the driver.
 constexpr std::uint32_t kFileCorrupt = 1392;
+constexpr std::uint32_t kSharingViolation = 32;  // a cache file another set uses
 
 nlohmann::json volumeWithValue(int number, std::initializer_list<const char*> paths,
                                std::uint32_t attributes, std::uint32_t value,
@@ -255,7 +257,7 @@ TEST(KivDriverTest, OpensVolumesByEveryFormOfTheirName) {
         std::uint32_t status = 0;
         KivHandle handle = openVolume(row.name, &status);
         if (row.value == 0) {
-            EXPECT_NE(status, 0u);
+            EXPECT_EQ(status, os::ERROR_FILE_NOT_FOUND);
             continue;
         }
         ASSERT_EQ(status, 0u);
@@ -274,7 +276,8 @@ TEST(KivDriverTest, HandlesAreDescriptorsTheSystemCanClose) {
     const auto asHandle = reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(handle));
     EXPECT_GE(sim::fdFromHandle(asHandle), 0);
     EXPECT_TRUE(os::CloseHandle(asHandle));
-    EXPECT_NE(KIV_GetVolumeInformation(&api(), handle, 40, nullptr), 0u);
+    KivVolumeInformation information{};
+    EXPECT_EQ(KIV_GetVolumeInformation(&api(), handle, 40, &information), os::ERROR_INVALID_HANDLE);
 }
 
 TEST(KivDriverTest, CloseRefusesDescriptorsThatAreNotDriverHandles) {
@@ -282,7 +285,7 @@ TEST(KivDriverTest, CloseRefusesDescriptorsThatAreNotDriverHandles) {
     const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     KivHandle other = reinterpret_cast<std::uintptr_t>(sim::handleFromFd(fd));
-    EXPECT_NE(KIV_Close(&api(), &other), 0u);
+    EXPECT_EQ(KIV_Close(&api(), &other), os::ERROR_INVALID_HANDLE);
     EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);  // still open
     close(fd);
 }
@@ -302,25 +305,40 @@ TEST(KivDriverTest, PrepareRefusesBadArguments) {
         KivSnapshotParametersRecord record;
         std::uint16_t count;
         std::uint16_t size;
+        std::uint32_t status;
     } rows[] = {
-        {"element size 39", element(source, name, "E:\\c.KIV"), 1, 39},
-        {"element size 48", element(source, name, "E:\\c.KIV"), 1, 48},
-        {"count 0", element(source, name, "E:\\c.KIV"), 0, 40},
-        {"all-ones source", element(kInvalidKivHandle, name, "E:\\c.KIV"), 1, 40},
-        {"zero source", element(0, name, "E:\\c.KIV"), 1, 40},
-        {"closed source", element(closed, name, "E:\\c.KIV"), 1, 40},
-        {"cache on a missing volume", element(source, name, "Q:\\c.KIV"), 1, 40},
-        {"cache in a missing folder", element(source, name, "E:\\no\\c.KIV"), 1, 40},
-        {"cache file already there", element(source, name, "E:\\mine.txt"), 1, 40},
-        {"initial above maximum", element(source, name, "E:\\c.KIV", 200, 100), 1, 40},
-        {"initial above free space", element(source, name, "F:\\c.KIV", 2048, 4096), 1, 40},
-        {"no cache name", {source, name.c_str(), nullptr, 10, 100, 0, 0}, 1, 40},
-        {"no snapshot name", {source, nullptr, "E:\\c.KIV", 10, 100, 0, 0}, 1, 40},
+        {"element size 39", element(source, name, "E:\\c.KIV"), 1, 39, os::ERROR_BAD_LENGTH},
+        {"element size 48", element(source, name, "E:\\c.KIV"), 1, 48, os::ERROR_BAD_LENGTH},
+        {"count 0", element(source, name, "E:\\c.KIV"), 0, 40, os::ERROR_INVALID_PARAMETER},
+        {"all-ones source", element(kInvalidKivHandle, name, "E:\\c.KIV"), 1, 40,
+         os::ERROR_INVALID_HANDLE},
+        {"zero source", element(0, name, "E:\\c.KIV"), 1, 40, os::ERROR_INVALID_HANDLE},
+        {"closed source", element(closed, name, "E:\\c.KIV"), 1, 40, os::ERROR_INVALID_HANDLE},
+        {"cache on a missing volume", element(source, name, "Q:\\c.KIV"), 1, 40,
+         os::ERROR_PATH_NOT_FOUND},
+        {"cache in a missing folder", element(source, name, "E:\\no\\c.KIV"), 1, 40,
+         os::ERROR_PATH_NOT_FOUND},
+        {"cache file already there", element(source, name, "E:\\mine.txt"), 1, 40,
+         os::ERROR_ALREADY_EXISTS},
+        {"initial above maximum", element(source, name, "E:\\c.KIV", 200, 100), 1, 40,
+         os::ERROR_INVALID_PARAMETER},
+        {"initial above free space", element(source, name, "F:\\c.KIV", 2048, 4096), 1, 40,
+         os::ERROR_DISK_FULL},
+        {"no cache name",
+         {source, name.c_str(), nullptr, 10, 100, 0, 0},
+         1,
+         40,
+         os::ERROR_INVALID_PARAMETER},
+        {"no snapshot name",
+         {source, nullptr, "E:\\c.KIV", 10, 100, 0, 0},
+         1,
+         40,
+         os::ERROR_INVALID_PARAMETER},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         KivHandle set = kInvalidKivHandle;
-        EXPECT_NE(KIV_Prepare(&api(), &row.record, row.count, row.size, &set), 0u);
+        EXPECT_EQ(KIV_Prepare(&api(), &row.record, row.count, row.size, &set), row.status);
         EXPECT_EQ(set, kInvalidKivHandle);
     }
     EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\c.KIV")));
@@ -331,31 +349,64 @@ TEST(KivDriverTest, PrepareRefusesBadArguments) {
     KIV_Close(&api(), &source);
 }
 
-TEST(KivDriverTest, OtherBadCallsGetAStatusNotACrash) {
+TEST(KivDriverTest, OtherBadCallsGetTheirStatusNotACrash) {
     TempMachine machine(driverMachine());
     KivHandle volume = openVolume("C:");
     KivVolumeInformation information{};
     char* text = nullptr;
     std::uint32_t count = 0;
     char buffer[64];
-    EXPECT_NE(KIV_Open(&api(), nullptr, 3, 128, 0, 0, &volume), 0u);
-    EXPECT_NE(KIV_Open(&api(), "C:", 3, 128, 0, 0, nullptr), 0u);
-    EXPECT_NE(KIV_GetVolumeInformation(&api(), volume, 39, &information), 0u);
-    EXPECT_NE(KIV_GetVolumeInformation(&api(), kInvalidKivHandle, 40, &information), 0u);
-    EXPECT_NE(KIV_Create(&api(), volume, 0, 0, 0), 0u);  // a volume is not a set
-    EXPECT_NE(KIV_Create(&api(), kInvalidKivHandle, 0, 0, 0), 0u);
-    EXPECT_NE(KIV_Destroy(&api(), &volume, 1), 0u);  // nor a snapshot
-    EXPECT_NE(KIV_Destroy(&api(), nullptr, 1), 0u);
-    EXPECT_NE(KIV_GenerateVolumeName(&api(), 1, &text), 0u);
-    EXPECT_NE(KIV_GenerateVolumeName(&api(), 2, nullptr), 0u);
-    EXPECT_NE(KIV_FreeResource(&api(), nullptr), 0u);
-    EXPECT_NE(KIV_Close(&api(), nullptr), 0u);
-    // Never called by the plug-in; they must not claim success either.
-    EXPECT_NE(api().deviceIoControl(volume, 1, nullptr, 0, buffer, sizeof(buffer), &count), 0u);
-    EXPECT_NE(api().read(volume, 0, buffer, sizeof(buffer), &count), 0u);
-    EXPECT_NE(api().getAsyncResult(volume, &count), 0u);
-    EXPECT_NE(api().cancelAsyncOperation(volume), 0u);
-    EXPECT_NE(api().getCacheMap(volume, buffer, sizeof(buffer), &count), 0u);
+    // clang-format off
+    const struct {
+        const char* what;
+        std::function<std::uint32_t()> call;
+        std::uint32_t status;
+    } rows[] = {
+        {"open without a name", [&] { return KIV_Open(&api(), nullptr, 3, 128, 0, 0, &volume); },
+         os::ERROR_INVALID_PARAMETER},
+        {"open without a handle", [&] { return KIV_Open(&api(), "C:", 3, 128, 0, 0, nullptr); },
+         os::ERROR_INVALID_PARAMETER},
+        {"information of 39 bytes",
+         [&] { return KIV_GetVolumeInformation(&api(), volume, 39, &information); },
+         os::ERROR_BAD_LENGTH},
+        {"information of no handle",
+         [&] { return KIV_GetVolumeInformation(&api(), kInvalidKivHandle, 40, &information); },
+         os::ERROR_INVALID_HANDLE},
+        {"create on a volume", [&] { return KIV_Create(&api(), volume, 0, 0, 0); },
+         os::ERROR_INVALID_HANDLE},
+        {"create on no handle", [&] { return KIV_Create(&api(), kInvalidKivHandle, 0, 0, 0); },
+         os::ERROR_INVALID_HANDLE},
+        {"destroy a source volume", [&] { return KIV_Destroy(&api(), &volume, 1); },
+         os::ERROR_INVALID_HANDLE},
+        {"destroy without a handle", [&] { return KIV_Destroy(&api(), nullptr, 1); },
+         os::ERROR_INVALID_PARAMETER},
+        {"name of kind 1", [&] { return KIV_GenerateVolumeName(&api(), 1, &text); },
+         os::ERROR_INVALID_PARAMETER},
+        {"name without a pointer", [&] { return KIV_GenerateVolumeName(&api(), 2, nullptr); },
+         os::ERROR_INVALID_PARAMETER},
+        {"free nothing", [&] { return KIV_FreeResource(&api(), nullptr); },
+         os::ERROR_INVALID_PARAMETER},
+        {"close without a handle", [&] { return KIV_Close(&api(), nullptr); },
+         os::ERROR_INVALID_PARAMETER},
+        // Never called by the plug-in; they must not claim success either.
+        {"device control",
+         [&] {
+             return api().deviceIoControl(volume, 1, nullptr, 0, buffer, sizeof(buffer), &count);
+         },
+         os::ERROR_NOT_SUPPORTED},
+        {"read", [&] { return api().read(volume, 0, buffer, sizeof(buffer), &count); },
+         os::ERROR_NOT_SUPPORTED},
+        {"asynchronous result", [&] { return api().getAsyncResult(volume, &count); },
+         os::ERROR_NOT_SUPPORTED},
+        {"cancel", [&] { return api().cancelAsyncOperation(volume); }, os::ERROR_NOT_SUPPORTED},
+        {"cache map", [&] { return api().getCacheMap(volume, buffer, sizeof(buffer), &count); },
+         os::ERROR_NOT_SUPPORTED},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(row.call(), row.status);
+    }
     KIV_Close(&api(), &volume);
 }
 
@@ -405,10 +456,10 @@ TEST(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
     // The snapshot volume appears only with KIV_Create.
     std::uint32_t status = 0;
     openVolume(name, &status);
-    EXPECT_NE(status, 0u);
+    EXPECT_EQ(status, os::ERROR_FILE_NOT_FOUND);
 
     ASSERT_EQ(KIV_Create(&api(), set, 100, 200, 0), 0u);
-    EXPECT_NE(KIV_Create(&api(), set, 100, 200, 0), 0u);  // only once
+    EXPECT_EQ(KIV_Create(&api(), set, 100, 200, 0), os::ERROR_ALREADY_EXISTS);  // only once
     // E: now holds an active cache.
     EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u | KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE);
 
@@ -418,7 +469,7 @@ TEST(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
     EXPECT_EQ(runChild("destroySnapshot", {name}), 0);
 
     openVolume(name, &status);
-    EXPECT_NE(status, 0u);
+    EXPECT_EQ(status, os::ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(std::filesystem::exists(cacheFile));
     EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u);
 }
@@ -469,11 +520,11 @@ TEST(KivDriverTest, CachePathOfALiveSnapshotIsRefused) {
                              "\\\\?\\E:\\_tarnKivCacheFile_0.KIV"}) {
         SCOPED_TRACE(path);
         EXPECT_FALSE(isValidKivHandle(prepareOne(generatedName(), path, &status)));
-        EXPECT_NE(status, 0u);
+        EXPECT_EQ(status, kSharingViolation);
     }
     // The name of a live snapshot volume is taken as well.
     prepareOne("\\\\?\\GLOBALROOT\\Device\\KivSnapshot40", "E:\\other.KIV", &status);
-    EXPECT_NE(status, 0u);
+    EXPECT_EQ(status, os::ERROR_ALREADY_EXISTS);
     // Another cache file on the same volume is fine.
     KivHandle set = prepareOne(generatedName(), "E:\\_tarnKivCacheFile_1.KIV", &status);
     EXPECT_EQ(status, 0u);
@@ -533,7 +584,7 @@ TEST(KivDriverTest, DuplicatedHandleReadsTheSameVolume) {
     EXPECT_EQ(testsupport::waitChild(agent), 0);
     std::uint32_t status = 0;
     openVolume(name, &status);
-    EXPECT_NE(status, 0u);
+    EXPECT_EQ(status, os::ERROR_FILE_NOT_FOUND);
 }
 
 TEST(KivDriverTest, ScriptedDestroyAnswersThenDestroysForReal) {
@@ -551,7 +602,7 @@ TEST(KivDriverTest, ScriptedDestroyAnswersThenDestroysForReal) {
     }
     EXPECT_EQ(answers, (std::vector<std::uint32_t>{5, 5, 5, 0}));
     EXPECT_FALSE(describe(snapshot).has_value());
-    EXPECT_NE(KIV_Destroy(&api(), &snapshot, 1), 0u);  // already gone
+    EXPECT_EQ(KIV_Destroy(&api(), &snapshot, 1), os::ERROR_INVALID_HANDLE);  // already gone
     EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV")));
     KIV_Close(&api(), &snapshot);
     KIV_Close(&api(), &set);
@@ -591,7 +642,7 @@ TEST(KivDriverTest, MultiVolumeSetIsCreatedAndDestroyedPerVolume) {
         element(c, third, "E:\\same.KIV"),
         element(c, fourth, "E:\\same.KIV"),
     };
-    EXPECT_NE(KIV_Prepare(&api(), twice, 2, 40, &set), 0u);
+    EXPECT_EQ(KIV_Prepare(&api(), twice, 2, 40, &set), kSharingViolation);
     KIV_Close(&api(), &c);
 }
 
