@@ -61,11 +61,7 @@ std::string readFile(const fs::path& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-void waitForFile(const fs::path& path) {
-    while (!fs::exists(path)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-}
+using testsupport::waitForFile;
 
 struct CommandRun {
     int exitCode = -1;
@@ -371,7 +367,9 @@ FIKIV_CHILD_ROLE(hostKeepingUntilReleased) {
         if (!taken.isOk()) {
             return 11;
         }
-        waitForFile(arguments.at(2));
+        if (!waitForFile(arguments.at(2))) {
+            return 13;
+        }
         result = run.dispose().isOk() ? 0 : 12;
     }
     return result;
@@ -382,7 +380,7 @@ FIKIV_CHILD_ROLE(hostKeepingUntilReleased) {
 pid_t startHostKeepingC(const fs::path& made, const fs::path& release) {
     pid_t host = testsupport::startChild("hostKeepingUntilReleased",
                                          {"C:", made.string(), release.string()});
-    waitForFile(made);
+    EXPECT_TRUE(waitForFile(made)) << "the first host made no snapshot within a minute";
     return host;
 }
 
@@ -596,7 +594,7 @@ TEST_F(SnapshotEndToEndTest, PlanTellsAnAbandonedProviderMutexFromAHeldOne) {
     fs::remove(held);
     const fs::path release = machine_->directory() / "mutex.release";
     pid_t owner = testsupport::startChild("providerMutexOwner", {release.string(), held.string()});
-    waitForFile(held);
+    ASSERT_TRUE(waitForFile(held));
     CommandRun timedOut = runCommand(std::string(FIHOST_PATH) + " plan C:");
     std::ofstream(release) << "go";
     EXPECT_EQ(testsupport::waitChild(owner), 0);

@@ -51,11 +51,13 @@ bool waitForFile(const std::filesystem::path& path) {
     return false;
 }
 
-void ChildChecks::failIf(bool failure, const char* condition, int line) {
-    if (failure) {
-        ++failed_;
-        std::fprintf(stderr, "child process check failed at line %d: %s\n", line, condition);
+bool ChildChecks::check(bool condition, const char* what, unsigned long long value) {
+    if (!condition) {
+        ++failures_;
+        std::fprintf(stderr, "child %d: check failed: %s (value %llu)\n",
+                     static_cast<int>(getpid()), what, value);
     }
+    return condition;
 }
 
 ChildRole::ChildRole(const char* name, ChildMain main) {

@@ -24,20 +24,21 @@ struct ChildRole {
     static ::testsupport::ChildRole name##ChildRole(#name, &name##ChildMain); \
     static int name##ChildMain([[maybe_unused]] const std::vector<std::string>& arguments)
 
-// The checks of a child role. Each failed check is written to stderr with its
-// condition and line, so the test's output says which one failed; the role
-// returns failed() as its exit code.
+// The checks of a child role. Each failed check is written to stderr with
+// what it checked (and a value, where one helps), so the test's output says
+// which one failed; the role returns failures() as its exit code.
 class ChildChecks {
   public:
-    // Counts a failure, and says so, when `failure` holds.
-    void failIf(bool failure, const char* condition, int line);
-    int failed() const { return failed_; }
+    // Counts a failure, and says so, unless `condition` holds; returns it.
+    bool check(bool condition, const char* what, unsigned long long value = 0);
+    int failures() const { return failures_; }
 
   private:
-    int failed_ = 0;
+    int failures_ = 0;
 };
 
-#define FIKIV_CHILD_FAIL_IF(checks, condition) (checks).failIf((condition), #condition, __LINE__)
+// A check written as the failure it guards against.
+#define FIKIV_CHILD_FAIL_IF(checks, failure) (checks).check(!(failure), "not " #failure)
 
 // Starts this program as `role` with the arguments; the child inherits the
 // environment (so FIKIV_MACHINE too). Returns its process id.

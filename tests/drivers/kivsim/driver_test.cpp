@@ -126,15 +126,7 @@ std::string fileText(const std::filesystem::path& file) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-bool waitForFile(const std::filesystem::path& file) {
-    for (int i = 0; i < 6000; ++i) {
-        if (std::filesystem::exists(file)) {
-            return true;
-        }
-        usleep(10 * 1000);
-    }
-    return false;
-}
+using testsupport::waitForFile;
 
 int runChild(const std::string& role, const std::vector<std::string>& arguments = {}) {
     return testsupport::waitChild(testsupport::startChild(role, arguments));

@@ -1,5 +1,5 @@
-// Helpers of the cross-process tests: a small machine, files that processes
-// use to tell each other they are ready, and failure counting in children.
+// Helpers of the cross-process tests: a small machine and reading the files
+// that processes use to tell each other what they saw.
 #ifndef TESTS_PLATFORM_IPC_IPC_TEST_SUPPORT_H_
 #define TESTS_PLATFORM_IPC_IPC_TEST_SUPPORT_H_
 
@@ -15,6 +15,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "support/child_process.h"
 #include "support/temp_machine.h"
 
 namespace ipctest {
@@ -23,25 +24,9 @@ inline nlohmann::json smallMachine() {
     return {{"volumes", {testsupport::TempMachine::volume(1, {"C:\\"})}}};
 }
 
-// Writes `text` so that a reader sees the whole file or none of it.
-inline void publish(const std::filesystem::path& path, const std::string& text) {
-    std::filesystem::path temporary = path;
-    temporary += ".new";
-    std::ofstream(temporary) << text;
-    std::filesystem::rename(temporary, path);
-}
-
-// Waits until `path` exists (a generous limit only guards against a hung
-// peer; no test depends on how long this takes). False when it never came.
-inline bool awaitFile(const std::filesystem::path& path) {
-    for (int i = 0; i < 60000; ++i) {
-        if (std::filesystem::exists(path)) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
+using testsupport::ChildChecks;
+using testsupport::publishFile;
+using testsupport::waitForFile;
 
 inline std::string readText(const std::filesystem::path& path) {
     std::ifstream in(path);
@@ -49,23 +34,6 @@ inline std::string readText(const std::filesystem::path& path) {
     text << in.rdbuf();
     return text.str();
 }
-
-// Counts failed checks of a child role; the count becomes its exit code.
-class ChildChecks {
-  public:
-    bool check(bool condition, const char* what, unsigned long long value = 0) {
-        if (!condition) {
-            ++failures_;
-            std::fprintf(stderr, "child %d: check failed: %s (value %llu)\n",
-                         static_cast<int>(getpid()), what, value);
-        }
-        return condition;
-    }
-    int failures() const { return failures_; }
-
-  private:
-    int failures_ = 0;
-};
 
 }  // namespace ipctest
 

@@ -25,9 +25,9 @@
 
 namespace {
 
-using ipctest::awaitFile;
 using ipctest::ChildChecks;
-using ipctest::publish;
+using ipctest::publishFile;
+using ipctest::waitForFile;
 using testsupport::TempMachine;
 
 std::u16string wide(const std::string& text) {
@@ -61,7 +61,7 @@ FIKIV_CHILD_ROLE(mutexHoldUntilKilled) {
     if (mutex == nullptr || os::WaitForSingleObject(mutex, os::INFINITE) != os::WAIT_OBJECT_0) {
         return 1;
     }
-    publish(arguments.at(1), "held");
+    publishFile(arguments.at(1), "held");
     for (;;) {
         pause();
     }
@@ -75,12 +75,12 @@ FIKIV_CHILD_ROLE(mutexCount) {
     std::u16string name = wide(arguments.at(0));
     std::filesystem::path directory = arguments.at(1);
     int iterations = std::stoi(arguments.at(2));
-    checks.check(awaitFile(directory / "start"), "start file");
+    checks.check(waitForFile(directory / "start"), "start file");
     os::SetLastError(0xdeadbeef);
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name.c_str()));
     os::DWORD created = os::GetLastError();
     checks.check(mutex.valid(), "mutex created");
-    publish(directory / ("created." + std::to_string(getpid())), std::to_string(created));
+    publishFile(directory / ("created." + std::to_string(getpid())), std::to_string(created));
 
     int counter = open((directory / "counter").c_str(), O_RDWR);
     checks.check(counter >= 0, "counter file");
@@ -97,7 +97,7 @@ FIKIV_CHILD_ROLE(mutexCount) {
         checks.check(os::ReleaseMutex(mutex.get()) == os::TRUE, "release");
     }
     close(counter);
-    checks.check(awaitFile(directory / "close"), "close file");
+    checks.check(waitForFile(directory / "close"), "close file");
     return checks.failures();
 }
 
@@ -259,7 +259,7 @@ TEST_F(MutexTest, OwnerProcessKilledLeavesItAbandoned) {
     ASSERT_TRUE(mutex.valid());
     pid_t holder = testsupport::startChild(
         "mutexHoldUntilKilled", {std::string(mutexName.begin(), mutexName.end()), ready.string()});
-    ASSERT_TRUE(awaitFile(ready));
+    ASSERT_TRUE(waitForFile(ready));
     EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_TIMEOUT);
     kill(holder, SIGKILL);
     testsupport::waitChild(holder);
@@ -336,18 +336,18 @@ TEST_F(MutexTest, ProcessesCreatingAtOnceShareOneMutex) {
             "mutexCount", {std::string(mutexName.begin(), mutexName.end()), directory.string(),
                            std::to_string(kIterations)}));
     }
-    publish(directory / "start", "");
+    publishFile(directory / "start", "");
 
     int created = 0;
     int opened = 0;
     for (pid_t child : children) {
         std::filesystem::path report = directory / ("created." + std::to_string(child));
-        ASSERT_TRUE(awaitFile(report));
+        ASSERT_TRUE(waitForFile(report));
         std::string code = ipctest::readText(report);
         created += code == std::to_string(os::ERROR_SUCCESS);
         opened += code == std::to_string(os::ERROR_ALREADY_EXISTS);
     }
-    publish(directory / "close", "");
+    publishFile(directory / "close", "");
     for (pid_t child : children) {
         EXPECT_EQ(testsupport::waitChild(child), 0);
     }

@@ -24,9 +24,9 @@
 
 namespace {
 
-using ipctest::awaitFile;
 using ipctest::ChildChecks;
-using ipctest::publish;
+using ipctest::publishFile;
+using ipctest::waitForFile;
 using testsupport::TempMachine;
 
 constexpr os::DWORD kRequestSize = 536;
@@ -71,7 +71,7 @@ FIKIV_CHILD_ROLE(echoServer) {
     if (!checks.check(pipe.valid(), "pipe created", os::GetLastError())) {
         return checks.failures();
     }
-    publish(arguments.at(1), "serving");
+    publishFile(arguments.at(1), "serving");
     for (int i = 0; i < count; ++i) {
         checks.check(os::ConnectNamedPipe(pipe.get(), nullptr) == os::TRUE, "connect");
         std::vector<unsigned char> request(1024);
@@ -95,7 +95,7 @@ FIKIV_CHILD_ROLE(pipeHoldUntilKilled) {
     if (pipe == os::INVALID_HANDLE_VALUE) {
         return 1;
     }
-    publish(arguments.at(1), "serving");
+    publishFile(arguments.at(1), "serving");
     for (;;) {
         pause();
     }
@@ -391,7 +391,7 @@ TEST_F(PipeTest, RoundTripWithAServerInAnotherProcess) {
     pid_t server = testsupport::startChild(
         "echoServer",
         {std::string(name.begin(), name.end()), ready.string(), std::to_string(kRequests)});
-    ASSERT_TRUE(awaitFile(ready));
+    ASSERT_TRUE(waitForFile(ready));
 
     os::SetLastError(0xdeadbeef);
     EXPECT_EQ(createPipe(name), os::INVALID_HANDLE_VALUE);
@@ -415,7 +415,7 @@ TEST_F(PipeTest, KilledServerLeavesTheNameFree) {
     std::filesystem::path ready = machine_.directory() / "serving";
     pid_t server = testsupport::startChild("pipeHoldUntilKilled",
                                            {std::string(name.begin(), name.end()), ready.string()});
-    ASSERT_TRUE(awaitFile(ready));
+    ASSERT_TRUE(waitForFile(ready));
     kill(server, SIGKILL);
     testsupport::waitChild(server);
 

@@ -22,9 +22,9 @@
 
 namespace {
 
-using ipctest::awaitFile;
 using ipctest::ChildChecks;
-using ipctest::publish;
+using ipctest::publishFile;
+using ipctest::waitForFile;
 using testsupport::TempMachine;
 
 const std::string kPayload = "snapshot volume stand-in";
@@ -56,8 +56,8 @@ FIKIV_CHILD_ROLE(holdFile) {
     if (fd < 0) {
         return 1;
     }
-    publish(arguments.at(1), std::to_string(valueOf(sim::handleFromFd(fd))));
-    return awaitFile(arguments.at(2)) ? 0 : 1;
+    publishFile(arguments.at(1), std::to_string(valueOf(sim::handleFromFd(fd))));
+    return waitForFile(arguments.at(2)) ? 0 : 1;
 }
 
 os::DWORD adjustDebugPrivilege(os::HANDLE token, os::DWORD attributes, os::BOOL* result) {
@@ -133,14 +133,14 @@ class ProcessTest : public ::testing::Test {
             arguments.push_back("protected");
         }
         pid_t child = testsupport::startChild("holdFile", arguments);
-        if (!awaitFile(ready)) {
+        if (!waitForFile(ready)) {
             return child;
         }
         *handle = handleOf(std::stoull(ipctest::readText(ready)));
         return child;
     }
     int finishHolder(pid_t child) {
-        publish(done_, "");
+        publishFile(done_, "");
         return testsupport::waitChild(child);
     }
 

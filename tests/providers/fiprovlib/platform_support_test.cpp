@@ -168,7 +168,7 @@ FIKIV_CHILD_ROLE(eventWriter) {
                                                      strings, nullptr) != os::TRUE);
     }
     os::DeregisterEventSource(source);
-    return checks.failed();
+    return checks.failures();
 }
 
 TEST(EventLogTest, SeveralProcessesAppendWholeRecords) {

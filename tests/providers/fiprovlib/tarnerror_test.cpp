@@ -45,7 +45,7 @@ FIKIV_CHILD_ROLE(testCatalogue) {
     FIKIV_CHILD_FAIL_IF(checks, textOf(TarnError(12345, u"f", 1, u"fn").message()) !=
                                     u"Status {0} with five digits.");
     FIKIV_CHILD_FAIL_IF(checks, textOf(TarnError(4, u"f", 1, u"fn").message()) != u"<null>");
-    return checks.failed();
+    return checks.failures();
 }
 
 TEST(TarnErrorTest, IdHasFourDigitsAtLeast) {

@@ -300,7 +300,7 @@ FIKIV_CHILD_ROLE(freshPluginName) {
     const auto messages = capture.messages();
     FIKIV_CHILD_FAIL_IF(checks,
                         messages.size() != 1 || ascii(messages[0].text).rfind("other:", 0) != 0);
-    return checks.failed();
+    return checks.failures();
 }
 
 TEST(PluginNameTest, StartsUnsetAndCanBeReplaced) {

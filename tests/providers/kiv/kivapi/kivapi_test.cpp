@@ -83,7 +83,7 @@ FIKIV_CHILD_ROLE(missingLibrary) {
     sim::clearFaults();
     FIKIV_CHILD_FAIL_IF(checks, bindingError() != 0);
     FIKIV_CHILD_FAIL_IF(checks, !tableComplete(*kivApi()));
-    return checks.failed();
+    return checks.failures();
 }
 
 // One export missing, even one that is never called: no table.
@@ -93,7 +93,7 @@ FIKIV_CHILD_ROLE(unbindableExport) {
     FIKIV_CHILD_FAIL_IF(checks, bindingError() != os::ERROR_PROC_NOT_FOUND);
     sim::clearFaults();
     FIKIV_CHILD_FAIL_IF(checks, bindingError() != 0);
-    return checks.failed();
+    return checks.failures();
 }
 
 // Many threads ask for the table at once: it is built once, from one load.
@@ -115,7 +115,7 @@ FIKIV_CHILD_ROLE(concurrentFirstUse) {
         FIKIV_CHILD_FAIL_IF(checks, api == nullptr || api != seen.front());
     }
     FIKIV_CHILD_FAIL_IF(checks, sim::callCount("LoadLibraryW") != 1);
-    return checks.failed();
+    return checks.failures();
 }
 
 // Opens the provider mutex, then checks under which name it exists.
@@ -129,7 +129,7 @@ FIKIV_CHILD_ROLE(mutexName) {
     FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_ALREADY_EXISTS);
     os::UniqueHandle unrelated(os::CreateMutexW(nullptr, os::FALSE, other.c_str()));
     FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_SUCCESS);
-    return checks.failed();
+    return checks.failures();
 }
 
 // Holds the provider mutex until told to let go.
