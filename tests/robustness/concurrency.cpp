@@ -8,8 +8,9 @@
 //    cache file; after each round nothing is left behind. The clock is real:
 //    the provider mutex and the agent's pipe are contended as in life.
 // 2. Eight client threads exchange with one agent (register, retrieve,
-//    release of names of their own, a connection each, no wait for a free
-//    pipe instance): busy answers are counted and retried; every retrieve
+//    release of names of their own, a connection each, waiting for a free
+//    pipe instance as long as the pipe's default wait, as the provider
+//    does): busy answers are counted and retried; every retrieve
 //    finds the handle registered; at the end the agent holds nothing.
 //
 //   concurrency [--rounds N] [--exchanges N]   (defaults 100 and 10000)
@@ -191,10 +192,11 @@ int runClients(int exchanges) {
         std::string ascii = "\\\\?\\Client" + std::to_string(number) + "Snap";
         int turn = 0;
         // Busy answers are retried at once: they are what is counted.
+        // Time-out 0 is the pipe's default wait, the provider's choice.
         auto exchange = [&](std::uint32_t code, const std::u16string& name, std::uint64_t value) {
             for (;;) {
                 testsupport::AgentExchange answer =
-                    testsupport::exchangeWithAgent(code, name, value, os::NMPWAIT_NOWAIT);
+                    testsupport::exchangeWithAgent(code, name, value, 0);
                 if (answer.status() != os::ERROR_PIPE_BUSY) {
                     done++;
                     return answer;

@@ -63,6 +63,7 @@ struct Tally {
     int killed = 0;           // the victim died by the signal as planned
     int survivors = 0;        // runs after which something survived the crash
     int nextRunWorked = 0;
+    int deleted = 0;          // runs whose made snapshots fihost delete had to remove
     int cleanedUp = 0;        // nothing left after the next run and fihost delete
     std::map<std::string, int> survived;  // what survived, by kind
 };
@@ -88,8 +89,6 @@ class Crashes {
         for (const std::string& line : left) {
             ++tally.survived[line.substr(0, line.find(' ', line.find(' ') + 1))];
         }
-        std::vector<std::string> names =
-            testsupport::driverSnapshotFields(machine_.directory(), "snapshotName");
 
         ChildResult next = robustness::runInChild(
             [] {
@@ -106,7 +105,12 @@ class Crashes {
             std::cout << "  next run: "
                       << (next.report.has_value() ? next.report->dump() : next.ending) << "\n";
         }
+        // What is left now are snapshots that were made: prepared sets of a
+        // process that is gone have been given up by the driver.
+        std::vector<std::string> names =
+            testsupport::driverSnapshotFields(machine_.directory(), "snapshotName");
         if (!names.empty()) {
+            ++tally.deleted;
             deleteWithFihost(names);
         }
         std::vector<std::string> after = testsupport::machineLeftovers(machine_.directory());
@@ -139,7 +143,8 @@ class Crashes {
 void report(const char* scenario, const Tally& tally) {
     std::cout << scenario << ": " << tally.runs << " runs, killed " << tally.killed
               << ", something survived " << tally.survivors << ", next run worked "
-              << tally.nextRunWorked << ", clean after fihost delete " << tally.cleanedUp << "\n";
+              << tally.nextRunWorked << ", made snapshots left for fihost delete " << tally.deleted
+              << ", clean in the end " << tally.cleanedUp << "\n";
     for (const auto& [kind, count] : tally.survived) {
         std::cout << "    survived: " << kind << " (" << count << " in all)\n";
     }

@@ -35,6 +35,7 @@
 #include "fault_table.h"
 #include "host/agent_process.h"
 #include "lifecycle.h"
+#include "os/error.h"
 #include "orbhandle/protocol.h"
 #include "os/pipe.h"
 #include "sim/hooks.h"
@@ -76,10 +77,24 @@ std::vector<std::string> countedFunctions() {
     return names;
 }
 
+// How dispose gets hold of each snapshot volume: the provider opens it
+// itself, or (when it cannot) takes a duplicate of the agent's handle, which
+// brings in the retrieve request, OpenProcess, the debug privilege and
+// DuplicateHandle.
+struct Scenario {
+    const char* name;
+    bool agentHandles;
+};
+
+constexpr Scenario kScenarios[] = {
+    {"dispose opens the snapshot volumes itself", false},
+    {"dispose takes the agent's handles (the provider cannot open the volumes)", true},
+};
+
 // One lifecycle of C: and D: in a child, with `fault` armed if there is one.
-ChildResult runFault(const std::optional<Fault>& fault) {
+ChildResult runFault(const Scenario& scenario, const std::optional<Fault>& fault) {
     return runInChild(
-        [&fault] {
+        [&scenario, &fault] {
             LifecycleOptions options;
             options.volumes = {robustness::sourceDrive(1), robustness::sourceDrive(2)};
             if (fault.has_value()) {
@@ -88,6 +103,13 @@ ChildResult runFault(const std::optional<Fault>& fault) {
                                      static_cast<std::uint32_t>(fault->call - 1), 1);
                 };
                 options.descriptorsMayLeak = fault->closesHandle;
+            }
+            if (scenario.agentHandles) {
+                // Every later open fails (the one-shot fault of the sweep
+                // still counts its calls from the start).
+                options.afterTake = [] {
+                    sim::injectFault("KIV_Open", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
+                };
             }
             return runLifecycle(options, countedFunctions());
         },
@@ -149,9 +171,10 @@ struct Tally {
 
 // Runs one fault and adds it to the tally; resets the bench when the fault
 // left something behind.
-bool sweepOne(Bench& bench, const Fault& fault, bool verbose, Tally& tally) {
+bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool verbose,
+              Tally& tally) {
     ++tally.injected;
-    ChildResult result = runFault(fault);
+    ChildResult result = runFault(scenario, fault);
     std::vector<std::string> problems;
     if (!result.report.has_value()) {
         problems.push_back(result.ending);
@@ -194,7 +217,7 @@ bool sweepOne(Bench& bench, const Fault& fault, bool verbose, Tally& tally) {
         ++tally.survived;
         return true;
     }
-    std::string line = fault.describe() + ":";
+    std::string line = fault.describe() + " (" + scenario.name + "):";
     for (const std::string& problem : problems) {
         line += "\n    " + problem;
     }
@@ -203,24 +226,17 @@ bool sweepOne(Bench& bench, const Fault& fault, bool verbose, Tally& tally) {
     return bench.reset();
 }
 
-int sweep(const std::string& only, bool verbose) {
-    for (const FallibleFunction& function : fallibleFunctions()) {
-        if (!sim::isKnownFunction(function.name)) {
-            std::cerr << "fault_sweep: " << function.name << " takes no fault\n";
-            return 2;
-        }
-    }
-    Bench bench;
-    if (!bench.startAgent()) {
-        return 2;
-    }
-    ChildResult baseline = runFault(std::nullopt);
+// Sweeps every fallible call of one scenario's lifecycle; false when the
+// sweep cannot go on.
+bool sweepScenario(Bench& bench, const Scenario& scenario, const std::string& only, bool verbose,
+                   Tally& tally) {
+    ChildResult baseline = runFault(scenario, std::nullopt);
     if (!baseline.report.has_value() || !(*baseline.report)["problems"].empty() ||
         !(*baseline.report)["failed"].empty() || !bench.leftovers().empty()) {
         std::cerr << "fault_sweep: the lifecycle fails without a fault: "
                   << (baseline.report.has_value() ? baseline.report->dump() : baseline.ending)
                   << "\n";
-        return 2;
+        return false;
     }
     const nlohmann::json& calls = (*baseline.report)["calls"];
 
@@ -243,17 +259,37 @@ int sweep(const std::string& only, bool verbose) {
             }
         }
     }
-    std::cout << "fault sweep: two-volume lifecycle (C: and D:, caches on E:) with a real kivagent\n"
-              << "calls the lifecycle makes that can fail:";
+    std::cout << "scenario: " << scenario.name << "\n"
+              << "  calls the lifecycle makes that can fail:";
     for (const std::string& entry : called) {
         std::cout << " " << entry;
     }
-    std::cout << "\ncall sites swept: " << sites << "\n";
-
-    Tally tally;
+    std::cout << "\n  call sites swept: " << sites << ", faults: " << faults.size() << "\n";
     for (const Fault& fault : faults) {
-        if (!sweepOne(bench, fault, verbose, tally)) {
+        if (!sweepOne(bench, scenario, fault, verbose, tally)) {
             std::cerr << "fault_sweep: the bench could not be restored\n";
+            return false;
+        }
+    }
+    return true;
+}
+
+int sweep(const std::string& only, bool verbose) {
+    for (const FallibleFunction& function : fallibleFunctions()) {
+        if (!sim::isKnownFunction(function.name)) {
+            std::cerr << "fault_sweep: " << function.name << " takes no fault\n";
+            return 2;
+        }
+    }
+    Bench bench;
+    if (!bench.startAgent()) {
+        return 2;
+    }
+    std::cout << "fault sweep: two-volume lifecycle (C: and D:, caches on E:) with a real "
+                 "kivagent\n";
+    Tally tally;
+    for (const Scenario& scenario : kScenarios) {
+        if (!sweepScenario(bench, scenario, only, verbose, tally)) {
             return 2;
         }
     }
