@@ -241,16 +241,9 @@ int runClients(int exchanges) {
 int main(int argc, char** argv) {
     int rounds = 100;
     int exchanges = 10000;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        std::string option = argv[i];
-        if (option == "--rounds") {
-            rounds = std::stoi(argv[i + 1]);
-        } else if (option == "--exchanges") {
-            exchanges = std::stoi(argv[i + 1]);
-        } else {
-            std::cerr << "usage: concurrency [--rounds N] [--exchanges N]\n";
-            return 2;
-        }
+    if (!robustness::readCounts(argc, argv, {{"--rounds", &rounds}, {"--exchanges", &exchanges}},
+                                "concurrency [--rounds N] [--exchanges N]")) {
+        return 2;
     }
     int result = 0;
     for (int processes : {2, 4}) {

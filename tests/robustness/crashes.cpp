@@ -192,10 +192,7 @@ bool mutexHolderKilled() {
 
 int main(int argc, char** argv) {
     int repeat = 10;
-    if (argc == 3 && std::string(argv[1]) == "--repeat") {
-        repeat = std::stoi(argv[2]);
-    } else if (argc != 1) {
-        std::cerr << "usage: crashes [--repeat N]\n";
+    if (!robustness::readCounts(argc, argv, {{"--repeat", &repeat}}, "crashes [--repeat N]")) {
         return 2;
     }
     Crashes crashes;

@@ -4,7 +4,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <set>
@@ -212,6 +214,22 @@ ChildResult Child::wait() {
     }
     result.report = std::move(report);
     return result;
+}
+
+bool readCounts(int argc, char** argv, const std::vector<std::pair<std::string, int*>>& options,
+                const std::string& usage) {
+    for (int i = 1; i < argc; i += 2) {
+        auto option = std::find_if(options.begin(), options.end(),
+                                   [&](const auto& entry) { return entry.first == argv[i]; });
+        char* end = nullptr;
+        long value = i + 1 < argc ? std::strtol(argv[i + 1], &end, 10) : -1;
+        if (option == options.end() || end == nullptr || *end != '\0' || value < 0) {
+            std::cerr << "usage: " << usage << "\n";
+            return false;
+        }
+        *option->second = static_cast<int>(value);
+    }
+    return true;
 }
 
 ChildResult runInChild(const std::function<nlohmann::json()>& body, unsigned seconds) {

@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -74,6 +75,11 @@ class Child {
     unsigned seconds_ = 0;
     std::string error_;  // why the child could not be started
 };
+
+// Reads "--name N" pairs into the counts named in `options`; false (with a
+// usage line on stderr) for anything else.
+bool readCounts(int argc, char** argv, const std::vector<std::pair<std::string, int*>>& options,
+                const std::string& usage);
 
 // Runs `body` in a child and waits for it.
 ChildResult runInChild(const std::function<nlohmann::json()>& body, unsigned seconds);

@@ -160,16 +160,10 @@ int soakAcrossProcesses(const fs::path& machineDirectory, const host::AgentProce
 int main(int argc, char** argv) {
     int lifecycles = 10000;
     int processes = 200;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        std::string option = argv[i];
-        if (option == "--lifecycles") {
-            lifecycles = std::stoi(argv[i + 1]);
-        } else if (option == "--processes") {
-            processes = std::stoi(argv[i + 1]);
-        } else {
-            std::cerr << "usage: soak [--lifecycles N] [--processes N]\n";
-            return 2;
-        }
+    if (!robustness::readCounts(argc, argv,
+                                {{"--lifecycles", &lifecycles}, {"--processes", &processes}},
+                                "soak [--lifecycles N] [--processes N]")) {
+        return 2;
     }
     testsupport::TempMachine machine(robustness::machineWith(2));
     host::AgentProcess agent(KIVAGENT_PATH);
