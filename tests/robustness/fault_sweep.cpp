@@ -18,7 +18,9 @@
 //     file on a volume, no handle in the agent (once the agent has answered
 //     one more exchange: it lets go of handles to destroyed volumes then).
 // A dispose that answers a failure is tried once more without the fault, as
-// a host does; the lifecycle still has to leave nothing behind.
+// a host does; the lifecycle still has to leave nothing behind. The sweep
+// runs twice: with dispose opening the snapshot volumes itself, and with
+// dispose unable to, so that it takes the agent's handles.
 //
 //   fault_sweep [--only FUNCTION] [--verbose]
 //
