@@ -70,6 +70,21 @@ std::size_t HandleTable::closeAll() {
     return count;
 }
 
+std::size_t HandleTable::dropGone() {
+    std::lock_guard lock(mutex_);
+    std::size_t count = std::erase_if(handles_, [this](const auto& item) {
+        if (!operations_.isGone(item.second.handle)) {
+            return false;
+        }
+        operations_.close(item.second.handle);
+        return true;
+    });
+    if (count > 0) {
+        changedLocked();
+    }
+    return count;
+}
+
 std::vector<HeldHandle> HandleTable::held() const {
     std::lock_guard lock(mutex_);
     return heldLocked();

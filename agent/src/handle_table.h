@@ -30,6 +30,10 @@ class HandleOperations {
                                     std::uint64_t* copy) = 0;
     // Closes a handle of this process. 0 or a Win32 error code.
     virtual os::DWORD close(std::uint64_t handle) = 0;
+    // True when the object behind a handle of this process no longer exists:
+    // a snapshot volume destroyed while the agent held it, because its
+    // release never reached the agent. By default nothing is ever gone.
+    virtual bool isGone(std::uint64_t /*handle*/) { return false; }
 };
 
 // One held handle, as the status file and `kivagent --status` show it.
@@ -67,6 +71,8 @@ class HandleTable {
     os::DWORD remove(const std::u16string& volumeName);
     // Closes every handle; returns how many were held.
     std::size_t closeAll();
+    // Closes and forgets every handle whose object is gone; returns how many.
+    std::size_t dropGone();
 
     std::vector<HeldHandle> held() const;
     std::size_t size() const;

@@ -300,9 +300,7 @@ int stopAgent(const std::filesystem::path& state) {
     return kExitOk;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int agentMain(int argc, char** argv) {
     CLI::App app{
         "The backup agent: serves \\\\.\\Pipe\\ORBHandleRendevous on the current machine and "
         "holds the snapshot volume handles that providers register with it"};
@@ -369,4 +367,20 @@ int main(int argc, char** argv) {
         }
     }
     return runAgent(state, options, failures, StartReport(reportFd));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // An unexpected failure (memory, a file of the state directory) ends the
+    // agent with a message and the failure status, its objects unwound,
+    // rather than through std::terminate.
+    try {
+        return agentMain(argc, argv);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "kivagent: stopped by an unexpected failure: %s\n", failure.what());
+    } catch (...) {
+        std::fprintf(stderr, "kivagent: stopped by an unexpected failure\n");
+    }
+    return kExitFailed;
 }

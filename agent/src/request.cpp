@@ -143,6 +143,10 @@ Outcome handleRequest(std::span<const unsigned char> message, const Peer& peer,
     const bool wholeRequest = message.size() == sizeof(request);
     const bool terminated = readName(request, &outcome.record.volumeName);
 
+    // A handle whose snapshot volume was destroyed without its release
+    // reaching the agent (the provider goes on to destroy when release
+    // fails) is let go of at the next exchange, whoever sends it.
+    context.table.dropGone();
     if (context.faults != nullptr && context.faults->takeBusy()) {
         return answer(std::move(outcome), os::ERROR_PIPE_BUSY, "answered busy (test option)");
     }

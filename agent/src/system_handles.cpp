@@ -1,8 +1,11 @@
 #include "system_handles.h"
 
+#include <sys/stat.h>
+
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/process.h"
+#include "sim/handles.h"
 
 namespace kivagent {
 namespace {
@@ -55,6 +58,14 @@ os::DWORD SystemHandleOperations::duplicateFrom(os::DWORD processId, std::uint64
 
 os::DWORD SystemHandleOperations::close(std::uint64_t handle) {
     return os::CloseHandle(asHandle(handle)) ? 0 : os::GetLastError();
+}
+
+bool SystemHandleOperations::isGone(std::uint64_t handle) {
+    // A snapshot volume is a directory that the driver deletes when it
+    // destroys the snapshot; a held descriptor keeps it alive with no links.
+    int fd = sim::fdFromHandle(asHandle(handle));
+    struct stat status {};
+    return fd >= 0 && fstat(fd, &status) == 0 && status.st_nlink == 0;
 }
 
 }  // namespace kivagent

@@ -15,6 +15,8 @@ class SystemHandleOperations final : public HandleOperations {
     os::DWORD duplicateFrom(os::DWORD processId, std::uint64_t handle,
                             std::uint64_t* copy) override;
     os::DWORD close(std::uint64_t handle) override;
+    // A descriptor handle whose file or directory has been deleted.
+    bool isGone(std::uint64_t handle) override;
 };
 
 }  // namespace kivagent

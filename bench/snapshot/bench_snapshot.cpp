@@ -8,12 +8,23 @@
 // process. The counter "mandatedWaitMs" is the waiting the plug-in asked for
 // in one lifecycle. BM_SnapshotRealClock takes the waits for real: its wall
 // time is what a snapshot costs a user, nearly all of it mandated waiting.
+//
+// BM_EntryPointCost takes a two-volume lifecycle on the virtual clock apart:
+// the thread's CPU time from the start of one step to the start of the next,
+// divided by the entry-point calls the step makes, gives each entry point's
+// cost per call ("<name>_us" counters, averaged over the iterations). The
+// host's building of records is included; the agent's own work, in its own
+// process, is not.
 #include <benchmark/benchmark.h>
 
+#include <time.h>
+
+#include <array>
 #include <cstdint>
 #include <numeric>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/agent_process.h"
@@ -73,8 +84,8 @@ class Bench {
     bool ok() const { return ok_; }
 
     // One lifecycle; false when a step failed.
-    bool lifecycle() {
-        host::SnapshotRun run(plugin_, context_, nullptr);
+    bool lifecycle(host::ProgressCallback progress = nullptr) {
+        host::SnapshotRun run(plugin_, context_, std::move(progress));
         bool taken = run.take(options_).isOk();
         bool disposed = taken && run.dispose().isOk();
         run.deInit();
@@ -128,6 +139,56 @@ void BM_SnapshotRealClock(benchmark::State& state) {
     state.counters["volumes"] = static_cast<double>(state.range(0));
 }
 
+double threadCpuMicroseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) * 1e6 + static_cast<double>(now.tv_nsec) / 1e3;
+}
+
+void BM_EntryPointCost(benchmark::State& state) {
+    constexpr int kSources = 2;
+    constexpr std::size_t kSteps = static_cast<std::size_t>(host::Step::kDeInitNode) + 1;
+    // Entry-point calls per step of a lifecycle of kSources volumes: one per
+    // volume, one more for the group object, or one for the whole set.
+    constexpr std::array<int, kSteps> kCalls = {
+        kSources,      kSources + 1, kSources + 1, 1, 1, 1, 1, 1, 1, kSources, kSources,
+        2 * kSources + 1};
+    Bench bench(kSources);
+    if (!bench.ok()) {
+        state.SkipWithError("the agent or the plug-in did not start");
+        return;
+    }
+    sim::useVirtualClock(true);
+    std::array<double, kSteps> spent{};
+    for (auto _ : state) {
+        std::size_t current = kSteps;
+        double since = 0;
+        auto progress = [&](const host::ProgressEvent& event) {
+            if (event.kind != host::ProgressEvent::Kind::kStep) {
+                return;
+            }
+            double now = threadCpuMicroseconds();
+            if (current != kSteps) {
+                spent[current] += now - since;
+            }
+            current = static_cast<std::size_t>(event.step);
+            since = threadCpuMicroseconds();
+        };
+        if (!bench.lifecycle(progress)) {
+            state.SkipWithError("a snapshot step failed");
+            break;
+        }
+        if (current != kSteps) {
+            spent[current] += threadCpuMicroseconds() - since;
+        }
+    }
+    for (std::size_t step = 0; step < kSteps; ++step) {
+        state.counters[std::string(host::stepName(static_cast<host::Step>(step))) + "_us"] =
+            benchmark::Counter(spent[step] / kCalls[step], benchmark::Counter::kAvgIterations);
+    }
+}
+
+BENCHMARK(BM_EntryPointCost)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SnapshotVirtualClock)->Arg(1)->Arg(8)->Arg(64)->Unit(benchmark::kMillisecond);
 // Two seconds of waiting per volume: one iteration each, measured in wall time.
 BENCHMARK(BM_SnapshotRealClock)

@@ -2,16 +2,18 @@
 //
 // Every buffer handed out is remembered with its size, so a free with another
 // size is caught and counted instead of corrupting the heap, and a list node
-// can release the buffers it took over. Identities live in a registry until
-// the library is unloaded. All state sits behind one mutex.
+// can release the buffers it took over. Identities live in a registry, one
+// per name, until the library is unloaded. All state sits behind one mutex.
 #include "tarn/tarnutil.h"
 
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -78,15 +80,21 @@ class UtilState final {
         std::free(buffer);
     }
 
+    // One identity per name, length and kind: asking again for the same
+    // object gives the same identity, so a long-running host does not
+    // collect a copy per call.
     tarn_objid* makeObjid(const char16_t* name, std::int32_t length, std::uint32_t kind) {
-        auto owned = std::make_unique<OwnedObjid>();
-        owned->name.assign(name, static_cast<std::size_t>(length) / 2);
-        owned->objid.name = owned->name.data();
-        owned->objid.length = length;
-        owned->objid.kind = kind;
+        ObjidKey key{kind, length, std::u16string(name, static_cast<std::size_t>(length) / 2)};
         std::lock_guard<std::mutex> lock(mutex_);
-        objids_.push_back(std::move(owned));
-        return &objids_.back()->objid;
+        std::unique_ptr<OwnedObjid>& owned = objids_[key];
+        if (owned == nullptr) {
+            owned = std::make_unique<OwnedObjid>();
+            owned->name = std::get<2>(key);
+            owned->objid.name = owned->name.data();
+            owned->objid.length = length;
+            owned->objid.kind = kind;
+        }
+        return &owned->objid;
     }
 
     std::uint64_t sizeOf(const void* buffer) {
@@ -121,7 +129,8 @@ class UtilState final {
 
     std::mutex mutex_;
     std::unordered_map<void*, std::uint64_t> buffers_;
-    std::vector<std::unique_ptr<OwnedObjid>> objids_;
+    using ObjidKey = std::tuple<std::uint32_t, std::int32_t, std::u16string>;
+    std::map<ObjidKey, std::unique_ptr<OwnedObjid>> objids_;
     std::uint64_t sizeFaults_ = 0;
     std::uint32_t failSkip_ = 0;
     std::uint32_t failCount_ = 0;

@@ -67,8 +67,8 @@ const Machine* Machine::currentOrNull(std::string* error) {
         // read once and every later call fails the same way, quickly.
         try {
             const std::filesystem::path file = currentFile();
-            if (std::getenv("FIKIV_MACHINE") == nullptr ||
-                std::getenv("FIKIV_MACHINE")[0] == '\0') {
+            const char* named = std::getenv("FIKIV_MACHINE");
+            if (named == nullptr || named[0] == '\0') {
                 writeDefault(file);
             }
             auto machine = std::make_unique<Machine>(load(file));

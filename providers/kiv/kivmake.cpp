@@ -90,7 +90,9 @@ std::int32_t KivNode::make(tarn_fi_entry* entry, void*, tarn_fi_entry** list, st
         return kTarnInvalidRequest;
     }
     std::uint32_t slots = count != 0 ? count : 1;
-    std::uint64_t bytes = std::uint64_t{slots} * sizeof(tarn_objid*);
+    // An array of identity pointers for the host.
+    std::uint64_t bytes =
+        std::uint64_t{slots} * sizeof(tarn_objid*);  // NOLINT(bugprone-sizeof-expression)
     auto* array = static_cast<tarn_objid**>(tarn_alloc_buf(bytes));
     if (array == nullptr) {
         *identities = nullptr;

@@ -86,7 +86,8 @@ std::u16string widenLine(const std::string& line) {
     std::mbstowcs(wide.data(), line.c_str(), needed + 1);
     wide.resize(needed);
     for (wchar_t character : wide) {
-        auto code = static_cast<std::uint32_t>(character);
+        // mbstowcs gives code points, never negative.
+        auto code = static_cast<std::uint32_t>(character);  // NOLINT(bugprone-signed-char-misuse)
         if (code > 0xFFFF) {
             code -= 0x10000;
             result.push_back(static_cast<char16_t>(0xD800 + (code >> 10)));

@@ -18,13 +18,13 @@ void stripKivTag(std::u16string& name) {
 
 KivHandle openVolumeByName(KivApi* api, const std::string& name) {
     std::string deviceName = name;
-    if (name.find(':') != std::string::npos) {
-        if (name.size() == 2) {
-            deviceName = "\\\\.\\" + name;
-        } else if (name.size() > 4 && !beginsWith(name, "\\\\.\\") &&
-                   !beginsWith(name, "\\\\?\\")) {
-            deviceName = "\\\\.\\" + name;
-        }
+    // A drive ("C:") or a longer name with a colon that has no device
+    // prefix yet gets "\\.\".
+    const bool drive = name.size() == 2;
+    const bool unprefixed = name.size() > 4 && !beginsWith(name, "\\\\.\\") &&
+                            !beginsWith(name, "\\\\?\\");
+    if (name.find(':') != std::string::npos && (drive || unprefixed)) {
+        deviceName = "\\\\.\\" + name;
     }
     KivHandle handle = kInvalidKivHandle;
     std::uint32_t status = KIV_Open(api, deviceName.c_str(), /*access=*/3, /*flags=*/128,

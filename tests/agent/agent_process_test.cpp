@@ -342,6 +342,30 @@ TEST_F(AgentProcessTest, FailAnswersAStatusForOneRequestCode) {
     EXPECT_EQ(exchange(orbhandle::kReleaseVolumeHandle, name).status(), 0u);
 }
 
+// A provider whose release does not reach the agent goes on to destroy the
+// snapshot; the agent must not keep the dead volume's handle for ever.
+TEST_F(AgentProcessTest, HandleToADeletedVolumeIsDroppedAtTheNextExchange) {
+    startDaemon();
+    fs::path gone = machine_.directory() / "snapshot-volume";
+    fs::path kept = makeFile("kept.img", "x");
+    fs::create_directory(gone);
+    for (const auto& [path, name] : {std::pair{gone, u"\\\\?\\Snap1:"}, {kept, u"\\\\?\\Snap2:"}}) {
+        int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        auto handle = reinterpret_cast<std::uintptr_t>(sim::handleFromFd(fd));
+        EXPECT_EQ(exchange(orbhandle::kRegisterVolumeHandle, name, handle).status(), 0u);
+        close(fd);
+    }
+    fs::remove(gone);
+    ASSERT_EQ(kivagent::readAgentStatus(state()).held.size(), 2u) << "nothing asked yet";
+
+    EXPECT_EQ(exchange(orbhandle::kRetrieveHandle, u"\\\\?\\Snap1:").status(),
+              os::ERROR_FILE_NOT_FOUND);
+    std::vector<kivagent::HeldVolume> held = kivagent::readAgentStatus(state()).held;
+    ASSERT_EQ(held.size(), 1u);
+    EXPECT_EQ(held[0].volumeName, "\\\\?\\Snap2:");
+}
+
 TEST_F(AgentProcessTest, StopSignalClosesEveryHandleAndStopsServing) {
     for (int signal : {SIGTERM, SIGINT}) {
         SCOPED_TRACE(strsignal(signal));

@@ -34,6 +34,7 @@
 #include "os/sync.h"
 #include "sim/hooks.h"
 #include "support/child_process.h"
+#include "support/leftovers.h"
 #include "support/temp_machine.h"
 
 namespace {
@@ -41,6 +42,9 @@ namespace {
 namespace fs = std::filesystem;
 using host::ProgressEvent;
 using host::WaitReason;
+using testsupport::cacheFiles;
+using testsupport::driverSets;
+using testsupport::openDescriptors;
 using testsupport::TempMachine;
 
 constexpr std::uint64_t kGiB = 1ull << 30;
@@ -85,42 +89,6 @@ CommandRun runCommand(const std::string& command) {
     return run;
 }
 
-// What each open descriptor of this process refers to, sorted.
-std::vector<std::string> openDescriptors() {
-    std::vector<std::string> open;
-    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-        std::error_code error;
-        open.push_back(fs::read_symlink(entry.path(), error).string());
-    }
-    std::sort(open.begin(), open.end());
-    return open;
-}
-
-// Cache files anywhere under the machine's directory (every volume's files
-// live there).
-std::vector<std::string> cacheFiles(const fs::path& machineDirectory) {
-    std::vector<std::string> found;
-    for (const auto& entry : fs::recursive_directory_iterator(machineDirectory)) {
-        if (entry.path().filename().string().starts_with("_tarnKivCacheFile_")) {
-            found.push_back(entry.path().string());
-        }
-    }
-    return found;
-}
-
-// The snapshot sets the driver holds for the machine.
-std::size_t driverSets(const fs::path& machineDirectory) {
-    fs::path state = machineDirectory / "machine.state" / "driver" / "state.json";
-    if (!fs::exists(state)) {
-        return 0;
-    }
-    nlohmann::json document = nlohmann::json::parse(readFile(state), nullptr, false);
-    if (document.is_discarded() || !document.contains("sets")) {
-        return 0;
-    }
-    return document["sets"].size();
-}
-
 class SnapshotEndToEndTest : public ::testing::Test {
   protected:
     void SetUp() override { machine_.emplace(e2eMachine()); }
@@ -154,14 +122,8 @@ class SnapshotEndToEndTest : public ::testing::Test {
         ASSERT_TRUE(started.isOk()) << started.toString();
     }
 
-    // The names the machine's agent holds handles for.
     std::vector<std::string> agentHolds() const {
-        std::vector<std::string> names;
-        for (const kivagent::HeldVolume& held :
-             kivagent::readAgentStatus(machine_->directory() / "machine.state").held) {
-            names.push_back(held.volumeName);
-        }
-        return names;
+        return testsupport::agentHolds(machine_->directory());
     }
 
     host::Status take(std::vector<std::string> volumes) {

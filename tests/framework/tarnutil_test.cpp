@@ -77,6 +77,21 @@ TEST(TarnObjidTest, IdentityKeepsItsOwnCopyOfTheName) {
     EXPECT_NE(identity->name, name.c_str());
 }
 
+// A host that runs snapshot after snapshot asks for the same objects again
+// and again; the registry keeps one identity for each, not one per call.
+TEST(TarnObjidTest, SameNameLengthAndKindGiveTheSameIdentity) {
+    const std::u16string name = u"<kiv>\\\\?\\Volume{2}";
+    const auto bytes = static_cast<std::int32_t>((name.size() + 1) * 2);
+    tarn_objid* first = tarn_get_objid(name.c_str(), bytes, 3);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(tarn_get_objid(name.c_str(), bytes, 3), first);
+    EXPECT_NE(tarn_get_objid(name.c_str(), bytes, 4), first) << "another kind";
+    tarn_objid* twoNuls = tarn_get_objid((name + u'\0').c_str(), bytes + 2, 3);
+    EXPECT_NE(twoNuls, first) << "another length";
+    EXPECT_EQ(twoNuls->length, bytes + 2);
+    EXPECT_EQ(tarn_objidcmp(twoNuls, first), 0) << "still the same object";
+}
+
 TEST(TarnObjidTest, RefusesNullNameAndNegativeLength) {
     EXPECT_EQ(tarn_get_objid(nullptr, 4, 3), nullptr);
     EXPECT_EQ(tarn_get_objid(u"C:", -2, 3), nullptr);

@@ -325,6 +325,8 @@ bool findVolumePath(const std::u16string& volumeName, std::u16string& path) {
         os::GetLogicalDriveStringsW(needed, drives.data());
     }
     for (std::size_t at = 0; at < drives.size() && drives[at] != u'\0';) {
+        // One root of the NUL-separated list: the copy ends at its own NUL.
+        // cppcheck-suppress stlcstrConstructor
         const std::u16string root(drives.c_str() + at);
         at += root.size() + 1;
         if (os::GetDriveTypeW(root.c_str()) != os::DRIVE_FIXED) {

@@ -1,0 +1,243 @@
+// Crashes: a host killed with SIGKILL after prepare, after make and during
+// dispose; the agent killed while it holds handles; a process killed while
+// it holds the provider mutex. After each:
+//   - the next snapshot (a new host process, C: and D:) works;
+//   - what survived is listed (snapshots in the driver, cache files, handles
+//     in the agent), and a prepared set that was never created is given up by
+//     the driver once its process is gone;
+//   - `fihost delete` with the surviving snapshot names cleans up, and then
+//     nothing is left.
+//
+//   crashes [--repeat N]   (default 10 of each)
+//
+// Prints the count of each outcome; exits 1 when a next run failed or
+// something could not be cleaned up.
+#include <signal.h>
+
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/agent_process.h"
+#include "lifecycle.h"
+#include "os/handle.h"
+#include "os/sync.h"
+#include "support/leftovers.h"
+#include "support/temp_machine.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using host::ProgressEvent;
+using host::Step;
+using robustness::ChildResult;
+
+constexpr unsigned kChildSeconds = 60;
+
+// The lifecycle of C: and D:, killed with SIGKILL when `killAt` says so.
+ChildResult killedLifecycle(std::function<bool(const ProgressEvent&)> killAt) {
+    return robustness::runInChild(
+        [&killAt] {
+            robustness::LifecycleOptions options;
+            options.volumes = {"C:", "D:"};
+            options.progress = [&killAt](const ProgressEvent& event) {
+                if (killAt(event)) {
+                    raise(SIGKILL);
+                }
+            };
+            return robustness::runLifecycle(options);
+        },
+        kChildSeconds);
+}
+
+bool stepStarts(const ProgressEvent& event, Step step) {
+    return event.kind == ProgressEvent::Kind::kStep && event.step == step;
+}
+
+struct Tally {
+    int runs = 0;
+    int killed = 0;           // the victim died by the signal as planned
+    int survivors = 0;        // runs after which something survived the crash
+    int nextRunWorked = 0;
+    int deleted = 0;          // runs whose made snapshots fihost delete had to remove
+    int cleanedUp = 0;        // nothing left after the next run and fihost delete
+    std::map<std::string, int> survived;  // what survived, by kind
+};
+
+class Crashes {
+  public:
+    Crashes() : machine_(robustness::machineWith(2)) {}
+
+    bool startAgent() {
+        agent_.emplace(KIVAGENT_PATH);
+        return agent_->start().isOk();
+    }
+
+    // After the crash: lists what survived, runs the next snapshot, deletes
+    // the survivors with fihost and checks that nothing is left.
+    void recover(Tally& tally, bool killed) {
+        ++tally.runs;
+        tally.killed += killed ? 1 : 0;
+        std::vector<std::string> left = testsupport::machineLeftovers(machine_.directory());
+        if (!left.empty()) {
+            ++tally.survivors;
+        }
+        for (const std::string& line : left) {
+            ++tally.survived[line.substr(0, line.find(' ', line.find(' ') + 1))];
+        }
+
+        ChildResult next = robustness::runInChild(
+            [] {
+                robustness::LifecycleOptions options;
+                options.volumes = {"C:", "D:"};
+                return robustness::runLifecycle(options);
+            },
+            kChildSeconds);
+        bool worked = next.report.has_value() && (*next.report)["failed"].empty() &&
+                      (*next.report)["problems"].empty();
+        if (worked) {
+            ++tally.nextRunWorked;
+        } else {
+            std::cout << "  next run: "
+                      << (next.report.has_value() ? next.report->dump() : next.ending) << "\n";
+        }
+        // What is left now are snapshots that were made: prepared sets of a
+        // process that is gone have been given up by the driver.
+        std::vector<std::string> names =
+            testsupport::driverSnapshotFields(machine_.directory(), "snapshotName");
+        if (!names.empty()) {
+            ++tally.deleted;
+            deleteWithFihost(names);
+        }
+        std::vector<std::string> after = testsupport::machineLeftovers(machine_.directory());
+        if (after.empty()) {
+            ++tally.cleanedUp;
+        } else {
+            std::cout << "  left after fihost delete: " << after.front() << "\n";
+        }
+    }
+
+    host::AgentProcess& agent() { return *agent_; }
+
+  private:
+    void deleteWithFihost(const std::vector<std::string>& names) {
+        std::string command = std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH +
+                              " delete --agent " + KIVAGENT_PATH;
+        for (const std::string& name : names) {
+            command += " '" + name + "'";
+        }
+        command += " >/dev/null 2>&1";
+        if (std::system(command.c_str()) != 0) {
+            std::cout << "  fihost delete failed: " << command << "\n";
+        }
+    }
+
+    testsupport::TempMachine machine_;
+    std::optional<host::AgentProcess> agent_;
+};
+
+void report(const char* scenario, const Tally& tally) {
+    std::cout << scenario << ": " << tally.runs << " runs, killed " << tally.killed
+              << ", something survived " << tally.survivors << ", next run worked "
+              << tally.nextRunWorked << ", made snapshots left for fihost delete " << tally.deleted
+              << ", clean in the end " << tally.cleanedUp << "\n";
+    for (const auto& [kind, count] : tally.survived) {
+        std::cout << "    survived: " << kind << " (" << count << " in all)\n";
+    }
+}
+
+bool killedBySignal(const ChildResult& result) {
+    return result.ending == std::string("crashed: ") + strsignal(SIGKILL);
+}
+
+// The agent is killed while the host holds a snapshot; a new agent serves
+// the dispose.
+bool agentKilledWhileHolding(Crashes& crashes) {
+    ChildResult result = robustness::runInChild(
+        [&crashes] {
+            robustness::LifecycleOptions options;
+            options.volumes = {"C:", "D:"};
+            options.afterTake = [&crashes] {
+                kill(crashes.agent().pid(), SIGKILL);
+            };
+            return robustness::runLifecycle(options);
+        },
+        kChildSeconds);
+    if (result.report.has_value() && !(*result.report)["failed"].empty()) {
+        std::cout << "  dispose with the agent gone: " << (*result.report)["failed"][0] << "\n";
+    }
+    // The old agent is reaped and a new one serves the machine.
+    return result.report.has_value() && crashes.startAgent();
+}
+
+// A process takes the provider mutex and is killed holding it.
+bool mutexHolderKilled() {
+    ChildResult result = robustness::runInChild(
+        [] {
+            os::HANDLE mutex = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
+            if (mutex != nullptr && os::WaitForSingleObject(mutex, 0) == os::WAIT_OBJECT_0) {
+                raise(SIGKILL);
+            }
+            return nlohmann::json::object();
+        },
+        kChildSeconds);
+    return killedBySignal(result);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int repeat = 10;
+    if (!robustness::readCounts(argc, argv, {{"--repeat", &repeat}}, "crashes [--repeat N]")) {
+        return 2;
+    }
+    Crashes crashes;
+    if (!crashes.startAgent()) {
+        std::cerr << "crashes: the agent did not start\n";
+        return 2;
+    }
+    struct Scenario {
+        const char* name;
+        std::function<bool()> crash;
+    };
+    const std::vector<Scenario> scenarios = {
+        {"host killed after prepare",
+         [] {
+             return killedBySignal(killedLifecycle(
+                 [](const ProgressEvent& event) { return stepStarts(event, Step::kQuiesce); }));
+         }},
+        {"host killed after make",
+         [] {
+             return killedBySignal(killedLifecycle(
+                 [](const ProgressEvent& event) { return stepStarts(event, Step::kUnquiesce); }));
+         }},
+        {"host killed during dispose",
+         [] {
+             // Between the first volume's dispose and the second's.
+             int disposes = 0;
+             return killedBySignal(killedLifecycle([&disposes](const ProgressEvent& event) {
+                 return stepStarts(event, Step::kDispose) && ++disposes == 2;
+             }));
+         }},
+        {"agent killed while holding handles", [&crashes] { return agentKilledWhileHolding(crashes); }},
+        {"provider mutex holder killed", [] { return mutexHolderKilled(); }},
+    };
+    int result = 0;
+    for (const Scenario& scenario : scenarios) {
+        Tally tally;
+        for (int i = 0; i < repeat; ++i) {
+            bool killed = scenario.crash();
+            crashes.recover(tally, killed);
+        }
+        report(scenario.name, tally);
+        if (tally.nextRunWorked != tally.runs || tally.cleanedUp != tally.runs ||
+            tally.killed != tally.runs) {
+            result = 1;
+        }
+    }
+    return result;
+}
