@@ -5,8 +5,8 @@
 //   - what survived is listed (snapshots in the driver, cache files, handles
 //     in the agent), and a prepared set that was never created is given up by
 //     the driver once its process is gone;
-//   - `fihost delete` with the surviving snapshot names cleans up, and then
-//     nothing is left.
+//   - `fihost list` shows the surviving snapshots and `fihost delete --all`
+//     disposes of them, and then nothing is left.
 //
 //   crashes [--repeat N]   (default 10 of each)
 //
@@ -60,11 +60,11 @@ bool stepStarts(const ProgressEvent& event, Step step) {
 
 struct Tally {
     int runs = 0;
-    int killed = 0;           // the victim died by the signal as planned
-    int survivors = 0;        // runs after which something survived the crash
+    int killed = 0;     // the victim died by the signal as planned
+    int survivors = 0;  // runs after which something survived the crash
     int nextRunWorked = 0;
-    int deleted = 0;          // runs whose made snapshots fihost delete had to remove
-    int cleanedUp = 0;        // nothing left after the next run and fihost delete
+    int deleted = 0;                      // runs whose made snapshots fihost delete had to remove
+    int cleanedUp = 0;                    // nothing left after the next run and fihost delete
     std::map<std::string, int> survived;  // what survived, by kind
 };
 
@@ -111,7 +111,7 @@ class Crashes {
             testsupport::driverSnapshotFields(machine_.directory(), "snapshotName");
         if (!names.empty()) {
             ++tally.deleted;
-            deleteWithFihost(names);
+            deleteWithFihost();
         }
         std::vector<std::string> after = testsupport::machineLeftovers(machine_.directory());
         if (after.empty()) {
@@ -124,15 +124,14 @@ class Crashes {
     host::AgentProcess& agent() { return *agent_; }
 
   private:
-    void deleteWithFihost(const std::vector<std::string>& names) {
-        std::string command = std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH +
-                              " delete --agent " + KIVAGENT_PATH;
-        for (const std::string& name : names) {
-            command += " '" + name + "'";
-        }
-        command += " >/dev/null 2>&1";
-        if (std::system(command.c_str()) != 0) {
-            std::cout << "  fihost delete failed: " << command << "\n";
+    // fihost list names what survived; fihost delete --all disposes of it.
+    void deleteWithFihost() {
+        const std::string fihost = std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH;
+        for (const std::string& command :
+             std::vector<std::string>{fihost + " list", fihost + " delete --all"}) {
+            if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
+                std::cout << "  failed: " << command << "\n";
+            }
         }
     }
 
@@ -161,9 +160,7 @@ bool agentKilledWhileHolding(Crashes& crashes) {
         [&crashes] {
             robustness::LifecycleOptions options;
             options.volumes = {"C:", "D:"};
-            options.afterTake = [&crashes] {
-                kill(crashes.agent().pid(), SIGKILL);
-            };
+            options.afterTake = [&crashes] { kill(crashes.agent().pid(), SIGKILL); };
             return robustness::runLifecycle(options);
         },
         kChildSeconds);
@@ -223,7 +220,8 @@ int main(int argc, char** argv) {
                  return stepStarts(event, Step::kDispose) && ++disposes == 2;
              }));
          }},
-        {"agent killed while holding handles", [&crashes] { return agentKilledWhileHolding(crashes); }},
+        {"agent killed while holding handles",
+         [&crashes] { return agentKilledWhileHolding(crashes); }},
         {"provider mutex holder killed", [] { return mutexHolderKilled(); }},
     };
     int result = 0;
