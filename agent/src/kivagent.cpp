@@ -170,7 +170,7 @@ int runAgent(const std::filesystem::path& state, const Options& options,
                   " exchanges are answered busy");
     }
     for (const Failure& failure : failures) {
-        log.write("test option: " + std::string(kivagent::requestName(failure.code)) +
+        log.write("test option: " + std::string(orbhandle::requestName(failure.code)) +
                   " requests (code " + std::to_string(failure.code) + ") are answered " +
                   std::to_string(failure.status) +
                   (failure.count == kivagent::Faults::kEveryRequest

@@ -194,23 +194,10 @@ Outcome handleRequest(std::span<const unsigned char> message, const Peer& peer,
     }
 }
 
-const char* requestName(std::uint32_t code) {
-    switch (code) {
-        case orbhandle::kRegisterVolumeHandle:
-            return "register";
-        case orbhandle::kRetrieveHandle:
-            return "retrieve";
-        case orbhandle::kReleaseVolumeHandle:
-            return "release";
-        default:
-            return "unknown";
-    }
-}
-
 std::string formatLogRecord(const LogRecord& record) {
     std::string line = "peer " + std::to_string(record.peerProcessId);
     if (record.hasCode) {
-        line += " code " + std::to_string(record.code) + " " + requestName(record.code);
+        line += " code " + std::to_string(record.code) + " " + orbhandle::requestName(record.code);
     } else {
         line += " code -";
     }

@@ -83,8 +83,6 @@ struct Outcome {
 Outcome handleRequest(std::span<const unsigned char> message, const Peer& peer,
                       RequestContext& context);
 
-// "register", "retrieve", "release" or "unknown".
-const char* requestName(std::uint32_t code);
 // The record as one line without time stamp or newline: peer, code, name,
 // status and note. Characters that could break the line are escaped.
 std::string formatLogRecord(const LogRecord& record);

@@ -47,6 +47,21 @@ static_assert(sizeof(Reply) == 528);
 static_assert(offsetof(Reply, processId) == 516);
 static_assert(offsetof(Reply, handle) == 520);
 
+// A request code as logs and progress lines name it: "register", "retrieve",
+// "release" or "unknown".
+inline const char* requestName(std::uint32_t code) {
+    switch (code) {
+        case kRegisterVolumeHandle:
+            return "register";
+        case kRetrieveHandle:
+            return "retrieve";
+        case kReleaseVolumeHandle:
+            return "release";
+        default:
+            return "unknown";
+    }
+}
+
 }  // namespace orbhandle
 
 #endif  // AGENT_INCLUDE_ORBHANDLE_PROTOCOL_H_

@@ -54,19 +54,6 @@ std::string nameOf(const tarn_objid* identity) {
     return toUtf8(name);
 }
 
-const char* requestName(std::uint32_t code) {
-    switch (code) {
-        case orbhandle::kRegisterVolumeHandle:
-            return "register";
-        case orbhandle::kRetrieveHandle:
-            return "retrieve";
-        case orbhandle::kReleaseVolumeHandle:
-            return "release";
-        default:
-            return "unknown request";
-    }
-}
-
 bool startsWith(std::string_view text, std::string_view prefix) {
     return text.substr(0, prefix.size()) == prefix;
 }
@@ -185,7 +172,7 @@ class SnapshotRun::Observer {
             }
         }
         std::string volume = toUtf8(request.volumeName);
-        std::string kind = requestName(request.code);
+        std::string kind = orbhandle::requestName(request.code);
         if (status == kPipeBusy) {
             busyCount_ = (kind == busyRequest_ && volume == busyVolume_) ? busyCount_ + 1 : 1;
             busyRequest_ = kind;

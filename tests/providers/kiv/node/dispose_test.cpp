@@ -16,11 +16,6 @@ constexpr std::int32_t kInvalidHandle = 6;
 const char kBusyText[] = "Retrived handle after every second for 30 times";
 const char kName[] = "<name>";  // the disposed snapshot volume's name
 
-struct Report {
-    const char* id;
-    std::vector<ReportArgument> arguments;
-};
-
 struct DisposeCase {
     const char* name;
     bool providerCannotOpen;
@@ -87,17 +82,8 @@ TEST_P(DisposeTest, ReportsWaitsAndDestroyAttempts) {
 
     EXPECT_EQ(dispose(first), row.status);
 
-    std::vector<std::string> expected;
-    for (const Report& report : row.reports) {
-        std::vector<ReportArgument> arguments;
-        for (const ReportArgument& argument : report.arguments) {
-            const auto* text = std::get_if<std::string>(&argument);
-            arguments.push_back(text != nullptr && *text == kName
-                                    ? ReportArgument(plugintest::utf8(names[0]))
-                                    : argument);
-        }
-        expected.push_back(catalogueText(report.id, arguments));
-    }
+    const std::vector<std::string> expected =
+        expectedReports(row.reports, {{kName, plugintest::utf8(names[0])}});
     EXPECT_EQ(reportsOf(takeUserMessages()), expected);
     std::vector<std::uint32_t> codes = agent.codes();
     codes.erase(codes.begin(), codes.begin() + static_cast<std::ptrdiff_t>(registrations));

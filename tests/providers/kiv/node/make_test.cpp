@@ -30,13 +30,6 @@ std::vector<std::uint32_t> joined(std::initializer_list<std::vector<std::uint32_
 
 enum class Agent { Scripted, Absent };
 
-// "<first>" and "<second>" in a report argument stand for the two snapshot
-// volumes' names.
-struct Report {
-    const char* id;
-    std::vector<ReportArgument> arguments;
-};
-
 struct RegistrationCase {
     const char* name;
     Agent agent;
@@ -95,21 +88,8 @@ TEST_P(MakeRegistrationTest, ReportsWaitsAndIdentities) {
     for (tarn_fi_entry* entry : preparedList_) {
         EXPECT_EQ(entry->node->status & 0x1, 0x1u);
     }
-    std::vector<std::string> expected;
-    for (const Report& report : row.reports) {
-        std::vector<ReportArgument> arguments;
-        for (const ReportArgument& argument : report.arguments) {
-            const auto* text = std::get_if<std::string>(&argument);
-            if (text != nullptr && *text == "<first>") {
-                arguments.emplace_back(snapshotNames_[0]);
-            } else if (text != nullptr && *text == "<second>") {
-                arguments.emplace_back(snapshotNames_[1]);
-            } else {
-                arguments.push_back(argument);
-            }
-        }
-        expected.push_back(catalogueText(report.id, arguments));
-    }
+    const std::vector<std::string> expected = expectedReports(
+        row.reports, {{"<first>", snapshotNames_[0]}, {"<second>", snapshotNames_[1]}});
     EXPECT_EQ(reportsOf(takeUserMessages()), expected);
     EXPECT_EQ(sleeps(), seconds(row.waits));
     if (agent) {

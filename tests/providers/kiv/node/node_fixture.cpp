@@ -68,6 +68,31 @@ std::string catalogueText(const char* id, const std::vector<ReportArgument>& arg
         std::u16string(result.getBuffer(), static_cast<std::size_t>(result.length())));
 }
 
+std::vector<std::string> expectedReports(const std::vector<Report>& reports,
+                                         const std::map<std::string, std::string>& placeholders) {
+    std::vector<std::string> texts;
+    for (const Report& report : reports) {
+        std::vector<ReportArgument> arguments;
+        for (const ReportArgument& argument : report.arguments) {
+            const auto* text = std::get_if<std::string>(&argument);
+            if (text == nullptr) {
+                arguments.push_back(argument);
+                continue;
+            }
+            std::string filled = *text;
+            for (const auto& [placeholder, value] : placeholders) {
+                for (std::size_t at = filled.find(placeholder); at != std::string::npos;
+                     at = filled.find(placeholder, at + value.size())) {
+                    filled.replace(at, placeholder.size(), value);
+                }
+            }
+            arguments.emplace_back(filled);
+        }
+        texts.push_back(catalogueText(report.id, arguments));
+    }
+    return texts;
+}
+
 std::vector<std::string> reportsOf(const std::vector<HostMessage>& messages) {
     std::vector<std::string> reports;
     for (const HostMessage& message : messages) {

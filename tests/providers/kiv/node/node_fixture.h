@@ -5,6 +5,7 @@
 #define TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <variant>
@@ -90,6 +91,16 @@ class NodeTest : public CoordinatorTest {
 // formatted with `arguments` (texts or 32-bit numbers), as UTF-8.
 using ReportArgument = std::variant<std::string, std::int32_t>;
 std::string catalogueText(const char* id, const std::vector<ReportArgument>& arguments);
+
+// A catalogue report a test expects: its message id and its arguments. In a
+// text argument, each key of the placeholders given to expectedReports
+// stands for a value the test learns only when it runs (a volume's name).
+struct Report {
+    const char* id;
+    std::vector<ReportArgument> arguments;
+};
+std::vector<std::string> expectedReports(const std::vector<Report>& reports,
+                                         const std::map<std::string, std::string>& placeholders);
 
 // The root texts of the catalogue reports among `messages`.
 std::vector<std::string> reportsOf(const std::vector<HostMessage>& messages);

@@ -73,13 +73,6 @@ struct Fault {
     std::uint32_t count;
 };
 
-// "<first>" and "<second>" in a report argument stand for the two sources'
-// names as the driver is asked to open them.
-struct Report {
-    const char* id;
-    std::vector<ReportArgument> arguments;
-};
-
 const std::string kRequestText =
     "\tTargets\n\t\t<first>\n\t\t<second>\n\tHints\n\t\texcludedVolumes = \n"
     "\t\tpreferredVolumes = \n\t\tinitialCacheFileSizeMB = 0\n\t\tmaxCacheFileSizeMB = 0\n"
@@ -138,17 +131,6 @@ const PrepareCase kPrepareCases[] = {
 
 class PrepareFailureTest : public NodeTest, public ::testing::WithParamInterface<PrepareCase> {};
 
-std::string withSources(const std::string& text) {
-    std::string result = text;
-    for (auto [placeholder, number] : {std::pair{"<first>", 1}, std::pair{"<second>", 6}}) {
-        for (std::size_t at = result.find(placeholder); at != std::string::npos;
-             at = result.find(placeholder)) {
-            result.replace(at, std::string(placeholder).size(), guidWithoutBackslash(number));
-        }
-    }
-    return result;
-}
-
 TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
     const PrepareCase& row = GetParam();
     start();
@@ -183,15 +165,8 @@ TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
     EXPECT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 2, row.mode), row.status);
 
     std::vector<HostMessage> messages = takeUserMessages();
-    std::vector<std::string> expected;
-    for (const Report& report : row.reports) {
-        std::vector<ReportArgument> arguments;
-        for (const ReportArgument& argument : report.arguments) {
-            const auto* text = std::get_if<std::string>(&argument);
-            arguments.push_back(text != nullptr ? ReportArgument(withSources(*text)) : argument);
-        }
-        expected.push_back(catalogueText(report.id, arguments));
-    }
+    const std::vector<std::string> expected = expectedReports(
+        row.reports, {{"<first>", guidWithoutBackslash(1)}, {"<second>", guidWithoutBackslash(6)}});
     EXPECT_EQ(reportsOf(messages), expected);
     std::vector<HostMessage> lines = plainLinesOf(messages);
     if (row.lastPlainLine == nullptr) {
