@@ -333,7 +333,7 @@ void giveUpPreparation(const sim::Machine& machine, std::uint64_t setId) {
 
 std::string nextVolumeName(const sim::Machine& machine) {
     DriverStore store(machine.stateDirectory());
-    const std::string name =
+    std::string name =
         "GLOBALROOT\\Device\\KivSnapshot" + std::to_string(store.state().nextNameNumber());
     store.commit();
     return name;
