@@ -30,6 +30,7 @@
 #include "sim/machine.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
+#include "request_bytes.h"
 
 extern char** environ;
 
@@ -59,15 +60,7 @@ Exchange sendMessage(const std::vector<unsigned char>& message) {
 std::vector<unsigned char> makeRequest(std::uint32_t code, const std::u16string& name,
                                        std::uint64_t handle = 0,
                                        os::DWORD pid = static_cast<os::DWORD>(getpid())) {
-    orbhandle::Request request{};
-    request.code = code;
-    request.processId = pid;
-    request.handle = handle;
-    std::memcpy(request.volumeName, name.data(),
-                std::min(name.size(), orbhandle::kMaxVolumeNameLength + 1) * sizeof(char16_t));
-    std::vector<unsigned char> bytes(sizeof(request));
-    std::memcpy(bytes.data(), &request, sizeof(request));
-    return bytes;
+    return requestBytes(code, pid, handle, name);
 }
 
 Exchange exchange(std::uint32_t code, const std::u16string& name, std::uint64_t handle = 0) {

@@ -13,6 +13,7 @@
 #include "handle_table.h"
 #include "orbhandle/protocol.h"
 #include "os/error.h"
+#include "request_bytes.h"
 
 namespace {
 
@@ -62,15 +63,7 @@ class FakeOperations final : public kivagent::HandleOperations {
 
 std::vector<unsigned char> makeRequest(std::uint32_t code, os::DWORD pid, std::uint64_t handle,
                                        const std::u16string& name) {
-    orbhandle::Request request{};
-    request.code = code;
-    request.processId = pid;
-    request.handle = handle;
-    std::memcpy(request.volumeName, name.data(),
-                std::min(name.size(), orbhandle::kMaxVolumeNameLength + 1) * sizeof(char16_t));
-    std::vector<unsigned char> bytes(sizeof(request));
-    std::memcpy(bytes.data(), &request, sizeof(request));
-    return bytes;
+    return requestBytes(code, pid, handle, name);
 }
 
 std::vector<unsigned char> registerRequest(const std::u16string& name, std::uint64_t handle = 16,
