@@ -41,11 +41,15 @@ TEST(FaultInjectionTest, FailsTheChosenCallsWithTheChosenCode) {
         std::uint32_t count;
         const char* pattern;
     };
+    // clang-format off
     const Row rows[] = {
-        {"NextCall", 0, 1, "F...."},        {"ThirdCall", 2, 1, "..F.."},
-        {"NextTwoAfterOne", 1, 2, ".FF.."}, {"Always", 0, sim::kAlways, "FFFFF"},
+        {"NextCall", 0, 1, "F...."},
+        {"ThirdCall", 2, 1, "..F.."},
+        {"NextTwoAfterOne", 1, 2, ".FF.."},
+        {"Always", 0, sim::kAlways, "FFFFF"},
         {"NoCall", 0, 0, "....."},
     };
+    // clang-format on
     TempMachine machine(platformtest::nestedMachine());
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);

@@ -1,5 +1,6 @@
-// UTF-8 <-> UTF-16 conversion with the Windows rules: replacement of
-// ill-formed input, the strict flags, size queries and short buffers.
+// UTF-8 <-> UTF-16 conversion with the Windows rules: argument checks, size
+// queries, short buffers and the terminator. Ill-formed input is the table of
+// support/text_cases.h, run through these functions by text_test.cpp.
 #include "os/codepage.h"
 
 #include <gtest/gtest.h>
@@ -12,162 +13,104 @@
 namespace {
 
 constexpr os::DWORD kUntouched = 0xDEADBEEF;
-
-struct ToWideRow {
-    const char* name;
-    std::string bytes;
-    int byteCount;  // -1: up to and including the terminator
-    os::DWORD flags;
-    int outputCount;
-    int expectedResult;
-    os::DWORD expectedError;  // kUntouched on success
-    std::u16string expectedUnits;
-};
+constexpr os::UINT kUtf8 = os::CP_UTF8;
+constexpr os::UINT kWestern = 1252;
 
 TEST(MultiByteToWideCharTest, Table) {
-    const ToWideRow rows[] = {
-        // Failures first: each with its own code.
-        {"null input", "", 3, 0, 8, 0, os::ERROR_INVALID_PARAMETER, u""},
-        {"zero count", "abc", 0, 0, 8, 0, os::ERROR_INVALID_PARAMETER, u""},
-        {"negative output count", "abc", 3, 0, -1, 0, os::ERROR_INVALID_PARAMETER, u""},
-        {"unknown flag", "abc", 3, 0x1, 8, 0, os::ERROR_INVALID_FLAGS, u""},
-        {"one short", "abc", 3, 0, 2, 0, os::ERROR_INSUFFICIENT_BUFFER, u""},
-        {"astral does not fit one unit", "\xF0\x9F\x98\x80", 4, 0, 1, 0,
-         os::ERROR_INSUFFICIENT_BUFFER, u""},
-        {"strict rejects lone continuation", "a\x80", 2, os::MB_ERR_INVALID_CHARS, 8, 0,
-         os::ERROR_NO_UNICODE_TRANSLATION, u""},
-        {"strict rejects overlong", "\xC0\xAF", 2, os::MB_ERR_INVALID_CHARS, 8, 0,
-         os::ERROR_NO_UNICODE_TRANSLATION, u""},
-        {"strict rejects truncated", "\xE2\x82", 2, os::MB_ERR_INVALID_CHARS, 8, 0,
-         os::ERROR_NO_UNICODE_TRANSLATION, u""},
-        // Working cases.
-        {"ascii", "abc", 3, 0, 8, 3, kUntouched, u"abc"},
-        {"exact fit", "abc", 3, 0, 3, 3, kUntouched, u"abc"},
-        {"terminator counted with -1", "ab", -1, 0, 8, 3, kUntouched, std::u16string(u"ab\0", 3)},
-        {"accented", "caf\xC3\xA9 na\xC3\xAFve", 12, 0, 16, 10, kUntouched,
-         u"caf\u00E9 na\u00EFve"},
-        {"three-byte", "\xE2\x82\xAC", 3, 0, 8, 1, kUntouched, u"\u20AC"},
-        {"astral to surrogate pair", "\xF0\x9F\x98\x80", 4, 0, 8, 2, kUntouched,
-         std::u16string{char16_t(0xD83D), char16_t(0xDE00)}},
-        {"highest code point", "\xF4\x8F\xBF\xBF", 4, 0, 8, 2, kUntouched,
-         std::u16string{char16_t(0xDBFF), char16_t(0xDFFF)}},
-        {"strict accepts valid", "\xC3\xA9", 2, os::MB_ERR_INVALID_CHARS, 8, 1, kUntouched,
-         u"\u00E9"},
-        // Ill-formed input: the table in tests/support/text_cases.h, run by
-        // tests/platform/text_test.cpp.
+    struct Row {
+        const char* name;
+        os::UINT codePage;
+        const char* bytes;
+        int byteCount;  // -1: up to and including the terminator
+        os::DWORD flags;
+        int outputCount;  // 0: a size query without output buffer
+        int result;
+        os::DWORD error;  // kUntouched on success
+        std::u16string units;
     };
-    for (const ToWideRow& row : rows) {
+    // clang-format off
+    const Row rows[] = {
+        {"NullInput",                 kUtf8,    nullptr,            3,  0,   8,  0,  os::ERROR_INVALID_PARAMETER,   u""},
+        {"ZeroCount",                 kUtf8,    "abc",              0,  0,   8,  0,  os::ERROR_INVALID_PARAMETER,   u""},
+        {"NegativeOutputCount",       kUtf8,    "abc",              3,  0,   -1, 0,  os::ERROR_INVALID_PARAMETER,   u""},
+        {"OtherCodePage",             kWestern, "abc",              3,  0,   8,  0,  os::ERROR_INVALID_PARAMETER,   u""},
+        {"UnknownFlag",               kUtf8,    "abc",              3,  0x1, 8,  0,  os::ERROR_INVALID_FLAGS,       u""},
+        {"OneShort",                  kUtf8,    "abc",              3,  0,   2,  0,  os::ERROR_INSUFFICIENT_BUFFER, u""},
+        {"AstralDoesNotFitOneUnit",   kUtf8,    "\xF0\x9F\x98\x80", 4,  0,   1,  0,  os::ERROR_INSUFFICIENT_BUFFER, u""},
+        {"Ascii",                     kUtf8,    "abc",              3,  0,   8,  3,  kUntouched,                    u"abc"},
+        {"ExactFit",                  kUtf8,    "abc",              3,  0,   3,  3,  kUntouched,                    u"abc"},
+        {"TerminatorCountedWithMinus1", kUtf8,  "ab",               -1, 0,   8,  3,  kUntouched,                    std::u16string(u"ab\0", 3)},
+        {"Accented",                  kUtf8,    "caf\xC3\xA9 na\xC3\xAFve", 12, 0, 16, 10, kUntouched,              u"caf\u00E9 na\u00EFve"},
+        {"SizeQuery",                 kUtf8,    "\xC3\x85ngstr\xC3\xB6m \xF0\x9F\x98\x80", -1, 0, 0, 12, kUntouched, u""},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         std::vector<char16_t> output(20, 0x1111);
-        const char* input = std::string(row.name) == "null input" ? nullptr : row.bytes.c_str();
         os::SetLastError(kUntouched);
-        int result = os::MultiByteToWideChar(os::CP_UTF8, row.flags, input, row.byteCount,
-                                             output.data(), row.outputCount);
-        EXPECT_EQ(result, row.expectedResult);
-        EXPECT_EQ(os::GetLastError(), row.expectedError);
-        if (result > 0) {
-            EXPECT_EQ(std::u16string(output.data(), static_cast<std::size_t>(result)),
-                      row.expectedUnits);
+        const int result =
+            os::MultiByteToWideChar(row.codePage, row.flags, row.bytes, row.byteCount,
+                                    row.outputCount ? output.data() : nullptr, row.outputCount);
+        EXPECT_EQ(result, row.result);
+        EXPECT_EQ(os::GetLastError(), row.error);
+        if (row.outputCount > 0 && result > 0) {
+            EXPECT_EQ(std::u16string(output.data(), static_cast<std::size_t>(result)), row.units);
         }
-        std::size_t firstUnwritten = row.outputCount > 0 ? row.outputCount : 0;
-        for (std::size_t i = firstUnwritten; i < output.size(); ++i) {
+        for (std::size_t i = std::max(row.outputCount, 0); i < output.size(); ++i) {
             ASSERT_EQ(output[i], 0x1111) << "unit " << i << " written past the stated length";
         }
     }
 }
 
-TEST(MultiByteToWideCharTest, SizeQueryMatchesConversion) {
-    const char* text = "\xC3\x85ngstr\xC3\xB6m \xF0\x9F\x98\x80";
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::MultiByteToWideChar(os::CP_UTF8, 0, text, -1, nullptr, 0), 12);
-    EXPECT_EQ(os::GetLastError(), kUntouched);
-}
-
-TEST(MultiByteToWideCharTest, OnlyUtf8IsSupported) {
-    char16_t output[8];
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::MultiByteToWideChar(1252, 0, "abc", 3, output, 8), 0);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
-}
-
-struct ToNarrowRow {
-    const char* name;
-    std::u16string units;
-    int unitCount;
-    os::DWORD flags;
-    int outputCount;
-    int expectedResult;
-    os::DWORD expectedError;
-    std::string expectedBytes;
-};
-
 TEST(WideCharToMultiByteTest, Table) {
-    const char16_t highAlone = 0xD800;
-    const char16_t lowAlone = 0xDC00;
-    const ToNarrowRow rows[] = {
-        {"zero count", u"abc", 0, 0, 8, 0, os::ERROR_INVALID_PARAMETER, ""},
-        {"unknown flag", u"abc", 3, 0x400, 8, 0, os::ERROR_INVALID_FLAGS, ""},
-        {"one short", u"\u00E9", 1, 0, 1, 0, os::ERROR_INSUFFICIENT_BUFFER, ""},
-        {"strict rejects lone high", std::u16string{u'a', highAlone}, 2, os::WC_ERR_INVALID_CHARS,
-         8, 0, os::ERROR_NO_UNICODE_TRANSLATION, ""},
-        {"strict rejects lone low", std::u16string{lowAlone}, 1, os::WC_ERR_INVALID_CHARS, 8, 0,
-         os::ERROR_NO_UNICODE_TRANSLATION, ""},
-        {"ascii", u"abc", 3, 0, 8, 3, kUntouched, "abc"},
-        {"exact fit", u"\u00E9", 1, 0, 2, 2, kUntouched, "\xC3\xA9"},
-        {"terminator counted with -1", u"ab", -1, 0, 8, 3, kUntouched, std::string("ab\0", 3)},
-        {"surrogate pair", std::u16string{char16_t(0xD83D), char16_t(0xDE00)}, 2, 0, 8, 4,
-         kUntouched, "\xF0\x9F\x98\x80"},
-        {"lone high", std::u16string{u'a', highAlone, u'b'}, 3, 0, 8, 5, kUntouched,
-         "a\xEF\xBF\xBD"
-         "b"},
-        {"lone low", std::u16string{lowAlone}, 1, 0, 8, 3, kUntouched, "\xEF\xBF\xBD"},
-        {"reversed pair", std::u16string{lowAlone, highAlone}, 2, 0, 8, 6, kUntouched,
-         "\xEF\xBF\xBD\xEF\xBF\xBD"},
-        {"pair split by the count", std::u16string{char16_t(0xD83D), char16_t(0xDE00)}, 1, 0, 8, 3,
-         kUntouched, "\xEF\xBF\xBD"},
+    struct Row {
+        const char* name;
+        os::UINT codePage;
+        const char16_t* units;
+        int unitCount;  // -1: up to and including the terminator
+        os::DWORD flags;
+        int outputCount;  // 0: a size query without output buffer
+        bool defaultChar;  // passes a default character
+        bool usedDefault;  // asks whether it was used
+        int result;
+        os::DWORD error;  // kUntouched on success
+        std::string bytes;
     };
-    for (const ToNarrowRow& row : rows) {
+    // clang-format off
+    const Row rows[] = {
+        {"NullInput",                   kUtf8,    nullptr,               3,  0,     0, false, false, 0,  os::ERROR_INVALID_PARAMETER,   ""},
+        {"ZeroCount",                   kUtf8,    u"abc",                0,  0,     8, false, false, 0,  os::ERROR_INVALID_PARAMETER,   ""},
+        {"OtherCodePage",               kWestern, u"abc",                3,  0,     0, false, false, 0,  os::ERROR_INVALID_PARAMETER,   ""},
+        {"DefaultCharacterForUtf8",     kUtf8,    u"a",                  1,  0,     8, true,  false, 0,  os::ERROR_INVALID_PARAMETER,   ""},
+        {"UsedDefaultForUtf8",          kUtf8,    u"a",                  1,  0,     8, false, true,  0,  os::ERROR_INVALID_PARAMETER,   ""},
+        {"UnknownFlag",                 kUtf8,    u"abc",                3,  0x400, 8, false, false, 0,  os::ERROR_INVALID_FLAGS,       ""},
+        {"OneShort",                    kUtf8,    u"\u00E9",             1,  0,     1, false, false, 0,  os::ERROR_INSUFFICIENT_BUFFER, ""},
+        {"Ascii",                       kUtf8,    u"abc",                3,  0,     8, false, false, 3,  kUntouched,                    "abc"},
+        {"ExactFit",                    kUtf8,    u"\u00E9",             1,  0,     2, false, false, 2,  kUntouched,                    "\xC3\xA9"},
+        {"TerminatorCountedWithMinus1", kUtf8,    u"ab",                 -1, 0,     8, false, false, 3,  kUntouched,                    std::string("ab\0", 3)},
+        {"PairSplitByTheCount",         kUtf8,    u"\xD83D\xDE00",       1,  0,     8, false, false, 3,  kUntouched,                    "\xEF\xBF\xBD"},
+        {"SizeQuery",                   kUtf8,    u"\u00C5ngstr\u00F6m", -1, 0,     0, false, false, 11, kUntouched,                    ""},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         std::vector<char> output(20, 0x11);
+        const char replacement = '?';
+        os::BOOL used = os::FALSE;
         os::SetLastError(kUntouched);
-        int result =
-            os::WideCharToMultiByte(os::CP_UTF8, row.flags, row.units.c_str(), row.unitCount,
-                                    output.data(), row.outputCount, nullptr, nullptr);
-        EXPECT_EQ(result, row.expectedResult);
-        EXPECT_EQ(os::GetLastError(), row.expectedError);
-        if (result > 0) {
-            EXPECT_EQ(std::string(output.data(), static_cast<std::size_t>(result)),
-                      row.expectedBytes);
+        const int result = os::WideCharToMultiByte(
+            row.codePage, row.flags, row.units, row.unitCount,
+            row.outputCount ? output.data() : nullptr, row.outputCount,
+            row.defaultChar ? &replacement : nullptr, row.usedDefault ? &used : nullptr);
+        EXPECT_EQ(result, row.result);
+        EXPECT_EQ(os::GetLastError(), row.error);
+        if (row.outputCount > 0 && result > 0) {
+            EXPECT_EQ(std::string(output.data(), static_cast<std::size_t>(result)), row.bytes);
         }
         for (std::size_t i = static_cast<std::size_t>(row.outputCount); i < output.size(); ++i) {
             ASSERT_EQ(output[i], 0x11) << "byte " << i << " written past the stated length";
         }
     }
-}
-
-TEST(WideCharToMultiByteTest, DefaultCharacterIsRefusedForUtf8) {
-    char output[8];
-    const char replacement = '?';
-    os::BOOL used = os::FALSE;
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::WideCharToMultiByte(os::CP_UTF8, 0, u"a", 1, output, 8, &replacement, nullptr),
-              0);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::WideCharToMultiByte(os::CP_UTF8, 0, u"a", 1, output, 8, nullptr, &used), 0);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
-}
-
-TEST(WideCharToMultiByteTest, SizeQueryAndOtherCodePages) {
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::WideCharToMultiByte(os::CP_UTF8, 0, u"\u00C5ngstr\u00F6m", -1, nullptr, 0,
-                                      nullptr, nullptr),
-              11);
-    EXPECT_EQ(os::GetLastError(), kUntouched);
-    EXPECT_EQ(os::WideCharToMultiByte(1252, 0, u"abc", 3, nullptr, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(os::WideCharToMultiByte(os::CP_UTF8, 0, nullptr, 3, nullptr, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
 }
 
 }  // namespace

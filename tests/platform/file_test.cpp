@@ -5,6 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -15,176 +18,170 @@
 #include "os/volume.h"
 #include "platform_test_util.h"
 #include "sim/handles.h"
-#include "sim/machine.h"
 #include "support/temp_machine.h"
 
 namespace {
 
+using platformtest::kNone;
 using platformtest::kUntouched;
-using platformtest::wide;
 using testsupport::TempMachine;
 
-constexpr os::DWORD kNone = 0;
+// The nested machine with C:\ kept in disks/c, which holds
+// C:\Folder\Report.TXT (5 bytes), C:\Folder\cache.kiv and a file C:\plain.
+nlohmann::json machineWithFiles() {
+    nlohmann::json description = platformtest::nestedMachine();
+    description["volumes"][0]["backingDirectory"] = "disks/c";
+    return description;
+}
 
 class FileTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        // C:\Folder\Report.TXT and C:\Folder\cache.kiv, a file C:\plain.
-        const std::filesystem::path c = backing(0);
+        const std::filesystem::path c = machine_.directory() / "disks" / "c";
         std::filesystem::create_directories(c / "Folder");
         std::ofstream(c / "Folder" / "Report.TXT") << "12345";
         std::ofstream(c / "Folder" / "cache.kiv") << "";
         std::ofstream(c / "plain") << "x";
     }
 
-    static std::filesystem::path backing(int index) {
-        return sim::Machine::current().volumes()[static_cast<std::size_t>(index)].backingDirectory;
-    }
-
-    TempMachine machine_{platformtest::nestedMachine()};
+    TempMachine machine_{machineWithFiles()};
 };
 
 TEST_F(FileTest, GetFileAttributesRows) {
-    std::string longPath = "C:\\";
+    std::u16string longPath = u"C:\\";
     for (int i = 0; i < 51; ++i) {
-        longPath += "abcd\\";
+        longPath += u"abcd\\";
     }
-    longPath += "xy";  // 260 characters
+    longPath += u"xy";  // 260 characters
+    const std::u16string longForm = u"\\\\?\\" + longPath;
+    constexpr os::DWORD kInvalid = os::INVALID_FILE_ATTRIBUTES;
     struct Row {
         const char* name;
-        std::string path;
-        os::DWORD attributes;  // INVALID_FILE_ATTRIBUTES: fails with `error`
+        const char16_t* path;
+        os::DWORD attributes;  // kInvalid: fails with `error`
         os::DWORD error;
     };
+    // clang-format off
     const Row rows[] = {
-        {"DriveRoot", "C:\\", os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
-        {"Folder", "C:\\Folder", os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
-        {"FolderWrongCase", "c:\\FOLDER\\", os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
-        {"FileWrongCase", "C:\\folder\\report.txt", os::FILE_ATTRIBUTE_NORMAL, kUntouched},
-        {"MountFolder", "C:\\mnt\\data", os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
-        {"FolderHoldingMountPoint", "C:\\mnt", os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
-        {"MissingFile", "C:\\Folder\\absent.txt", os::INVALID_FILE_ATTRIBUTES,
-         os::ERROR_FILE_NOT_FOUND},
-        {"MissingParent", "C:\\absent\\file.txt", os::INVALID_FILE_ATTRIBUTES,
-         os::ERROR_PATH_NOT_FOUND},
-        {"FileAsParent", "C:\\plain\\file.txt", os::INVALID_FILE_ATTRIBUTES,
-         os::ERROR_PATH_NOT_FOUND},
-        {"FileIsNotOnTheMountedVolume", "C:\\mnt\\data\\plain", os::INVALID_FILE_ATTRIBUTES,
-         os::ERROR_FILE_NOT_FOUND},
-        {"AbsentDrive", "Q:\\x", os::INVALID_FILE_ATTRIBUTES, os::ERROR_PATH_NOT_FOUND},
-        {"RawVolume", "E:\\x", os::INVALID_FILE_ATTRIBUTES, os::ERROR_UNRECOGNIZED_VOLUME},
-        {"DriveWithoutDisc", "F:\\x", os::INVALID_FILE_ATTRIBUTES, os::ERROR_NOT_READY},
-        {"Wildcard", "C:\\Folder\\*", os::INVALID_FILE_ATTRIBUTES, os::ERROR_INVALID_NAME},
-        {"ForbiddenCharacter", "C:\\a|b", os::INVALID_FILE_ATTRIBUTES, os::ERROR_INVALID_NAME},
-        {"Empty", "", os::INVALID_FILE_ATTRIBUTES, os::ERROR_PATH_NOT_FOUND},
-        {"TooLong", longPath, os::INVALID_FILE_ATTRIBUTES, os::ERROR_FILENAME_EXCED_RANGE},
-        {"LongFormIsNotLimited", "\\\\?\\" + longPath, os::INVALID_FILE_ATTRIBUTES,
-         os::ERROR_PATH_NOT_FOUND},
+        {"DriveRoot",                   u"C:\\",                    os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"Folder",                      u"C:\\Folder",              os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"FolderWrongCase",             u"c:\\FOLDER\\",            os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"FileWrongCase",               u"C:\\folder\\report.txt",  os::FILE_ATTRIBUTE_NORMAL,    kUntouched},
+        {"MountFolder",                 u"C:\\mnt\\data",           os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"FolderHoldingMountPoint",     u"C:\\mnt",                 os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"DoubledSeparatorsAndDots",    u"C:\\\\Folder\\.\\\\Report.TXT", os::FILE_ATTRIBUTE_NORMAL,  kUntouched},
+        {"DotDotStopsAtRoot",           u"C:\\..\\..\\Folder",      os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"DeviceForm",                  u"\\\\?\\C:\\Folder",       os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"GuidForm",                    VOLUME_GUID("1") u"Folder",  os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
+        {"GuidWithoutSeparator",        u"\\\\?\\Volume{00000000-0000-0000-0000-000000000001}x", kInvalid, os::ERROR_PATH_NOT_FOUND},
+        {"MissingFile",                 u"C:\\Folder\\absent.txt",  kInvalid, os::ERROR_FILE_NOT_FOUND},
+        {"MissingParent",               u"C:\\absent\\file.txt",    kInvalid, os::ERROR_PATH_NOT_FOUND},
+        {"FileAsParent",                u"C:\\plain\\file.txt",     kInvalid, os::ERROR_PATH_NOT_FOUND},
+        {"FileIsNotOnTheMountedVolume", u"C:\\mnt\\data\\plain",    kInvalid, os::ERROR_FILE_NOT_FOUND},
+        {"AbsentDrive",                 u"Q:\\x",                   kInvalid, os::ERROR_PATH_NOT_FOUND},
+        {"RawVolume",                   u"E:\\x",                   kInvalid, os::ERROR_UNRECOGNIZED_VOLUME},
+        {"DriveWithoutDisc",            u"F:\\x",                   kInvalid, os::ERROR_NOT_READY},
+        {"Wildcard",                    u"C:\\Folder\\*",           kInvalid, os::ERROR_INVALID_NAME},
+        {"ForbiddenCharacter",          u"C:\\a|b",                 kInvalid, os::ERROR_INVALID_NAME},
+        {"Empty",                       u"",                        kInvalid, os::ERROR_PATH_NOT_FOUND},
+        {"Null",                        nullptr,                    kInvalid, os::ERROR_INVALID_PARAMETER},
+        {"TooLong",                     longPath.c_str(),           kInvalid, os::ERROR_FILENAME_EXCED_RANGE},
+        {"LongFormIsNotLimited",        longForm.c_str(),           kInvalid, os::ERROR_PATH_NOT_FOUND},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        const std::u16string path = wide(row.path);
         os::SetLastError(kUntouched);
-        EXPECT_EQ(os::GetFileAttributesW(path.c_str()), row.attributes);
+        EXPECT_EQ(os::GetFileAttributesW(row.path), row.attributes);
         EXPECT_EQ(os::GetLastError(), row.error);
     }
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::GetFileAttributesW(nullptr), os::INVALID_FILE_ATTRIBUTES);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(FileTest, CreateDirectoryRows) {
     struct Row {
         const char* name;
-        const char* path;
-        os::DWORD error;  // kNone: succeeds
-        int volume;       // where the new folder lands
-        const char* onDisk;
+        const char16_t* path;
+        os::DWORD error;          // kNone: succeeds
+        const char16_t* landsAt;  // the new folder through its volume's GUID path
     };
+    // clang-format off
     const Row rows[] = {
-        {"NewFolder", "C:\\New", kNone, 0, "New"},
-        {"TrailingBackslash", "C:\\Folder\\Sub\\", kNone, 0, "Folder/Sub"},
-        {"InsideMountedVolume", "C:\\mnt\\data\\Cache", kNone, 1, "Cache"},
-        {"ExistingWrongCase", "C:\\FOLDER", os::ERROR_ALREADY_EXISTS, 0, nullptr},
-        {"ExistingFile", "C:\\plain", os::ERROR_ALREADY_EXISTS, 0, nullptr},
-        {"DriveRoot", "C:\\", os::ERROR_ALREADY_EXISTS, 0, nullptr},
-        {"MountPoint", "C:\\mnt\\data\\", os::ERROR_ALREADY_EXISTS, 0, nullptr},
-        {"TwoLevelsMissing", "C:\\x\\y", os::ERROR_PATH_NOT_FOUND, 0, nullptr},
-        {"ParentIsAFile", "C:\\plain\\y", os::ERROR_PATH_NOT_FOUND, 0, nullptr},
-        {"AbsentDrive", "Q:\\x", os::ERROR_PATH_NOT_FOUND, 0, nullptr},
-        {"Empty", "", os::ERROR_PATH_NOT_FOUND, 0, nullptr},
-        {"ForbiddenCharacter", "C:\\a\"b", os::ERROR_INVALID_NAME, 0, nullptr},
-        {"Wildcard", "C:\\a*", os::ERROR_INVALID_NAME, 0, nullptr},
-        {"RawVolume", "E:\\x", os::ERROR_UNRECOGNIZED_VOLUME, 0, nullptr},
+        {"NewFolder",           u"C:\\New",              kNone,                         VOLUME_GUID("1") u"New"},
+        {"TrailingBackslash",   u"C:\\Folder\\Sub\\",    kNone,                         VOLUME_GUID("1") u"Folder\\Sub"},
+        {"InsideMountedVolume", u"C:\\mnt\\data\\Cache", kNone,                         VOLUME_GUID("2") u"Cache"},
+        {"ExistingWrongCase",   u"C:\\FOLDER",           os::ERROR_ALREADY_EXISTS,      nullptr},
+        {"ExistingFile",        u"C:\\plain",            os::ERROR_ALREADY_EXISTS,      nullptr},
+        {"DriveRoot",           u"C:\\",                 os::ERROR_ALREADY_EXISTS,      nullptr},
+        {"MountPoint",          u"C:\\mnt\\data\\",      os::ERROR_ALREADY_EXISTS,      nullptr},
+        {"TwoLevelsMissing",    u"C:\\x\\y",             os::ERROR_PATH_NOT_FOUND,      nullptr},
+        {"ParentIsAFile",       u"C:\\plain\\y",         os::ERROR_PATH_NOT_FOUND,      nullptr},
+        {"AbsentDrive",         u"Q:\\x",                os::ERROR_PATH_NOT_FOUND,      nullptr},
+        {"Empty",               u"",                     os::ERROR_PATH_NOT_FOUND,      nullptr},
+        {"Null",                nullptr,                 os::ERROR_PATH_NOT_FOUND,      nullptr},
+        {"ForbiddenCharacter",  u"C:\\a\"b",             os::ERROR_INVALID_NAME,        nullptr},
+        {"Wildcard",            u"C:\\a*",               os::ERROR_INVALID_NAME,        nullptr},
+        {"RawVolume",           u"E:\\x",                os::ERROR_UNRECOGNIZED_VOLUME, nullptr},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        const std::u16string path = wide(row.path);
         os::SetLastError(kUntouched);
-        const os::BOOL result = os::CreateDirectoryW(path.c_str(), nullptr);
-        if (row.error != kNone) {
-            EXPECT_FALSE(result);
-            EXPECT_EQ(os::GetLastError(), row.error);
-            continue;
+        EXPECT_EQ(os::CreateDirectoryW(row.path, nullptr) != 0, row.error == kNone);
+        EXPECT_EQ(os::GetLastError(), row.error == kNone ? kUntouched : row.error);
+        if (row.landsAt != nullptr) {
+            EXPECT_EQ(os::GetFileAttributesW(row.landsAt), os::FILE_ATTRIBUTE_DIRECTORY);
         }
-        EXPECT_TRUE(result);
-        EXPECT_EQ(os::GetLastError(), kUntouched);
-        EXPECT_TRUE(std::filesystem::is_directory(backing(row.volume) / row.onDisk));
-        EXPECT_EQ(os::GetFileAttributesW(path.c_str()), os::FILE_ATTRIBUTE_DIRECTORY);
     }
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::CreateDirectoryW(nullptr, nullptr));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_PATH_NOT_FOUND);
 }
 
-std::vector<std::u16string> findAll(const std::u16string& pattern, os::DWORD* error) {
+// The names a file search gives, and the error after the last one (or of
+// the first call when nothing matches).
+std::vector<std::u16string> findAll(const char16_t* pattern, os::DWORD* error) {
     std::vector<std::u16string> names;
     os::WIN32_FIND_DATAW data{};
     os::SetLastError(kUntouched);
-    os::HANDLE find = os::FindFirstFileW(pattern.c_str(), &data);
-    if (find == os::INVALID_HANDLE_VALUE) {
-        *error = os::GetLastError();
-        return names;
+    os::HANDLE find = os::FindFirstFileW(pattern, &data);
+    if (find != os::INVALID_HANDLE_VALUE) {
+        do {
+            names.emplace_back(data.cFileName);
+        } while (os::FindNextFileW(find, &data));
     }
-    do {
-        names.emplace_back(data.cFileName);
-    } while (os::FindNextFileW(find, &data));
     *error = os::GetLastError();
-    EXPECT_TRUE(os::FindClose(find));
+    if (find != os::INVALID_HANDLE_VALUE) {
+        EXPECT_TRUE(os::FindClose(find));
+    }
     return names;
 }
 
 TEST_F(FileTest, FindFileRows) {
+    ASSERT_TRUE(os::CreateDirectoryW(u"C:\\FOLDER\\Sub", nullptr));
     struct Row {
         const char* name;
-        const char* pattern;
+        const char16_t* pattern;
         std::vector<std::u16string> names;
-        os::DWORD error;  // after the last name, or of the first call
+        os::DWORD error;
     };
+    // clang-format off
     const Row rows[] = {
-        {"ExactNameGivesSpellingOnDisk",
-         "c:\\folder\\REPORT.txt",
-         {u"Report.TXT"},
-         os::ERROR_NO_MORE_FILES},
-        {"FolderIsFound", "C:\\Folder", {u"Folder"}, os::ERROR_NO_MORE_FILES},
-        {"MountFolderIsFound", "C:\\mnt\\data", {u"data"}, os::ERROR_NO_MORE_FILES},
-        {"StarListsInNameOrder",
-         "C:\\Folder\\*",
-         {u"cache.kiv", u"Report.TXT"},
-         os::ERROR_NO_MORE_FILES},
-        {"PatternIgnoresCase", "C:\\Folder\\*.KIV", {u"cache.kiv"}, os::ERROR_NO_MORE_FILES},
-        {"QuestionMark", "C:\\Folder\\Report.tx?", {u"Report.TXT"}, os::ERROR_NO_MORE_FILES},
-        {"NoMatch", "C:\\Folder\\*.dat", {}, os::ERROR_FILE_NOT_FOUND},
-        {"MissingFile", "C:\\Folder\\_tarnKivCacheFile_0.KIV", {}, os::ERROR_FILE_NOT_FOUND},
-        {"MissingFolder", "C:\\absent\\x", {}, os::ERROR_PATH_NOT_FOUND},
-        {"TrailingBackslash", "C:\\Folder\\", {}, os::ERROR_FILE_NOT_FOUND},
-        {"DriveRoot", "C:\\", {}, os::ERROR_FILE_NOT_FOUND},
-        {"Empty", "", {}, os::ERROR_PATH_NOT_FOUND},
+        {"ExactNameGivesSpellingOnDisk", u"c:\\folder\\REPORT.txt",    {u"Report.TXT"},                  os::ERROR_NO_MORE_FILES},
+        {"FolderIsFound",                u"C:\\Folder",                {u"Folder"},                      os::ERROR_NO_MORE_FILES},
+        {"MountFolderIsFound",           u"C:\\mnt\\data",             {u"data"},                        os::ERROR_NO_MORE_FILES},
+        {"StarListsInNameOrder",         u"C:\\Folder\\*",             {u"cache.kiv", u"Report.TXT", u"Sub"}, os::ERROR_NO_MORE_FILES},
+        {"NewFolderJoinedTheOldOne",     u"C:\\*",                     {u"Folder", u"mnt", u"plain"},    os::ERROR_NO_MORE_FILES},
+        {"PatternIgnoresCase",           u"C:\\Folder\\*.KIV",         {u"cache.kiv"},                   os::ERROR_NO_MORE_FILES},
+        {"QuestionMark",                 u"C:\\Folder\\Report.tx?",    {u"Report.TXT"},                  os::ERROR_NO_MORE_FILES},
+        {"NoMatch",                      u"C:\\Folder\\*.dat",         {},                               os::ERROR_FILE_NOT_FOUND},
+        {"MissingFile",                  u"C:\\Folder\\_tarnKivCacheFile_0.KIV", {},                     os::ERROR_FILE_NOT_FOUND},
+        {"MissingFolder",                u"C:\\absent\\x",             {},                               os::ERROR_PATH_NOT_FOUND},
+        {"TrailingBackslash",            u"C:\\Folder\\",              {},                               os::ERROR_FILE_NOT_FOUND},
+        {"DriveRoot",                    u"C:\\",                      {},                               os::ERROR_FILE_NOT_FOUND},
+        {"Empty",                        u"",                          {},                               os::ERROR_PATH_NOT_FOUND},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         os::DWORD error = kNone;
-        EXPECT_EQ(findAll(wide(row.pattern), &error), row.names);
+        EXPECT_EQ(findAll(row.pattern, &error), row.names);
         EXPECT_EQ(error, row.error);
     }
 }
@@ -201,20 +198,16 @@ TEST_F(FileTest, FindDataDescribesTheFile) {
                                   data.ftLastWriteTime.dwLowDateTime;
     EXPECT_GT(written, 132223104000000000ull);
 
-    // Search handles have their own closer.
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::CloseHandle(find));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::FindVolumeClose(find));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    // Search handles have their own closer, which works once.
+    const auto failsOnHandle = [](auto call) {
+        os::SetLastError(kUntouched);
+        return !call() && os::GetLastError() == os::ERROR_INVALID_HANDLE;
+    };
+    EXPECT_TRUE(failsOnHandle([&] { return os::CloseHandle(find); }));
+    EXPECT_TRUE(failsOnHandle([&] { return os::FindVolumeClose(find); }));
     EXPECT_TRUE(os::FindClose(find));
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::FindClose(find));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::FindNextFileW(find, &data));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(failsOnHandle([&] { return os::FindClose(find); }));
+    EXPECT_TRUE(failsOnHandle([&] { return os::FindNextFileW(find, &data); }));
 }
 
 TEST(DescriptorHandleTest, PipeReadWriteAndBrokenEnds) {
@@ -222,6 +215,7 @@ TEST(DescriptorHandleTest, PipeReadWriteAndBrokenEnds) {
     ASSERT_EQ(pipe(ends), 0);
     os::HANDLE reader = sim::handleFromFd(ends[0]);
     os::HANDLE writer = sim::handleFromFd(ends[1]);
+    EXPECT_EQ(reader, reinterpret_cast<os::HANDLE>(std::uintptr_t(ends[0] + 1) * 4));
     EXPECT_EQ(sim::fdFromHandle(reader), ends[0]);
 
     os::DWORD count = 99;
@@ -229,8 +223,7 @@ TEST(DescriptorHandleTest, PipeReadWriteAndBrokenEnds) {
     EXPECT_EQ(count, 5u);
     char buffer[8] = {};
     ASSERT_TRUE(os::ReadFile(reader, buffer, sizeof(buffer), &count, nullptr));
-    EXPECT_EQ(count, 5u);
-    EXPECT_EQ(std::string(buffer, 5), "hello");
+    EXPECT_EQ(std::string(buffer, count), "hello");
 
     struct Row {
         const char* name;
@@ -239,13 +232,15 @@ TEST(DescriptorHandleTest, PipeReadWriteAndBrokenEnds) {
         void* overlapped;
         os::DWORD error;
     };
+    const os::HANDLE tableHandle = reinterpret_cast<os::HANDLE>(std::uintptr_t{0x40000000});
+    // clang-format off
     const Row rows[] = {
-        {"NullHandle", nullptr, false, nullptr, os::ERROR_INVALID_HANDLE},
-        {"TableHandleIsNoDescriptor", reinterpret_cast<os::HANDLE>(std::uintptr_t{0x40000000}),
-         false, nullptr, os::ERROR_INVALID_HANDLE},
-        {"NullCount", reader, true, nullptr, os::ERROR_INVALID_PARAMETER},
-        {"Overlapped", reader, false, buffer, os::ERROR_NOT_SUPPORTED},
+        {"NullHandle",                nullptr,     false, nullptr, os::ERROR_INVALID_HANDLE},
+        {"TableHandleIsNoDescriptor", tableHandle, false, nullptr, os::ERROR_INVALID_HANDLE},
+        {"NullCount",                 reader,      true,  nullptr, os::ERROR_INVALID_PARAMETER},
+        {"Overlapped",                reader,      false, buffer,  os::ERROR_NOT_SUPPORTED},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         os::SetLastError(kUntouched);
@@ -268,7 +263,7 @@ TEST(DescriptorHandleTest, PipeReadWriteAndBrokenEnds) {
     // The reader goes: writing fails with a code instead of killing the process.
     ASSERT_EQ(pipe(ends), 0);
     ::close(ends[0]);
-    signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
     os::SetLastError(kUntouched);
     EXPECT_FALSE(os::WriteFile(sim::handleFromFd(ends[1]), "x", 1, &count, nullptr));
     EXPECT_EQ(os::GetLastError(), os::ERROR_NO_DATA);
@@ -279,21 +274,20 @@ TEST(DescriptorHandleTest, FileReadStopsOnlyAtTheEnd) {
     char path[] = "/tmp/fikiv-read-XXXXXX";
     const int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
+    unlink(path);
+    const os::HANDLE file = sim::handleFromFd(fd);
     const std::string content(100000, 'k');
     os::DWORD count = 0;
-    ASSERT_TRUE(os::WriteFile(sim::handleFromFd(fd), content.data(),
-                              static_cast<os::DWORD>(content.size()), &count, nullptr));
-    EXPECT_EQ(count, content.size());
+    ASSERT_TRUE(os::WriteFile(file, content.data(), 100000, &count, nullptr));
+    EXPECT_EQ(count, 100000u);
     ASSERT_EQ(lseek(fd, 0, SEEK_SET), 0);
     std::string back(content.size() + 10, '\0');
-    ASSERT_TRUE(os::ReadFile(sim::handleFromFd(fd), back.data(),
-                             static_cast<os::DWORD>(back.size()), &count, nullptr));
-    EXPECT_EQ(count, content.size());
+    ASSERT_TRUE(os::ReadFile(file, back.data(), 100010, &count, nullptr));
+    EXPECT_EQ(count, 100000u);
     // At the end of a file a read succeeds with nothing.
-    ASSERT_TRUE(os::ReadFile(sim::handleFromFd(fd), back.data(), 10, &count, nullptr));
+    ASSERT_TRUE(os::ReadFile(file, back.data(), 10, &count, nullptr));
     EXPECT_EQ(count, 0u);
-    EXPECT_TRUE(os::CloseHandle(sim::handleFromFd(fd)));
-    unlink(path);
+    EXPECT_TRUE(os::CloseHandle(file));
 }
 
 }  // namespace

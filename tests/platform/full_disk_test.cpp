@@ -1,5 +1,6 @@
 // The machine's files on a file system that is full, and the default
-// machine's fallback directory under /tmp, where anyone may plant names.
+// machine's fallback directory under /tmp, where anyone may plant names. The
+// default machine is the simulation's own, so those cases ask sim::Machine.
 //
 // Each case runs in a child process with a mount namespace of its own and a
 // small tmpfs mounted where the case needs it, so nothing is filled or planted
@@ -24,7 +25,9 @@
 #include "os/handle.h"
 #include "os/sync.h"
 #include "sim/machine.h"
+#include "platform_test_util.h"
 #include "support/child_process.h"
+#include "support/temp_machine.h"
 
 namespace {
 
@@ -91,24 +94,22 @@ FIKIV_CHILD_ROLE(mutexOnFullDisk) {
     if (!mountSmallTmpfs(directory)) {
         return kCannotMount;
     }
-    const fs::path file = directory / "machine.json";
-    std::ofstream(file) << R"({"volumes": [{"guid": "{00000000-0000-0000-0000-000000000001}",
-                                           "paths": ["C:\\"]}]})";
-    setenv("FIKIV_MACHINE", file.c_str(), 1);
-    sim::Machine::reset();
-    int failures = 0;
+    setenv("TMPDIR", directory.c_str(), 1);  // the machine's directory goes on the small tmpfs
+    testsupport::TempMachine machine(platformtest::smallMachine());
+    testsupport::ChildChecks checks;
     // A first mutex while there is room makes the mutex directory.
     os::HANDLE first = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk-first");
-    failures += first == nullptr;
+    FIKIV_CHILD_FAIL_IF(checks, first == nullptr);
     os::CloseHandle(first);
     fill(directory);
     os::SetLastError(0xdeadbeef);
-    os::HANDLE full = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk");
-    failures += full != nullptr;
-    failures += os::GetLastError() != os::ERROR_DISK_FULL;
-    failures += anyEntryStartsWith(directory / "machine.state" / "mutex", ".new-");
-    failures += anyEntryStartsWith(directory / "machine.state" / "mutex", "local.");
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks,
+                        os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk") != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_DISK_FULL);
+    const fs::path mutexes = machine.directory() / "machine.state" / "mutex";
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, ".new-"));
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, "local."));
+    return checks.failures();
 }
 
 // The default machine written to a full runtime directory: a message, and no
@@ -124,12 +125,12 @@ FIKIV_CHILD_ROLE(defaultMachineOnFullDisk) {
     setenv("XDG_RUNTIME_DIR", directory.c_str(), 1);
     unsetenv("FIKIV_MACHINE");
     sim::Machine::reset();
-    int failures = 0;
+    testsupport::ChildChecks checks;
     std::string error;
-    failures += sim::Machine::currentOrNull(&error) != nullptr;
-    failures += error.find("cannot write") == std::string::npos;
-    failures += anyEntryStartsWith(machineDirectory, "machine.json.tmp.");
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull(&error) != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, error.find("cannot write") == std::string::npos);
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(machineDirectory, "machine.json.tmp."));
+    return checks.failures();
 }
 
 // With no runtime directory the default machine goes to /tmp/fikiv-<uid>: a
@@ -145,24 +146,24 @@ FIKIV_CHILD_ROLE(fallbackUnderTmp) {
     unsetenv("XDG_RUNTIME_DIR");
     unsetenv("FIKIV_MACHINE");
     const fs::path fallback = "/tmp/fikiv-" + std::to_string(getuid());
-    int failures = 0;
+    testsupport::ChildChecks checks;
 
     fs::create_directories("/tmp/elsewhere");
     fs::create_directory_symlink("/tmp/elsewhere", fallback);
     sim::Machine::reset();
     std::string error;
-    failures += sim::Machine::currentOrNull(&error) != nullptr;
-    failures += error.find("refusing " + fallback.string()) == std::string::npos;
-    failures += fs::exists("/tmp/elsewhere/default");
+    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull(&error) != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, error.find("refusing " + fallback.string()) == std::string::npos);
+    FIKIV_CHILD_FAIL_IF(checks, fs::exists("/tmp/elsewhere/default"));
 
     fs::remove(fallback);
     sim::Machine::reset();
-    failures += sim::Machine::currentOrNull() == nullptr;
+    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull() == nullptr);
     sim::Machine::reset();
-    failures += sim::Machine::currentOrNull() == nullptr;
+    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull() == nullptr);
     struct stat status {};
-    failures += lstat(fallback.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
-                (status.st_mode & 0777) != 0700;
+    FIKIV_CHILD_FAIL_IF(checks, lstat(fallback.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
+                                    (status.st_mode & 0777) != 0700);
 
     std::fflush(stderr);
     std::ifstream lines(log);
@@ -171,8 +172,8 @@ FIKIV_CHILD_ROLE(fallbackUnderTmp) {
         told += line.find("the default machine is kept under " + fallback.string()) !=
                 std::string::npos;
     }
-    failures += told != 1;
-    return failures;
+    FIKIV_CHILD_FAIL_IF(checks, told != 1);
+    return checks.failures();
 }
 
 class FullDiskTest : public ::testing::Test {

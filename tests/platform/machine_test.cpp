@@ -3,14 +3,20 @@
 #include "sim/machine.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 
 #include "os/error.h"
 #include "os/file.h"
+#include "os/handle.h"
 #include "os/version.h"
 #include "os/volume.h"
 #include "platform_test_util.h"
@@ -61,101 +67,37 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
         std::string text;
         std::string expected;  // follows "<file>:"
     };
+    // clang-format off
     const Row rows[] = {
-        {"SyntaxError",
-         "{\n  \"volumes\": [\n    {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "     \"type\": \"fixed\",,\n  ]\n}\n",
-         "4: after field \"type\": malformed JSON: syntax error"},
-        {"UnterminatedText", "{\n  \"os\": {\"major\": 10}\n",
-         "3: after field \"major\": malformed JSON"},
-        {"UnknownDriveType",
-         "{\n  \"volumes\": [\n    {\n      \"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "      \"type\": \"fixd\"\n    }\n  ]\n}\n",
-         "5: volumes[0].type: unknown drive type \"fixd\""},
-        {"FreeAboveTotal",
-         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\"},\n"
-         " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"totalBytes\": 10,\n"
-         "  \"freeBytes\": 11}\n]}\n",
-         "4: volumes[1].freeBytes: 11 free bytes exceed the 10 total bytes"},
-        {"MalformedGuid", "{\"volumes\": [{\"guid\": \"{1234}\"}]}",
-         "1: volumes[0].guid: \"{1234}\" is not a GUID"},
-        {"MissingGuid", "{\"volumes\": [\n  {\"paths\": [\"C:\\\\\"]}\n]}",
-         "2: volumes[0].guid: missing"},
-        {"MisspelledField",
-         "{\"volumes\": [\n  {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "   \"freebytes\": 5}\n]}",
-         "3: volumes[0].freebytes: unknown field"},
-        {"NegativeSize",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"totalBytes\": "
-         "-1}]}",
-         "1: volumes[0].totalBytes: expected a whole number of at least 0"},
-        {"PathUsedTwice",
-         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": "
-         "[\"C:\\\\\"]},\n"
-         " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"paths\": [\"c:\\\\\"]}\n]}",
-         "3: volumes[1].paths[0]: \"C:\\\" is already used by volumes[0].paths[0]"},
-        {"SameGuidTwice",
-         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-00000000000A}\"},\n"
-         " {\"guid\": \"{00000000-0000-0000-0000-00000000000a}\"}\n]}",
-         "3: volumes[1].guid: the same GUID is already used by volumes[0].guid"},
-        {"MountFolderOnAbsentDrive",
-         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"paths\": [\"Q:\\\\mnt\\\\\"]}\n]}",
-         "3: volumes[0].paths[0]: no volume holds the folder"},
-        {"MountedInsideItself",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"paths\": [\"C:\\\\\", \"C:\\\\self\\\\\"]}]}",
-         "2: volumes[0].paths[1]: \"C:\\self\\\" lies on the volume itself"},
-        {"PathThatIsNoWindowsPath",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": "
-         "[\"/mnt\"]}]}",
-         "1: volumes[0].paths[0]: \"\\mnt\" is neither a drive root"},
-        {"FaultWithoutError", "{\n\"faults\": [\n  {\"function\": \"Sleep\"}\n]}",
-         "3: faults[0]: expected {\"function\", \"error\""},
+        {"SyntaxError", "{\n  \"volumes\": [\n    {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "     \"type\": \"fixed\",,\n  ]\n}\n", "4: after field \"type\": malformed JSON: syntax error"},
+        {"UnterminatedText", "{\n  \"os\": {\"major\": 10}\n", "3: after field \"major\": malformed JSON"},
+        {"UnknownDriveType", "{\n  \"volumes\": [\n    {\n      \"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "      \"type\": \"fixd\"\n    }\n  ]\n}\n", "5: volumes[0].type: unknown drive type \"fixd\""},
+        {"FreeAboveTotal", "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\"},\n" " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"totalBytes\": 10,\n" "  \"freeBytes\": 11}\n]}\n", "4: volumes[1].freeBytes: 11 free bytes exceed the 10 total bytes"},
+        {"MalformedGuid", "{\"volumes\": [{\"guid\": \"{1234}\"}]}", "1: volumes[0].guid: \"{1234}\" is not a GUID"},
+        {"MissingGuid", "{\"volumes\": [\n  {\"paths\": [\"C:\\\\\"]}\n]}", "2: volumes[0].guid: missing"},
+        {"MisspelledField", "{\"volumes\": [\n  {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "   \"freebytes\": 5}\n]}", "3: volumes[0].freebytes: unknown field"},
+        {"NegativeSize", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"totalBytes\": " "-1}]}", "1: volumes[0].totalBytes: expected a whole number of at least 0"},
+        {"PathUsedTwice", "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": " "[\"C:\\\\\"]},\n" " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"paths\": [\"c:\\\\\"]}\n]}", "3: volumes[1].paths[0]: \"C:\\\" is already used by volumes[0].paths[0]"},
+        {"SameGuidTwice", "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-00000000000A}\"},\n" " {\"guid\": \"{00000000-0000-0000-0000-00000000000a}\"}\n]}", "3: volumes[1].guid: the same GUID is already used by volumes[0].guid"},
+        {"MountFolderOnAbsentDrive", "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"paths\": [\"Q:\\\\mnt\\\\\"]}\n]}", "3: volumes[0].paths[0]: no volume holds the folder"},
+        {"MountedInsideItself", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"paths\": [\"C:\\\\\", \"C:\\\\self\\\\\"]}]}", "2: volumes[0].paths[1]: \"C:\\self\\\" lies on the volume itself"},
+        {"PathThatIsNoWindowsPath", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\", \"paths\": " "[\"/mnt\"]}]}", "1: volumes[0].paths[0]: \"\\mnt\" is neither a drive root"},
+        {"FaultWithoutError", "{\n\"faults\": [\n  {\"function\": \"Sleep\"}\n]}", "3: faults[0]: expected {\"function\", \"error\""},
         {"OsNotAnObject", "{\"os\": 10}", "1: os: expected {\"major\": 10"},
-        {"UnknownFaultFunction",
-         "{\"faults\": [\n  {\"function\": \"GetDiskFreeSpaceEx\", \"error\": 21}\n]}",
-         "2: faults[0].function: unknown function \"GetDiskFreeSpaceEx\""},
-        {"EscapeSequenceInLabel",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"label\": \"\\u001b[2J\\u001b]0;owned\\u0007\"}]}",
-         "2: volumes[0].label: control character U+001B in a volume label"},
-        {"LineBreakInLabel",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"label\": \"Data\\r\\nC:\\\\ fixed NTFS\"}]}",
-         "2: volumes[0].label: control character U+000D in a volume label"},
-        {"C1ControlInFileSystem",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"fileSystem\": \"NT\\u009bFS\"}]}",
-         "2: volumes[0].fileSystem: control character U+009B in a file-system name"},
-        {"EscapeSequenceInGuidIsNotEchoed", "{\"volumes\": [{\"guid\": \"\\u001b[31m\"}]}",
-         "1: volumes[0].guid: \"\\x1b[31m\" is not a GUID"},
-        {"BackingDirectoryLeavesTheMachine",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"backingDirectory\": \"disks/../../x\"}]}",
-         "2: volumes[0].backingDirectory: \"disks/../../x\" leads out of the machine's directory"},
-        {"BackingDirectoryIsTheMachinesOwn",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"backingDirectory\": \"disks/..\"}]}",
-         "2: volumes[0].backingDirectory: \"disks/..\" leads out of the machine's directory"},
-        {"AbsentAbsoluteBackingDirectory",
-         "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"backingDirectory\": \"/nonexistent/fikiv/disk\"}]}",
-         "2: volumes[0].backingDirectory: \"/nonexistent/fikiv/disk\" is not an existing "
-         "directory"},
-        {"SharedBackingDirectory",
-         "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n"
-         "  \"backingDirectory\": \"disks/c\"},\n"
-         " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\",\n"
-         "  \"backingDirectory\": \"disks/./c/\"}\n]}",
-         "5: volumes[1].backingDirectory: volumes[0] already keeps its files in"},
-        {"DeeplyNested",
-         "{\"comment\":\n" + std::string(50000, '[') + std::string(50000, ']') + "}",
-         "2: nesting deeper than 32 levels"},
+        {"UnknownFaultFunction", "{\"faults\": [\n  {\"function\": \"GetDiskFreeSpaceEx\", \"error\": 21}\n]}", "2: faults[0].function: unknown function \"GetDiskFreeSpaceEx\""},
+        {"EscapeSequenceInLabel", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"label\": \"\\u001b[2J\\u001b]0;owned\\u0007\"}]}", "2: volumes[0].label: control character U+001B in a volume label"},
+        {"LineBreakInLabel", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"label\": \"Data\\r\\nC:\\\\ fixed NTFS\"}]}", "2: volumes[0].label: control character U+000D in a volume label"},
+        {"C1ControlInFileSystem", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"fileSystem\": \"NT\\u009bFS\"}]}", "2: volumes[0].fileSystem: control character U+009B in a file-system name"},
+        {"EscapeSequenceInGuidIsNotEchoed", "{\"volumes\": [{\"guid\": \"\\u001b[31m\"}]}", "1: volumes[0].guid: \"\\x1b[31m\" is not a GUID"},
+        {"BackingDirectoryLeavesTheMachine", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"disks/../../x\"}]}", "2: volumes[0].backingDirectory: \"disks/../../x\" leads out of the machine's directory"},
+        {"BackingDirectoryIsTheMachinesOwn", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"disks/..\"}]}", "2: volumes[0].backingDirectory: \"disks/..\" leads out of the machine's directory"},
+        {"AbsentAbsoluteBackingDirectory", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"/nonexistent/fikiv/disk\"}]}", "2: volumes[0].backingDirectory: \"/nonexistent/fikiv/disk\" is not an existing " "directory"},
+        {"SharedBackingDirectory", "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"disks/c\"},\n" " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\",\n" "  \"backingDirectory\": \"disks/./c/\"}\n]}", "5: volumes[1].backingDirectory: volumes[0] already keeps its files in"},
+        {"DeeplyNested", "{\"comment\":\n" + std::string(50000, '[') + std::string(50000, ']') + "}", "2: nesting deeper than 32 levels"},
         {"TopLevelList", "[]", "1: (top level): a machine description is a JSON object"},
-        {"NumberBeyondDouble", "{\"os\":\n {\"major\": 9e999}}",
-         "2: after field \"major\": malformed JSON: number overflow parsing '9e999'"},
+        {"NumberBeyondDouble", "{\"os\":\n {\"major\": 9e999}}", "2: after field \"major\": malformed JSON: number overflow parsing '9e999'"},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         RawMachineFile file(row.text);
@@ -186,12 +128,14 @@ TEST(MachineFileTest, OnlyARegularFileOfBoundedSizeIsRead) {
         std::filesystem::path file;
         const char* expected;  // follows "<file>"
     };
+    // clang-format off
     const Row rows[] = {
-        {"Fifo", fifo, ":1: not a regular file"},
+        {"Fifo",          fifo,        ":1: not a regular file"},
         {"EndlessDevice", "/dev/zero", ":1: not a regular file"},
-        {"Directory", directory, ":1: not a regular file"},
-        {"TooLarge", large, ":1: 17825792 bytes are more than the 16777216"},
+        {"Directory",     directory,   ":1: not a regular file"},
+        {"TooLarge",      large,       ":1: 17825792 bytes are more than the 16777216"},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         const std::string message = loadError(row.file);
@@ -211,44 +155,34 @@ TEST(MachineFileTest, AbsoluteBackingDirectoryIsUsedAsItIs) {
 // With a broken machine every function fails with a Win32 code, and
 // Machine::current() says why.
 TEST(MachineFileTest, BrokenMachineAnswersNotReady) {
-    RawMachineFile file("{\"volumes\": 3}");
+    RawMachineFile file(R"({"volumes": 3})");
     TempMachine holder(nlohmann::json::object());  // restores FIKIV_MACHINE afterwards
     setenv("FIKIV_MACHINE", file.file().c_str(), 1);
     sim::Machine::reset();
 
-    EXPECT_THROW(
-        {
-            try {
-                sim::Machine::current();
-            } catch (const sim::MachineError& error) {
-                EXPECT_NE(std::string(error.what()).find("volumes: expected a list of volumes"),
-                          std::string::npos);
-                throw;
-            }
-        },
-        sim::MachineError);
+    try {
+        sim::Machine::current();
+        ADD_FAILURE() << "the broken machine was loaded";
+    } catch (const sim::MachineError& error) {
+        EXPECT_THAT(error.what(), ::testing::HasSubstr("volumes: expected a list of volumes"));
+    }
 
     CanaryBuffer buffer(50);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::FindFirstVolumeW(buffer.data(), buffer.length()), os::INVALID_HANDLE_VALUE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::GetDriveTypeW(u"C:\\"), os::DRIVE_UNKNOWN);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::GetLogicalDriveStringsW(buffer.length(), buffer.data()), 0u);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::GetDiskFreeSpaceExW(u"C:\\", nullptr, nullptr, nullptr));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::GetFileAttributesW(u"C:\\"), os::INVALID_FILE_ATTRIBUTES);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
     os::OSVERSIONINFOW version{};
     version.dwOSVersionInfoSize = sizeof(version);
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::GetVersionExW(&version));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_NOT_READY);
+    const auto notReady = [](auto call, auto failed) {
+        os::SetLastError(kUntouched);
+        return call() == failed && os::GetLastError() == os::ERROR_NOT_READY;
+    };
+    EXPECT_TRUE(notReady([&] { return os::FindFirstVolumeW(buffer.data(), 50); },
+                         os::INVALID_HANDLE_VALUE));
+    EXPECT_TRUE(notReady([] { return os::GetDriveTypeW(u"C:\\"); }, os::UINT{os::DRIVE_UNKNOWN}));
+    EXPECT_TRUE(notReady([&] { return os::GetLogicalDriveStringsW(50, buffer.data()); }, 0u));
+    EXPECT_TRUE(notReady([] { return os::GetDiskFreeSpaceExW(u"C:\\", nullptr, nullptr, nullptr); },
+                         os::FALSE));
+    EXPECT_TRUE(notReady([] { return os::GetFileAttributesW(u"C:\\"); },
+                         os::DWORD{os::INVALID_FILE_ATTRIBUTES}));
+    EXPECT_TRUE(notReady([&] { return os::GetVersionExW(&version); }, os::FALSE));
     EXPECT_TRUE(buffer.untouched());
 }
 
@@ -272,48 +206,37 @@ TEST(MachineFileTest, StateAndBackingDirectoriesSitNextToTheFile) {
     EXPECT_TRUE(std::filesystem::is_directory(current.volumes()[1].backingDirectory / "inner"));
 }
 
-TEST(MachineFileTest, ResolvingIgnoresCaseAndKeepsTheSpellingOnDisk) {
-    TempMachine machine(platformtest::nestedMachine());
-    const sim::Machine& current = sim::Machine::current();
-    const std::filesystem::path dataRoot = current.volumes()[1].backingDirectory;
-    std::filesystem::create_directories(dataRoot / "Reports");
-    std::ofstream(dataRoot / "Reports" / "Q1.txt") << "x";
+// The default machine, written on first use when FIKIV_MACHINE is not set.
+TEST(DefaultMachineTest, IsWrittenUnderTheRuntimeDirectoryOnFirstUse) {
+    platformtest::SavedVariable runtime("XDG_RUNTIME_DIR");
+    TempMachine holder(nlohmann::json::object());  // restores FIKIV_MACHINE afterwards
+    unsetenv("FIKIV_MACHINE");
+    setenv("XDG_RUNTIME_DIR", holder.directory().c_str(), 1);
+    sim::Machine::reset();
 
-    struct Row {
-        const char* name;
-        const char16_t* path;
-        int volume;  // 1-based; 0: not resolved
-        const char16_t* relative;
-        std::filesystem::path host;  // relative to the volume's backing directory
-    };
-    const Row rows[] = {
-        {"ExistingFileWrongCase", u"c:\\MNT\\DATA\\reports\\q1.TXT", 2, u"reports\\q1.TXT",
-         "Reports/Q1.txt"},
-        {"NewFileInExistingFolder", u"C:\\mnt\\data\\REPORTS\\new.txt", 2, u"REPORTS\\new.txt",
-         "Reports/new.txt"},
-        {"DoubledSeparatorsAndDots", u"C:\\\\mnt\\.\\data\\\\Reports\\", 2, u"Reports", "Reports"},
-        {"DotDotStopsAtRoot", u"C:\\..\\..\\x", 1, u"x", "x"},
-        {"DeviceForm", u"\\\\?\\C:\\mnt\\d2\\f", 4, u"f", "f"},
-        {"GuidForm", u"\\\\?\\Volume{00000000-0000-0000-0000-000000000005}\\a\\b", 5, u"a\\b",
-         "a/b"},
-        {"AbsentDrive", u"Q:\\x", 0, u"", ""},
-        {"Relative", u"mnt\\data", 0, u"", ""},
-        {"GuidWithoutSeparator", u"\\\\?\\Volume{00000000-0000-0000-0000-000000000005}x", 0, u"",
-         ""},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        const auto resolved = current.resolve(row.path);
-        if (row.volume == 0) {
-            EXPECT_FALSE(resolved.has_value());
-            continue;
-        }
-        ASSERT_TRUE(resolved.has_value());
-        const sim::Volume& volume = current.volumes()[static_cast<std::size_t>(row.volume - 1)];
-        EXPECT_EQ(resolved->volume, &volume);
-        EXPECT_EQ(resolved->relative, row.relative);
-        EXPECT_EQ(resolved->hostPath, volume.backingDirectory / row.host);
+    CanaryBuffer drives(64);
+    EXPECT_EQ(os::GetLogicalDriveStringsW(drives.length(), drives.data()), 24u);
+    EXPECT_EQ(std::u16string(drives.data(), 24),
+              std::u16string(u"C:\\\0D:\\\0E:\\\0F:\\\0G:\\\0H:\\\0", 24));
+    char16_t name[50];
+    os::HANDLE find = os::FindFirstVolumeW(name, 50);
+    ASSERT_NE(find, os::INVALID_HANDLE_VALUE);
+    int volumes = 1;
+    while (os::FindNextVolumeW(find, name, 50)) {
+        ++volumes;
     }
+    EXPECT_TRUE(os::FindVolumeClose(find));
+    EXPECT_EQ(volumes, 8);
+    const std::filesystem::path file =
+        holder.directory() / ("fikiv-" + std::to_string(getuid())) / "default" / "machine.json";
+    EXPECT_EQ(sim::Machine::current().file(), file);
+    // Volume directories are made on first use, not at load.
+    const std::filesystem::path volumeDirectory = file.parent_path() / "machine.state" /
+                                                  "volumes" /
+                                                  "{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a01}";
+    EXPECT_FALSE(std::filesystem::exists(volumeDirectory.parent_path()));
+    EXPECT_EQ(os::GetFileAttributesW(u"C:\\"), os::FILE_ATTRIBUTE_DIRECTORY);
+    EXPECT_TRUE(std::filesystem::is_directory(volumeDirectory));
 }
 
 TEST(MachineVersionTest, GetVersionExRows) {
@@ -324,12 +247,14 @@ TEST(MachineVersionTest, GetVersionExRows) {
         bool succeeds;
         os::DWORD error;
     };
+    // clang-format off
     const Row rows[] = {
-        {"ZeroSize", 0, false, os::ERROR_INSUFFICIENT_BUFFER},
-        {"OneShort", 275, false, os::ERROR_INSUFFICIENT_BUFFER},
-        {"Exact", 276, true, kUntouched},
-        {"ExtendedRecord", 284, true, kUntouched},
+        {"ZeroSize",       0,   false, os::ERROR_INSUFFICIENT_BUFFER},
+        {"OneShort",       275, false, os::ERROR_INSUFFICIENT_BUFFER},
+        {"Exact",          276, true,  kUntouched},
+        {"ExtendedRecord", 284, true,  kUntouched},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         os::OSVERSIONINFOW version{};

@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <optional>
 #include <string>
 
 #include "os/error.h"
@@ -21,26 +20,13 @@ using testsupport::TempMachine;
 
 using AnswerFunction = int (*)();
 
+// Each test starts without FIKIV_LIBRARY_PATH.
 class ModuleTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        if (const char* value = std::getenv("FIKIV_LIBRARY_PATH")) {
-            savedPath_ = value;
-        }
-        unsetenv("FIKIV_LIBRARY_PATH");
-    }
-    void TearDown() override {
-        if (savedPath_) {
-            setenv("FIKIV_LIBRARY_PATH", savedPath_->c_str(), 1);
-        } else {
-            unsetenv("FIKIV_LIBRARY_PATH");
-        }
-    }
+    void SetUp() override { unsetenv("FIKIV_LIBRARY_PATH"); }
 
+    platformtest::SavedVariable libraryPath_{"FIKIV_LIBRARY_PATH"};
     TempMachine machine_{platformtest::nestedMachine()};
-
-  private:
-    std::optional<std::string> savedPath_;
 };
 
 TEST_F(ModuleTest, DllNameFindsTheLibraryBesideThePlatformLibrary) {
@@ -93,16 +79,16 @@ TEST_F(ModuleTest, BindingFailureRows) {
         const char* export_;
         os::DWORD error;
     };
+    // clang-format off
     const Row rows[] = {
         {"NullModule", nullptr, "fikivTestAnswer", os::ERROR_INVALID_HANDLE},
         {"NullName", module, nullptr, os::ERROR_INVALID_PARAMETER},
-        {"Ordinal", module, reinterpret_cast<const char*>(std::uintptr_t{7}),
-         os::ERROR_PROC_NOT_FOUND},
+        {"Ordinal", module, reinterpret_cast<const char*>(std::uintptr_t{7}), os::ERROR_PROC_NOT_FOUND},
         {"AbsentExport", module, "KIV_NoSuchEntry", os::ERROR_PROC_NOT_FOUND},
         {"ExportNamesAreCaseSensitive", module, "FIKIVTESTANSWER", os::ERROR_PROC_NOT_FOUND},
-        {"UnknownModule", reinterpret_cast<os::HMODULE>(std::uintptr_t{0x1000}), "fikivTestAnswer",
-         os::ERROR_MOD_NOT_FOUND},
+        {"UnknownModule", reinterpret_cast<os::HMODULE>(std::uintptr_t{0x1000}), "fikivTestAnswer", os::ERROR_MOD_NOT_FOUND},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         os::SetLastError(kUntouched);
@@ -135,23 +121,21 @@ TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
         const char* name;
         os::FARPROC expected;
     };
+    // clang-format off
     const Row rows[] = {
         {"FindFirstVolumeW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeW)},
         {"FindNextVolumeW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeW)},
         {"FindVolumeClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeClose)},
-        {"FindFirstVolumeMountPointW",
-         reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeMountPointW)},
-        {"FindNextVolumeMountPointW",
-         reinterpret_cast<os::FARPROC>(&os::FindNextVolumeMountPointW)},
-        {"FindVolumeMountPointClose",
-         reinterpret_cast<os::FARPROC>(&os::FindVolumeMountPointClose)},
+        {"FindFirstVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeMountPointW)},
+        {"FindNextVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeMountPointW)},
+        {"FindVolumeMountPointClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeMountPointClose)},
         {"GetVolumePathNameW", reinterpret_cast<os::FARPROC>(&os::GetVolumePathNameW)},
-        {"GetVolumeNameForVolumeMountPointW",
-         reinterpret_cast<os::FARPROC>(&os::GetVolumeNameForVolumeMountPointW)},
+        {"GetVolumeNameForVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::GetVolumeNameForVolumeMountPointW)},
         {"GetDriveTypeW", reinterpret_cast<os::FARPROC>(&os::GetDriveTypeW)},
         {"findfirstvolumew", nullptr},
         {"FindFirstVolumeA", nullptr},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         os::SetLastError(kUntouched);

@@ -56,20 +56,17 @@ TEST(FormatMessageWTest, SystemTexts) {
         std::u16string expectedText;  // empty: the call fails
         os::DWORD expectedError;
     };
+    // clang-format off
     const Row rows[] = {
-        {"without allocate", os::FORMAT_MESSAGE_FROM_SYSTEM | os::FORMAT_MESSAGE_IGNORE_INSERTS, 5,
-         1033, u"", os::ERROR_INVALID_PARAMETER},
-        {"from string", os::FORMAT_MESSAGE_FROM_STRING | os::FORMAT_MESSAGE_ALLOCATE_BUFFER, 5,
-         1033, u"", os::ERROR_INVALID_PARAMETER},
+        {"without allocate", os::FORMAT_MESSAGE_FROM_SYSTEM | os::FORMAT_MESSAGE_IGNORE_INSERTS, 5, 1033, u"", os::ERROR_INVALID_PARAMETER},
+        {"from string", os::FORMAT_MESSAGE_FROM_STRING | os::FORMAT_MESSAGE_ALLOCATE_BUFFER, 5, 1033, u"", os::ERROR_INVALID_PARAMETER},
         {"unknown code", kFlags, 0xFFFF, 1033, u"", os::ERROR_MR_MID_NOT_FOUND},
         {"other language", kFlags, 5, 1031, u"", 15100},
         {"access denied", kFlags, 5, 1033, u"Access is denied.\r\n", kUntouched},
         {"neutral language", kFlags, 87, 0, u"The parameter is incorrect.\r\n", kUntouched},
-        {"inserts left as they are", kFlags, 317, 1033,
-         u"The system cannot find message text for message number 0x%1 in the message file for "
-         u"%2.\r\n",
-         kUntouched},
+        {"inserts left as they are", kFlags, 317, 1033, u"The system cannot find message text for message number 0x%1 in the message file for " u"%2.\r\n", kUntouched},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         char16_t* text = nullptr;

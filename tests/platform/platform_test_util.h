@@ -1,10 +1,14 @@
-// Helpers of the platform tests: wide literals from narrow text, a buffer
-// with a canary after its stated length, and small machines.
+// Helpers of the platform tests: a buffer with canaries after its stated
+// length, the check of a call that fills one, a saved environment variable,
+// and the machines the tests share.
 #ifndef TESTS_PLATFORM_PLATFORM_TEST_UTIL_H_
 #define TESTS_PLATFORM_PLATFORM_TEST_UTIL_H_
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,39 +17,31 @@
 #include "os/error.h"
 #include "os/types.h"
 #include "support/temp_machine.h"
+#include "support/wide_text.h"
 
 namespace platformtest {
 
 // The last-error value that no call sets: a call that leaves it alone is seen.
 inline constexpr os::DWORD kUntouched = 0xdeadbeef;
-inline constexpr char16_t kCanary = 0x1111;
+// A row's expected error when the call is to succeed.
+inline constexpr os::DWORD kNone = 0;
 
-inline std::u16string wide(std::string_view text) {
-    return std::u16string(text.begin(), text.end());
-}
-
-inline std::string narrow(std::u16string_view text) {
-    std::string result;
-    for (char16_t c : text) {
-        result.push_back(c < 0x80 ? static_cast<char>(c) : '?');
-    }
-    return result;
-}
+// The GUID path "\\?\Volume{…000N}\" of volume `digit` ("1" to "9").
+#define VOLUME_GUID(digit) u"\\\\?\\Volume{00000000-0000-0000-0000-00000000000" digit "}\\"
 
 // `length` characters for the call, then canaries that must survive it.
 class CanaryBuffer {
   public:
+    static constexpr char16_t kCanary = 0x1111;
     explicit CanaryBuffer(os::DWORD length) : length_(length), data_(length + 4, kCanary) {}
     os::LPWSTR data() { return data_.data(); }
     os::DWORD length() const { return length_; }
-    std::u16string text() const { return std::u16string(data_.data()); }
+    // Up to the first NUL within the buffer and its canaries.
+    std::u16string text() const {
+        return std::u16string(data_.begin(), std::find(data_.begin(), data_.end(), u'\0'));
+    }
     bool untouched() const {
-        for (char16_t c : data_) {
-            if (c != kCanary) {
-                return false;
-            }
-        }
-        return true;
+        return std::all_of(data_.begin(), data_.end(), [](char16_t c) { return c == kCanary; });
     }
     ::testing::AssertionResult canaryIntact() const {
         for (std::size_t i = length_; i < data_.size(); ++i) {
@@ -62,6 +58,57 @@ class CanaryBuffer {
     std::vector<char16_t> data_;
 };
 
+// Gives an environment variable its value back when it goes.
+class SavedVariable {
+  public:
+    explicit SavedVariable(const char* name) : name_(name) {
+        if (const char* value = std::getenv(name)) {
+            value_ = value;
+        }
+    }
+    ~SavedVariable() {
+        if (value_) {
+            setenv(name_, value_->c_str(), 1);
+        } else {
+            unsetenv(name_);
+        }
+    }
+
+  private:
+    const char* name_;
+    std::optional<std::string> value_;
+};
+
+// The outcome of a call that writes text into `buffer`, made after
+// SetLastError(kUntouched): with `error` kNone it succeeded, left last error
+// alone and wrote `expected` (nothing, into a buffer of length 0); otherwise
+// it failed with `error` and wrote nothing. Never a character past the stated
+// length.
+inline ::testing::AssertionResult filled(bool succeeded, const CanaryBuffer& buffer,
+                                         os::DWORD error, std::u16string_view expected = {}) {
+    const os::DWORD lastError = os::GetLastError();
+    const bool wanted = error == kNone;
+    if (succeeded != wanted || lastError != (wanted ? kUntouched : error)) {
+        return ::testing::AssertionFailure() << "succeeded " << succeeded << " with last error "
+                                             << lastError << "; expected error " << error;
+    }
+    if (::testing::AssertionResult intact = buffer.canaryIntact(); !intact) {
+        return intact;
+    }
+    if (!wanted || buffer.length() == 0) {
+        if (!buffer.untouched()) {
+            return ::testing::AssertionFailure() << "wrote into the buffer";
+        }
+        return ::testing::AssertionSuccess();
+    }
+    if (buffer.text() != expected) {
+        return ::testing::AssertionFailure() << "wrote \"" << testsupport::utf8(buffer.text())
+                                             << "\", expected \"" << testsupport::utf8(expected)
+                                             << "\"";
+    }
+    return ::testing::AssertionSuccess();
+}
+
 // A machine of the tests of volumes and files:
 //   1  C:\                 fixed NTFS
 //   2  C:\mnt\data\        fixed NTFS, mounted in a folder of 1
@@ -73,25 +120,26 @@ class CanaryBuffer {
 //   8  G:\                 removable FAT32, label "STICK"
 inline nlohmann::json nestedMachine() {
     using testsupport::TempMachine;
-    nlohmann::json volumes = nlohmann::json::array();
-    volumes.push_back(TempMachine::volume(1, {"C:\\"}, "fixed", "NTFS", 100ull << 30, 40ull << 30));
-    volumes.push_back(
-        TempMachine::volume(2, {"C:\\mnt\\data\\"}, "fixed", "NTFS", 200ull << 30, 150ull << 30));
-    volumes.push_back(TempMachine::volume(3, {"C:\\mnt\\data\\inner\\"}, "fixed", "NTFS",
-                                          300ull << 30, 10ull << 30));
-    volumes.push_back(TempMachine::volume(4, {"D:\\", "C:\\mnt\\d2\\"}, "fixed", "ReFS",
-                                          400ull << 30, 400ull << 30));
-    volumes.push_back(TempMachine::volume(5, {}, "fixed", "NTFS", 500ull << 30, 5ull << 30));
-    volumes.push_back(TempMachine::volume(6, {"E:\\"}, "fixed", "RAW", 600ull << 30, 600ull << 30));
-    nlohmann::json cdrom = TempMachine::volume(7, {"F:\\"}, "cdrom", "CDFS", 0, 0);
-    cdrom["mediaPresent"] = false;
-    volumes.push_back(cdrom);
-    nlohmann::json stick =
-        TempMachine::volume(8, {"G:\\"}, "removable", "FAT32", 32ull << 30, 31ull << 30);
-    stick["label"] = "STICK";
-    stick["serial"] = "1A2B-3C4D";
-    volumes.push_back(stick);
+    constexpr std::uint64_t kGiB = 1ull << 30;
+    nlohmann::json volumes = {
+        TempMachine::volume(1, {"C:\\"}, "fixed", "NTFS", 100 * kGiB, 40 * kGiB),
+        TempMachine::volume(2, {"C:\\mnt\\data\\"}, "fixed", "NTFS", 200 * kGiB, 150 * kGiB),
+        TempMachine::volume(3, {"C:\\mnt\\data\\inner\\"}, "fixed", "NTFS", 300 * kGiB, 10 * kGiB),
+        TempMachine::volume(4, {"D:\\", "C:\\mnt\\d2\\"}, "fixed", "ReFS", 400 * kGiB, 400 * kGiB),
+        TempMachine::volume(5, {}, "fixed", "NTFS", 500 * kGiB, 5 * kGiB),
+        TempMachine::volume(6, {"E:\\"}, "fixed", "RAW", 600 * kGiB, 600 * kGiB),
+        TempMachine::volume(7, {"F:\\"}, "cdrom", "CDFS", 0, 0),
+        TempMachine::volume(8, {"G:\\"}, "removable", "FAT32", 32 * kGiB, 31 * kGiB),
+    };
+    volumes[6]["mediaPresent"] = false;
+    volumes[7]["label"] = "STICK";
+    volumes[7]["serial"] = "1A2B-3C4D";
     return {{"os", {{"major", 10}, {"minor", 0}, {"build", 17763}}}, {"volumes", volumes}};
+}
+
+// The machine of tests that need only a system drive.
+inline nlohmann::json smallMachine() {
+    return {{"volumes", {testsupport::TempMachine::volume(1, {"C:\\"})}}};
 }
 
 }  // namespace platformtest

@@ -1,11 +1,13 @@
 // The text module of the Linux side: the table of ill-formed UTF-8 and UTF-16
 // through every entry (the module itself and the os:: code-page functions on
-// it), the round trip of every scalar value, and the small helpers.
+// it), the round trip of every scalar value, and the drive type names.
 #include "sim/text.h"
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "os/codepage.h"
@@ -16,66 +18,51 @@ namespace {
 
 constexpr os::DWORD kUntouched = 0xDEADBEEF;
 
-// The UTF-16 that os::MultiByteToWideChar gives for `bytes` with `flags`, or
-// the error it set.
-struct ApiResult {
-    std::u16string units;
-    os::DWORD error = kUntouched;
-};
+// What a code-page conversion gives, asked for its size first as callers
+// do: the output and the last error it left.
+template <typename Output>
+using Converted = std::pair<Output, os::DWORD>;
 
-ApiResult multiByteToWide(const std::string& bytes, os::DWORD flags) {
-    ApiResult result;
+template <typename Output, typename Input, typename Call>
+Converted<Output> converted(const Input& input, Call call) {
     os::SetLastError(kUntouched);
-    const int count = static_cast<int>(bytes.size());
-    const int needed = os::MultiByteToWideChar(os::CP_UTF8, flags, bytes.data(), count, nullptr, 0);
-    if (needed == 0) {
-        result.error = os::GetLastError();
-        return result;
+    const int count = static_cast<int>(input.size());
+    Output output;
+    const int needed = call(input.data(), count, nullptr, 0);
+    if (needed > 0) {
+        output.resize(static_cast<std::size_t>(needed));
+        EXPECT_EQ(call(input.data(), count, output.data(), needed), needed);
     }
-    result.units.resize(static_cast<std::size_t>(needed));
-    EXPECT_EQ(os::MultiByteToWideChar(os::CP_UTF8, flags, bytes.data(), count, result.units.data(),
-                                      needed),
-              needed);
-    result.error = os::GetLastError();
-    return result;
+    return {output, os::GetLastError()};
 }
 
-ApiResult wideToMultiByte(const std::u16string& units, os::DWORD flags, std::string* bytes) {
-    ApiResult result;
-    os::SetLastError(kUntouched);
-    const int count = static_cast<int>(units.size());
-    const int needed = os::WideCharToMultiByte(os::CP_UTF8, flags, units.data(), count, nullptr, 0,
-                                               nullptr, nullptr);
-    if (needed == 0) {
-        result.error = os::GetLastError();
-        return result;
-    }
-    bytes->resize(static_cast<std::size_t>(needed));
-    EXPECT_EQ(os::WideCharToMultiByte(os::CP_UTF8, flags, units.data(), count, bytes->data(),
-                                      needed, nullptr, nullptr),
-              needed);
-    result.error = os::GetLastError();
-    return result;
+Converted<std::u16string> toWide(const std::string& bytes, os::DWORD flags) {
+    return converted<std::u16string>(bytes, [flags](const char* in, int count, char16_t* out,
+                                                    int size) {
+        return os::MultiByteToWideChar(os::CP_UTF8, flags, in, count, out, size);
+    });
 }
+
+Converted<std::string> toNarrow(const std::u16string& units, os::DWORD flags) {
+    return converted<std::string>(units, [flags](const char16_t* in, int count, char* out,
+                                                 int size) {
+        return os::WideCharToMultiByte(os::CP_UTF8, flags, in, count, out, size, nullptr, nullptr);
+    });
+}
+
+constexpr os::DWORD kRejected = os::ERROR_NO_UNICODE_TRANSLATION;
 
 TEST(TextTest, Utf8ToUtf16FollowsTheTable) {
     for (const testsupport::Utf8Case& row : testsupport::utf8Cases()) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(sim::fromUtf8(row.bytes), row.units);
-
         std::u16string strict = u"left over";
         EXPECT_EQ(sim::fromUtf8Strict(row.bytes, &strict), row.wellFormed);
         EXPECT_EQ(strict, row.wellFormed ? row.units : u"");
-
-        const ApiResult replaced = multiByteToWide(row.bytes, 0);
-        EXPECT_EQ(replaced.units, row.units);
-        EXPECT_EQ(replaced.error, kUntouched);
-
-        const ApiResult checked = multiByteToWide(row.bytes, os::MB_ERR_INVALID_CHARS);
-        EXPECT_EQ(checked.units, row.wellFormed ? row.units : u"");
-        EXPECT_EQ(checked.error,
-                  row.wellFormed ? kUntouched : os::DWORD{os::ERROR_NO_UNICODE_TRANSLATION});
-
+        EXPECT_EQ(toWide(row.bytes, 0), Converted<std::u16string>(row.units, kUntouched));
+        EXPECT_EQ(toWide(row.bytes, os::MB_ERR_INVALID_CHARS),
+                  row.wellFormed ? Converted<std::u16string>(row.units, kUntouched)
+                                 : Converted<std::u16string>(u"", kRejected));
         if (row.wellFormed) {
             EXPECT_EQ(sim::toUtf8(row.units), row.bytes);
         }
@@ -86,18 +73,10 @@ TEST(TextTest, Utf16ToUtf8FollowsTheTable) {
     for (const testsupport::Utf16Case& row : testsupport::utf16Cases()) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(sim::toUtf8(row.units), row.bytes);
-
-        std::string bytes;
-        const ApiResult replaced = wideToMultiByte(row.units, 0, &bytes);
-        EXPECT_EQ(bytes, row.bytes);
-        EXPECT_EQ(replaced.error, kUntouched);
-
-        bytes.clear();
-        const ApiResult checked = wideToMultiByte(row.units, os::WC_ERR_INVALID_CHARS, &bytes);
-        EXPECT_EQ(bytes, row.wellFormed ? row.bytes : "");
-        EXPECT_EQ(checked.error,
-                  row.wellFormed ? kUntouched : os::DWORD{os::ERROR_NO_UNICODE_TRANSLATION});
-
+        EXPECT_EQ(toNarrow(row.units, 0), Converted<std::string>(row.bytes, kUntouched));
+        EXPECT_EQ(toNarrow(row.units, os::WC_ERR_INVALID_CHARS),
+                  row.wellFormed ? Converted<std::string>(row.bytes, kUntouched)
+                                 : Converted<std::string>("", kRejected));
         if (row.wellFormed) {
             EXPECT_EQ(sim::fromUtf8(row.bytes), row.units);
         }
@@ -126,37 +105,6 @@ TEST(TextTest, EveryScalarValueRoundTrips) {
     std::u16string back;
     ASSERT_TRUE(sim::fromUtf8Strict(bytes, &back));
     EXPECT_TRUE(back == all);
-}
-
-TEST(TextTest, LowerAsciiChangesOnlyAsciiLetters) {
-    EXPECT_EQ(sim::lowerAscii(std::string_view("\\\\?\\Volume{ABCdef}\\\xC3\x84Z")),
-              "\\\\?\\volume{abcdef}\\\xC3\x84z");
-    EXPECT_EQ(sim::lowerAscii(std::u16string_view(u"PIPE\\\u00C4\u0416@[`{")),
-              u"pipe\\\u00C4\u0416@[`{");
-}
-
-TEST(TextTest, TrailingBackslashes) {
-    struct Row {
-        std::u16string_view path;
-        std::u16string_view without;
-        std::u16string_view with;
-    };
-    const Row rows[] = {
-        // clang-format off
-        {u"",          u"",      u"\\"},
-        {u"\\",        u"",      u"\\"},
-        {u"C:",        u"C:",    u"C:\\"},
-        {u"C:\\",      u"C:",    u"C:\\"},
-        {u"C:\\\\\\",  u"C:",    u"C:\\\\\\"},
-        {u"C:\\a\\b",  u"C:\\a\\b", u"C:\\a\\b\\"},
-        // clang-format on
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(sim::toUtf8(row.path));
-        EXPECT_EQ(sim::withoutTrailingBackslashes(row.path), row.without);
-        EXPECT_EQ(sim::withTrailingBackslash(row.path), row.with);
-        EXPECT_EQ(sim::withoutTrailingBackslashes(sim::toUtf8(row.path)), sim::toUtf8(row.without));
-    }
 }
 
 // The names the machine file accepts are the names the tools print.

@@ -8,37 +8,34 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
 #include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ipc_test_support.h"
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/sync.h"
 #include "sim/clock.h"
 #include "sim/handles.h"
 #include "sim/hooks.h"
+#include "platform/platform_test_util.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
 namespace {
 
-using ipctest::ChildChecks;
-using ipctest::publishFile;
-using ipctest::waitForFile;
+using testsupport::ChildChecks;
+using testsupport::publishFile;
+using testsupport::waitForFile;
 using testsupport::TempMachine;
-
-std::u16string wide(const std::string& text) {
-    return std::u16string(text.begin(), text.end());
-}
 
 // Opens the mutex `name` and expects that it exists, waits for it and checks
 // the result; releases what it obtained.
 FIKIV_CHILD_ROLE(mutexWait) {
     ChildChecks checks;
-    std::u16string name = wide(arguments.at(0));
+    std::u16string name = testsupport::utf16(arguments.at(0));
     auto timeout = static_cast<os::DWORD>(std::stoul(arguments.at(1)));
     auto expected = static_cast<os::DWORD>(std::stoul(arguments.at(2)));
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name.c_str()));
@@ -55,7 +52,7 @@ FIKIV_CHILD_ROLE(mutexWait) {
 
 // Takes the mutex, says so through the ready file and waits to be killed.
 FIKIV_CHILD_ROLE(mutexHoldUntilKilled) {
-    std::u16string name = wide(arguments.at(0));
+    std::u16string name = testsupport::utf16(arguments.at(0));
     // Never closed: the process is killed while it owns the mutex.
     os::HANDLE mutex = os::CreateMutexW(nullptr, os::FALSE, name.c_str());
     if (mutex == nullptr || os::WaitForSingleObject(mutex, os::INFINITE) != os::WAIT_OBJECT_0) {
@@ -72,7 +69,7 @@ FIKIV_CHILD_ROLE(mutexHoldUntilKilled) {
 // its handle until the close file appears.
 FIKIV_CHILD_ROLE(mutexCount) {
     ChildChecks checks;
-    std::u16string name = wide(arguments.at(0));
+    std::u16string name = testsupport::utf16(arguments.at(0));
     std::filesystem::path directory = arguments.at(1);
     int iterations = std::stoi(arguments.at(2));
     checks.check(waitForFile(directory / "start"), "start file");
@@ -103,10 +100,10 @@ FIKIV_CHILD_ROLE(mutexCount) {
 
 class MutexTest : public ::testing::Test {
   protected:
-    TempMachine machine_{ipctest::smallMachine()};
+    TempMachine machine_{platformtest::smallMachine()};
     // Each test's names carry the test's pid, so runs in parallel never meet.
     std::u16string name(const std::string& base) const {
-        return wide(base + "." + std::to_string(getpid()));
+        return testsupport::utf16(base + "." + std::to_string(getpid()));
     }
 };
 
@@ -118,6 +115,7 @@ TEST_F(MutexTest, CreateAndOpenByName) {
         os::DWORD expectedError;
     };
     const std::u16string base = name("fikiv_ipc_names");
+    // clang-format off
     const Row rows[] = {
         {"new name", base, true, os::ERROR_SUCCESS},
         {"same name", base, true, os::ERROR_ALREADY_EXISTS},
@@ -130,10 +128,10 @@ TEST_F(MutexTest, CreateAndOpenByName) {
         {"unknown namespace", u"Session\\" + base, false, os::ERROR_PATH_NOT_FOUND},
         {"backslash inside Global", u"Global\\a\\" + base, false, os::ERROR_PATH_NOT_FOUND},
         {"long name", std::u16string(200, u'x') + u"1", true, os::ERROR_SUCCESS},
-        {"long name differing at the end", std::u16string(200, u'x') + u"2", true,
-         os::ERROR_SUCCESS},
+        {"long name differing at the end", std::u16string(200, u'x') + u"2", true, os::ERROR_SUCCESS},
         {"name past MAX_PATH", std::u16string(300, u'y'), false, os::ERROR_FILENAME_EXCED_RANGE},
     };
+    // clang-format on
     std::vector<os::UniqueHandle> open;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
@@ -218,12 +216,14 @@ TEST_F(MutexTest, BadHandlesFail) {
         const char* label;
         os::HANDLE handle;
     };
+    // clang-format off
     const Row rows[] = {
         {"null", nullptr},
         {"INVALID_HANDLE_VALUE", os::INVALID_HANDLE_VALUE},
         {"closed mutex", closed},
         {"file descriptor", descriptor.get()},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
         os::SetLastError(0xdeadbeef);
@@ -237,7 +237,7 @@ TEST_F(MutexTest, BadHandlesFail) {
 
 TEST_F(MutexTest, SecondProcessTimesOutWhileOwnedThenGetsIt) {
     std::u16string mutexName = name("fikiv_ipc_crossprocess");
-    std::string narrow(mutexName.begin(), mutexName.end());
+    const std::string narrow = testsupport::utf8(mutexName);
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::TRUE, mutexName.c_str()));
     ASSERT_TRUE(mutex.valid());
 
@@ -258,7 +258,7 @@ TEST_F(MutexTest, OwnerProcessKilledLeavesItAbandoned) {
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
     ASSERT_TRUE(mutex.valid());
     pid_t holder = testsupport::startChild(
-        "mutexHoldUntilKilled", {std::string(mutexName.begin(), mutexName.end()), ready.string()});
+        "mutexHoldUntilKilled", {testsupport::utf8(mutexName), ready.string()});
     ASSERT_TRUE(waitForFile(ready));
     EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_TIMEOUT);
     kill(holder, SIGKILL);
@@ -333,7 +333,7 @@ TEST_F(MutexTest, ProcessesCreatingAtOnceShareOneMutex) {
     std::vector<pid_t> children;
     for (int i = 0; i < kProcesses; ++i) {
         children.push_back(testsupport::startChild(
-            "mutexCount", {std::string(mutexName.begin(), mutexName.end()), directory.string(),
+            "mutexCount", {testsupport::utf8(mutexName), directory.string(),
                            std::to_string(kIterations)}));
     }
     publishFile(directory / "start", "");
@@ -343,7 +343,8 @@ TEST_F(MutexTest, ProcessesCreatingAtOnceShareOneMutex) {
     for (pid_t child : children) {
         std::filesystem::path report = directory / ("created." + std::to_string(child));
         ASSERT_TRUE(waitForFile(report));
-        std::string code = ipctest::readText(report);
+        std::string code;
+        std::ifstream(report) >> code;
         created += code == std::to_string(os::ERROR_SUCCESS);
         opened += code == std::to_string(os::ERROR_ALREADY_EXISTS);
     }

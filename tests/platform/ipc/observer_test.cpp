@@ -8,7 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "ipc_test_support.h"
 #include "os/error.h"
 #include "os/file.h"
 #include "os/handle.h"
@@ -16,6 +15,7 @@
 #include "os/time.h"
 #include "sim/hooks.h"
 #include "sim/observer.h"
+#include "platform/platform_test_util.h"
 #include "support/temp_machine.h"
 
 namespace {
@@ -50,7 +50,7 @@ class ObserverTest : public ::testing::Test {
         return std::u16string(name.begin(), name.end());
     }
 
-    TempMachine machine_{ipctest::smallMachine()};
+    TempMachine machine_{platformtest::smallMachine()};
     Seen seen_;
 };
 

@@ -13,37 +13,24 @@
 #include <thread>
 #include <vector>
 
-#include "ipc_test_support.h"
 #include "os/error.h"
 #include "os/file.h"
 #include "os/handle.h"
 #include "os/pipe.h"
 #include "sim/pipe_client.h"
+#include "platform/platform_test_util.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
 namespace {
 
-using ipctest::ChildChecks;
-using ipctest::publishFile;
-using ipctest::waitForFile;
+using testsupport::ChildChecks;
+using testsupport::publishFile;
+using testsupport::waitForFile;
 using testsupport::TempMachine;
 
 constexpr os::DWORD kRequestSize = 536;
 constexpr os::DWORD kReplySize = 528;
-
-std::u16string wide(const std::string& text) {
-    return std::u16string(text.begin(), text.end());
-}
-
-// The server end of an instance is read and written with ReadFile and
-// WriteFile, as a Windows server does.
-os::BOOL serverRead(os::HANDLE pipe, void* buffer, os::DWORD size, os::DWORD* got) {
-    return os::ReadFile(pipe, buffer, size, got, nullptr);
-}
-os::BOOL serverWrite(os::HANDLE pipe, const void* buffer, os::DWORD size, os::DWORD* written) {
-    return os::WriteFile(pipe, buffer, size, written, nullptr);
-}
 
 os::HANDLE createPipe(const std::u16string& name, os::DWORD maxInstances = 1) {
     return os::CreateNamedPipeW(name.c_str(), os::PIPE_ACCESS_DUPLEX,
@@ -65,7 +52,7 @@ std::vector<unsigned char> echoOf(const std::vector<unsigned char>& request) {
 // client at a time, then stops serving.
 FIKIV_CHILD_ROLE(echoServer) {
     ChildChecks checks;
-    std::u16string name = wide(arguments.at(0));
+    std::u16string name = testsupport::utf16(arguments.at(0));
     int count = std::stoi(arguments.at(2));
     os::UniqueHandle pipe(createPipe(name));
     if (!checks.check(pipe.valid(), "pipe created", os::GetLastError())) {
@@ -76,13 +63,13 @@ FIKIV_CHILD_ROLE(echoServer) {
         checks.check(os::ConnectNamedPipe(pipe.get(), nullptr) == os::TRUE, "connect");
         std::vector<unsigned char> request(1024);
         os::DWORD got = 0;
-        checks.check(serverRead(pipe.get(), request.data(), 1024, &got) == os::TRUE, "read request",
+        checks.check(os::ReadFile(pipe.get(), request.data(), 1024, &got, nullptr) == os::TRUE, "read request",
                      os::GetLastError());
         checks.check(got == kRequestSize, "request size", got);
         request.resize(got);
         std::vector<unsigned char> reply = echoOf(request);
         os::DWORD written = 0;
-        checks.check(serverWrite(pipe.get(), reply.data(), kReplySize, &written) == os::TRUE,
+        checks.check(os::WriteFile(pipe.get(), reply.data(), kReplySize, &written, nullptr) == os::TRUE,
                      "write reply", os::GetLastError());
         checks.check(os::DisconnectNamedPipe(pipe.get()) == os::TRUE, "disconnect");
     }
@@ -91,7 +78,7 @@ FIKIV_CHILD_ROLE(echoServer) {
 
 // Serves nothing; waits to be killed while it holds the pipe.
 FIKIV_CHILD_ROLE(pipeHoldUntilKilled) {
-    os::HANDLE pipe = createPipe(wide(arguments.at(0)));
+    os::HANDLE pipe = createPipe(testsupport::utf16(arguments.at(0)));
     if (pipe == os::INVALID_HANDLE_VALUE) {
         return 1;
     }
@@ -103,7 +90,7 @@ FIKIV_CHILD_ROLE(pipeHoldUntilKilled) {
 
 // Sends one request to the pipe and exits 0 when a reply came.
 FIKIV_CHILD_ROLE(pipeClient) {
-    std::u16string name = wide(arguments.at(0));
+    std::u16string name = testsupport::utf16(arguments.at(0));
     unsigned char request[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     unsigned char reply[8];
     os::DWORD got = 0;
@@ -115,9 +102,9 @@ FIKIV_CHILD_ROLE(pipeClient) {
 
 class PipeTest : public ::testing::Test {
   protected:
-    TempMachine machine_{ipctest::smallMachine()};
+    TempMachine machine_{platformtest::smallMachine()};
     std::u16string pipeName(const std::string& base) const {
-        return wide("\\\\.\\pipe\\" + base + "." + std::to_string(getpid()));
+        return testsupport::utf16("\\\\.\\pipe\\" + base + "." + std::to_string(getpid()));
     }
 };
 
@@ -164,6 +151,7 @@ TEST_F(PipeTest, BadNamesFailBeforeAnythingElse) {
         const char16_t* name;
         os::DWORD expectedError;
     };
+    // clang-format off
     const Row rows[] = {
         {"null", nullptr, os::ERROR_PATH_NOT_FOUND},
         {"no prefix", u"fikiv_pipe", os::ERROR_INVALID_NAME},
@@ -171,6 +159,7 @@ TEST_F(PipeTest, BadNamesFailBeforeAnythingElse) {
         {"remote machine", u"\\\\server\\pipe\\fikiv_pipe", os::ERROR_INVALID_NAME},
         {"empty pipe name", u"\\\\.\\pipe\\", os::ERROR_INVALID_NAME},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
         unsigned char request[4] = {};
@@ -211,6 +200,7 @@ TEST_F(PipeTest, InstanceLimits) {
         bool expectHandle;
         os::DWORD expectedError;
     };
+    // clang-format off
     const Row rows[] = {
         {"no instances", 0, false, os::ERROR_INVALID_PARAMETER},
         {"more than 255", 256, false, os::ERROR_INVALID_PARAMETER},
@@ -218,6 +208,7 @@ TEST_F(PipeTest, InstanceLimits) {
         {"second of two", 2, true, 0},
         {"third of two", 2, false, os::ERROR_PIPE_BUSY},
     };
+    // clang-format on
     std::vector<os::UniqueHandle> instances;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
@@ -236,8 +227,8 @@ TEST_F(PipeTest, InstanceLimits) {
             unsigned char request[64];
             os::DWORD got = 0;
             bool ok = os::ConnectNamedPipe(instance, nullptr) &&
-                      serverRead(instance, request, sizeof(request), &got) &&
-                      serverWrite(instance, request, got, &got) &&
+                      os::ReadFile(instance, request, sizeof(request), &got, nullptr) &&
+                      os::WriteFile(instance, request, got, &got, nullptr) &&
                       os::DisconnectNamedPipe(instance);
             return ok;
         });
@@ -260,7 +251,7 @@ TEST_F(PipeTest, BusyServerAnswersPipeBusyUntilAnInstanceIsFree) {
     os::SetLastError(0xdeadbeef);
     os::DWORD got = 0;
     unsigned char buffer[kRequestSize];
-    EXPECT_EQ(serverRead(pipe.get(), buffer, sizeof(buffer), &got), os::FALSE);
+    EXPECT_EQ(os::ReadFile(pipe.get(), buffer, sizeof(buffer), &got, nullptr), os::FALSE);
     EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
     EXPECT_EQ(os::DisconnectNamedPipe(pipe.get()), os::FALSE);
     EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
@@ -269,7 +260,7 @@ TEST_F(PipeTest, BusyServerAnswersPipeBusyUntilAnInstanceIsFree) {
     ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
     EXPECT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::FALSE);
     EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_CONNECTED);
-    ASSERT_EQ(serverRead(pipe.get(), buffer, sizeof(buffer), &got), os::TRUE);
+    ASSERT_EQ(os::ReadFile(pipe.get(), buffer, sizeof(buffer), &got, nullptr), os::TRUE);
 
     // The only instance is serving the first client. The first caller below
     // can wait in the connection queue, the second finds even that full;
@@ -284,7 +275,7 @@ TEST_F(PipeTest, BusyServerAnswersPipeBusyUntilAnInstanceIsFree) {
     EXPECT_EQ(noWait.error, os::ERROR_PIPE_BUSY);
 
     std::vector<unsigned char> reply = echoOf(pattern(kRequestSize, 1));
-    ASSERT_EQ(serverWrite(pipe.get(), reply.data(), kReplySize, &got), os::TRUE);
+    ASSERT_EQ(os::WriteFile(pipe.get(), reply.data(), kReplySize, &got, nullptr), os::TRUE);
     ClientResult served = first.get();
     EXPECT_EQ(served.ok, os::TRUE);
     EXPECT_EQ(std::vector<unsigned char>(served.reply.begin(), served.reply.end() - 1), reply);
@@ -293,9 +284,9 @@ TEST_F(PipeTest, BusyServerAnswersPipeBusyUntilAnInstanceIsFree) {
     // Clients that gave up are not served later; the next real one is.
     auto next = callAsync(name, pattern(kRequestSize, 5), kReplySize, os::NMPWAIT_WAIT_FOREVER);
     ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
-    ASSERT_EQ(serverRead(pipe.get(), buffer, sizeof(buffer), &got), os::TRUE);
+    ASSERT_EQ(os::ReadFile(pipe.get(), buffer, sizeof(buffer), &got, nullptr), os::TRUE);
     EXPECT_EQ(std::vector<unsigned char>(buffer, buffer + got), pattern(kRequestSize, 5));
-    ASSERT_EQ(serverWrite(pipe.get(), buffer, 3, &got), os::TRUE);
+    ASSERT_EQ(os::WriteFile(pipe.get(), buffer, 3, &got, nullptr), os::TRUE);
     EXPECT_EQ(next.get().bytesRead, 3u);
 }
 
@@ -308,6 +299,7 @@ TEST_F(PipeTest, ReplyLongerThanTheBufferGivesMoreData) {
         os::DWORD expectedError;  // checked when the call fails
         os::DWORD expectedRead;
     };
+    // clang-format off
     const Row rows[] = {
         {"exact fit", 100, 100, os::TRUE, 0, 100},
         {"one short", 100, 99, os::FALSE, os::ERROR_MORE_DATA, 99},
@@ -316,6 +308,7 @@ TEST_F(PipeTest, ReplyLongerThanTheBufferGivesMoreData) {
         {"larger buffer", 100, kReplySize, os::TRUE, 0, 100},
         {"empty reply", 0, 10, os::TRUE, 0, 0},
     };
+    // clang-format on
     std::u16string name = pipeName("fikiv_pipe_short");
     os::UniqueHandle pipe(createPipe(name));
     ASSERT_TRUE(pipe.valid());
@@ -328,8 +321,8 @@ TEST_F(PipeTest, ReplyLongerThanTheBufferGivesMoreData) {
         ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
         unsigned char request[16];
         os::DWORD got = 0;
-        ASSERT_EQ(serverRead(pipe.get(), request, sizeof(request), &got), os::TRUE);
-        ASSERT_EQ(serverWrite(pipe.get(), reply.data(), row.replyLength, &got), os::TRUE);
+        ASSERT_EQ(os::ReadFile(pipe.get(), request, sizeof(request), &got, nullptr), os::TRUE);
+        ASSERT_EQ(os::WriteFile(pipe.get(), reply.data(), row.replyLength, &got, nullptr), os::TRUE);
         ClientResult result = client.get();
         ASSERT_EQ(os::DisconnectNamedPipe(pipe.get()), os::TRUE);
 
@@ -356,15 +349,15 @@ TEST_F(PipeTest, ServerReadsALongRequestInPieces) {
     buffer.fill(0x11);
     os::DWORD got = 0;
     os::SetLastError(0xdeadbeef);
-    EXPECT_EQ(serverRead(pipe.get(), buffer.data(), 30, &got), os::FALSE);
+    EXPECT_EQ(os::ReadFile(pipe.get(), buffer.data(), 30, &got, nullptr), os::FALSE);
     EXPECT_EQ(os::GetLastError(), os::ERROR_MORE_DATA);
     EXPECT_EQ(got, 30u);
     EXPECT_EQ(buffer[30], 0x11);
-    EXPECT_EQ(serverRead(pipe.get(), buffer.data() + 30, 71, &got), os::TRUE);
+    EXPECT_EQ(os::ReadFile(pipe.get(), buffer.data() + 30, 71, &got, nullptr), os::TRUE);
     EXPECT_EQ(got, 70u) << "the rest of the message, not more";
     EXPECT_EQ(std::vector<unsigned char>(buffer.begin(), buffer.begin() + 100), request);
 
-    ASSERT_EQ(serverWrite(pipe.get(), buffer.data(), 8, &got), os::TRUE);
+    ASSERT_EQ(os::WriteFile(pipe.get(), buffer.data(), 8, &got, nullptr), os::TRUE);
     EXPECT_EQ(client.get().ok, os::TRUE);
 }
 
@@ -376,7 +369,7 @@ TEST_F(PipeTest, ServerHangingUpGivesBrokenPipe) {
     ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
     unsigned char request[kRequestSize];
     os::DWORD got = 0;
-    ASSERT_EQ(serverRead(pipe.get(), request, sizeof(request), &got), os::TRUE);
+    ASSERT_EQ(os::ReadFile(pipe.get(), request, sizeof(request), &got, nullptr), os::TRUE);
     ASSERT_EQ(os::DisconnectNamedPipe(pipe.get()), os::TRUE);
     ClientResult result = client.get();
     EXPECT_EQ(result.ok, os::FALSE);
@@ -390,7 +383,7 @@ TEST_F(PipeTest, RoundTripWithAServerInAnotherProcess) {
     std::filesystem::path ready = machine_.directory() / "serving";
     pid_t server = testsupport::startChild(
         "echoServer",
-        {std::string(name.begin(), name.end()), ready.string(), std::to_string(kRequests)});
+        {testsupport::utf8(name), ready.string(), std::to_string(kRequests)});
     ASSERT_TRUE(waitForFile(ready));
 
     os::SetLastError(0xdeadbeef);
@@ -414,7 +407,7 @@ TEST_F(PipeTest, KilledServerLeavesTheNameFree) {
     std::u16string name = pipeName("fikiv_pipe_killed");
     std::filesystem::path ready = machine_.directory() / "serving";
     pid_t server = testsupport::startChild("pipeHoldUntilKilled",
-                                           {std::string(name.begin(), name.end()), ready.string()});
+                                           {testsupport::utf8(name), ready.string()});
     ASSERT_TRUE(waitForFile(ready));
     kill(server, SIGKILL);
     testsupport::waitChild(server);
@@ -439,7 +432,7 @@ TEST_F(PipeTest, ServerLearnsWhichProcessAndUserItServes) {
               os::FALSE);
     EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
 
-    pid_t client = testsupport::startChild("pipeClient", {std::string(name.begin(), name.end())});
+    pid_t client = testsupport::startChild("pipeClient", {testsupport::utf8(name)});
     ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
     ASSERT_EQ(os::GetNamedPipeClientProcessId(pipe.get(), &processId), os::TRUE);
     EXPECT_EQ(processId, static_cast<os::ULONG>(client));
@@ -450,8 +443,8 @@ TEST_F(PipeTest, ServerLearnsWhichProcessAndUserItServes) {
 
     unsigned char request[8];
     os::DWORD got = 0;
-    ASSERT_EQ(serverRead(pipe.get(), request, sizeof(request), &got), os::TRUE);
-    ASSERT_EQ(serverWrite(pipe.get(), request, got, &got), os::TRUE);
+    ASSERT_EQ(os::ReadFile(pipe.get(), request, sizeof(request), &got, nullptr), os::TRUE);
+    ASSERT_EQ(os::WriteFile(pipe.get(), request, got, &got, nullptr), os::TRUE);
     EXPECT_EQ(testsupport::waitChild(client), 0);
     ASSERT_EQ(os::DisconnectNamedPipe(pipe.get()), os::TRUE);
     EXPECT_EQ(os::GetNamedPipeClientProcessId(pipe.get(), &processId), os::FALSE);

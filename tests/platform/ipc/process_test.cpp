@@ -12,19 +12,19 @@
 #include <fstream>
 #include <string>
 
-#include "ipc_test_support.h"
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/process.h"
 #include "sim/handles.h"
+#include "platform/platform_test_util.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
 namespace {
 
-using ipctest::ChildChecks;
-using ipctest::publishFile;
-using ipctest::waitForFile;
+using testsupport::ChildChecks;
+using testsupport::publishFile;
+using testsupport::waitForFile;
 using testsupport::TempMachine;
 
 const std::string kPayload = "snapshot volume stand-in";
@@ -136,7 +136,9 @@ class ProcessTest : public ::testing::Test {
         if (!waitForFile(ready)) {
             return child;
         }
-        *handle = handleOf(std::stoull(ipctest::readText(ready)));
+        std::uintptr_t value = 0;
+        std::ifstream(ready) >> value;
+        *handle = handleOf(value);
         return child;
     }
     int finishHolder(pid_t child) {
@@ -144,7 +146,7 @@ class ProcessTest : public ::testing::Test {
         return testsupport::waitChild(child);
     }
 
-    TempMachine machine_{ipctest::smallMachine()};
+    TempMachine machine_{platformtest::smallMachine()};
     std::filesystem::path payload_;
     std::filesystem::path done_;
     int holders_ = 0;
@@ -183,18 +185,15 @@ TEST_F(ProcessTest, DuplicateHandleTakesADescriptorOfAnotherProcess) {
         os::DWORD expectedError;
     };
     const os::HANDLE self = os::GetCurrentProcess();
+    // clang-format off
     const Row rows[] = {
-        {"not open in the source", process.get(), sim::handleFromFd(900), self,
-         os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
-        {"no source process", nullptr, remote, self, os::DUPLICATE_SAME_ACCESS,
-         os::ERROR_INVALID_HANDLE},
-        {"a token is no process", token, remote, self, os::DUPLICATE_SAME_ACCESS,
-         os::ERROR_INVALID_HANDLE},
-        {"into another process", self, copy, process.get(), os::DUPLICATE_SAME_ACCESS,
-         os::ERROR_NOT_SUPPORTED},
-        {"closing another process's handle", process.get(), remote, self,
-         os::DUPLICATE_SAME_ACCESS | os::DUPLICATE_CLOSE_SOURCE, os::ERROR_NOT_SUPPORTED},
+        {"not open in the source", process.get(), sim::handleFromFd(900), self, os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
+        {"no source process", nullptr, remote, self, os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
+        {"a token is no process", token, remote, self, os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
+        {"into another process", self, copy, process.get(), os::DUPLICATE_SAME_ACCESS, os::ERROR_NOT_SUPPORTED},
+        {"closing another process's handle", process.get(), remote, self, os::DUPLICATE_SAME_ACCESS | os::DUPLICATE_CLOSE_SOURCE, os::ERROR_NOT_SUPPORTED},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
         os::HANDLE target = handleOf(0x11);
@@ -224,12 +223,14 @@ TEST_F(ProcessTest, OpenProcessOfProcessesThatDoNotExist) {
         const char* label;
         os::DWORD pid;
     };
+    // clang-format off
     const Row rows[] = {
         {"ended and reaped", static_cast<os::DWORD>(gone)},
         {"id 0", 0},
         {"beyond any id", 0x7FFFFFFF},
         {"negative as pid_t", 0xFFFFFFFE},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
         os::SetLastError(0xdeadbeef);
@@ -248,6 +249,7 @@ TEST(PrivilegeTest, LookupKnowsOnlyTheDebugPrivilege) {
         const char16_t* name;
         os::DWORD expectedError;  // 0: found
     };
+    // clang-format off
     const Row rows[] = {
         {"debug", nullptr, u"SeDebugPrivilege", 0},
         {"debug in another case", u"", u"SEDEBUGPRIVILEGE", 0},
@@ -257,6 +259,7 @@ TEST(PrivilegeTest, LookupKnowsOnlyTheDebugPrivilege) {
         {"null name", nullptr, nullptr, os::ERROR_INVALID_PARAMETER},
         {"another machine", u"\\\\server", u"SeDebugPrivilege", os::ERROR_NOT_SUPPORTED},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
         os::LUID luid{0x1111, 0x2222};
