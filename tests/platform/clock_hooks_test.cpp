@@ -35,13 +35,8 @@ std::string freeSpaceCalls(int calls, os::DWORD error) {
 }
 
 TEST(FaultInjectionTest, FailsTheChosenCallsWithTheChosenCode) {
-    struct Row {
-        const char* name;
-        std::uint32_t skip;
-        std::uint32_t count;
-        const char* pattern;
-    };
     // clang-format off
+    struct Row { const char* name; std::uint32_t skip; std::uint32_t count; const char* pattern; };
     const Row rows[] = {
         {"NextCall", 0, 1, "F...."},
         {"ThirdCall", 2, 1, "..F.."},

@@ -241,13 +241,8 @@ TEST(DefaultMachineTest, IsWrittenUnderTheRuntimeDirectoryOnFirstUse) {
 
 TEST(MachineVersionTest, GetVersionExRows) {
     TempMachine machine(nlohmann::json{{"os", {{"major", 4}, {"minor", 1}, {"build", 1381}}}});
-    struct Row {
-        const char* name;
-        os::DWORD size;
-        bool succeeds;
-        os::DWORD error;
-    };
     // clang-format off
+    struct Row { const char* name; os::DWORD size; bool succeeds; os::DWORD error; };
     const Row rows[] = {
         {"ZeroSize",       0,   false, os::ERROR_INSUFFICIENT_BUFFER},
         {"OneShort",       275, false, os::ERROR_INSUFFICIENT_BUFFER},

@@ -73,13 +73,8 @@ TEST_F(ModuleTest, LibraryPathIsSearchedFirst) {
 TEST_F(ModuleTest, BindingFailureRows) {
     os::HMODULE module = os::LoadLibraryW(u"fikivtestmodule.dll");
     ASSERT_NE(module, nullptr);
-    struct Row {
-        const char* name;
-        os::HMODULE module;
-        const char* export_;
-        os::DWORD error;
-    };
     // clang-format off
+    struct Row { const char* name; os::HMODULE module; const char* export_; os::DWORD error; };
     const Row rows[] = {
         {"NullModule", nullptr, "fikivTestAnswer", os::ERROR_INVALID_HANDLE},
         {"NullName", module, nullptr, os::ERROR_INVALID_PARAMETER},
@@ -117,11 +112,8 @@ TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
     os::HMODULE kernel32 = os::GetModuleHandleW(u"KERNEL32.DLL");
     ASSERT_NE(kernel32, nullptr);
     EXPECT_EQ(os::LoadLibraryW(u"kernel32.dll"), kernel32);
-    struct Row {
-        const char* name;
-        os::FARPROC expected;
-    };
     // clang-format off
+    struct Row { const char* name; os::FARPROC expected; };
     const Row rows[] = {
         {"FindFirstVolumeW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeW)},
         {"FindNextVolumeW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeW)},

@@ -109,13 +109,8 @@ TEST_F(NestedMachineTest, FindNextVolumeRows) {
     os::HANDLE find = os::FindFirstVolumeW(first.data(), first.length());
     ASSERT_NE(find, os::INVALID_HANDLE_VALUE);
     // The failing rows do not move the search.
-    struct Row {
-        const char* name;
-        os::HANDLE handle;
-        os::DWORD length;
-        os::DWORD error;
-    };
     // clang-format off
+    struct Row { const char* name; os::HANDLE handle; os::DWORD length; os::DWORD error; };
     const Row rows[] = {
         {"NullHandle",                nullptr,                  50, os::ERROR_INVALID_HANDLE},
         {"InvalidHandleValue",        os::INVALID_HANDLE_VALUE, 50, os::ERROR_INVALID_HANDLE},
@@ -301,12 +296,8 @@ TEST_F(NestedMachineTest, GetVolumePathNameRows) {
 TEST_F(NestedMachineTest, LogicalDriveStringsAskForTheirLengthFirst) {
     // C, D, E, F, G: four characters each and the final NUL.
     const std::u16string expected(u"C:\\\0D:\\\0E:\\\0F:\\\0G:\\\0\0", 21);
-    struct Row {
-        const char* name;
-        os::DWORD length;
-        os::DWORD result;
-    };
     // clang-format off
+    struct Row { const char* name; os::DWORD length; os::DWORD result; };
     const Row rows[] = {
         {"ZeroLength", 0,  21},
         {"OneShort",   20, 21},
@@ -331,12 +322,8 @@ TEST_F(NestedMachineTest, LogicalDriveStringsAskForTheirLengthFirst) {
 }
 
 TEST_F(NestedMachineTest, GetDriveTypeRows) {
-    struct Row {
-        const char* name;
-        const char16_t* root;
-        os::UINT type;
-    };
     // clang-format off
+    struct Row { const char* name; const char16_t* root; os::UINT type; };
     const Row rows[] = {
         {"SystemDrive",          u"C:\\",               os::DRIVE_FIXED},
         {"LowerCase",            u"c:\\",               os::DRIVE_FIXED},

@@ -212,11 +212,8 @@ TEST_F(MutexTest, BadHandlesFail) {
     ASSERT_EQ(os::CloseHandle(closed), os::TRUE);
     int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     os::UniqueHandle descriptor(sim::handleFromFd(fd));
-    struct Row {
-        const char* label;
-        os::HANDLE handle;
-    };
     // clang-format off
+    struct Row { const char* label; os::HANDLE handle; };
     const Row rows[] = {
         {"null", nullptr},
         {"INVALID_HANDLE_VALUE", os::INVALID_HANDLE_VALUE},

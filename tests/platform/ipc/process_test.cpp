@@ -60,13 +60,17 @@ FIKIV_CHILD_ROLE(holdFile) {
     return waitForFile(arguments.at(2)) ? 0 : 1;
 }
 
-os::DWORD adjustDebugPrivilege(os::HANDLE token, os::DWORD attributes, os::BOOL* result) {
+// Sets the debug privilege of `token` to `attributes`; the last error that
+// AdjustTokenPrivileges left, or 1 when it failed.
+os::DWORD adjustDebugPrivilege(os::HANDLE token, os::DWORD attributes) {
     os::TOKEN_PRIVILEGES privileges{};
     privileges.PrivilegeCount = 1;
     os::LookupPrivilegeValueW(nullptr, u"SeDebugPrivilege", &privileges.Privileges[0].Luid);
     privileges.Privileges[0].Attributes = attributes;
     os::SetLastError(0xdeadbeef);
-    *result = os::AdjustTokenPrivileges(token, os::FALSE, &privileges, 0, nullptr, nullptr);
+    if (!os::AdjustTokenPrivileges(token, os::FALSE, &privileges, 0, nullptr, nullptr)) {
+        return 1;
+    }
     return os::GetLastError();
 }
 
@@ -78,40 +82,28 @@ FIKIV_CHILD_ROLE(takeWithDebugPrivilege) {
     auto pid = static_cast<os::DWORD>(std::stoul(arguments.at(0)));
     os::HANDLE remote = handleOf(std::stoull(arguments.at(1)));
     os::HANDLE token = nullptr;
-    checks.check(
-        os::OpenProcessToken(os::GetCurrentProcess(), os::TOKEN_ADJUST_PRIVILEGES | os::TOKEN_QUERY,
-                             &token) == os::TRUE,
-        "token opened");
-    os::BOOL ok = os::FALSE;
-    checks.check(adjustDebugPrivilege(token, 0, &ok) == os::ERROR_SUCCESS && ok, "disabled");
-
+    FIKIV_CHILD_FAIL_IF(checks, !os::OpenProcessToken(os::GetCurrentProcess(),
+                                                      os::TOKEN_ADJUST_PRIVILEGES | os::TOKEN_QUERY,
+                                                      &token));
+    FIKIV_CHILD_FAIL_IF(checks, adjustDebugPrivilege(token, 0) != os::ERROR_SUCCESS);
     os::SetLastError(0xdeadbeef);
-    checks.check(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid) == nullptr,
-                 "refused without the privilege");
-    checks.check(os::GetLastError() == os::ERROR_ACCESS_DENIED, "access denied",
-                 os::GetLastError());
+    FIKIV_CHILD_FAIL_IF(checks, os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid) != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_ACCESS_DENIED);
 
-    checks.check(
-        adjustDebugPrivilege(token, os::SE_PRIVILEGE_ENABLED, &ok) == os::ERROR_SUCCESS && ok,
-        "enabled");
+    FIKIV_CHILD_FAIL_IF(checks, adjustDebugPrivilege(token, os::SE_PRIVILEGE_ENABLED) != 0);
     os::UniqueHandle process(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid));
     checks.check(process.valid(), "opened with the privilege", os::GetLastError());
     os::HANDLE copy = nullptr;
     checks.check(os::DuplicateHandle(process.get(), remote, os::GetCurrentProcess(), &copy, 0,
                                      os::FALSE, os::DUPLICATE_SAME_ACCESS) == os::TRUE,
                  "duplicated", os::GetLastError());
-    checks.check(readsPayload(copy), "the copy reads the file");
+    FIKIV_CHILD_FAIL_IF(checks, !readsPayload(copy));
     os::CloseHandle(copy);
 
-    checks.check(
-        adjustDebugPrivilege(token, os::SE_PRIVILEGE_REMOVED, &ok) == os::ERROR_SUCCESS && ok,
-        "removed");
-    checks.check(
-        adjustDebugPrivilege(token, os::SE_PRIVILEGE_ENABLED, &ok) == os::ERROR_NOT_ALL_ASSIGNED &&
-            ok,
-        "cannot be enabled once removed");
-    checks.check(os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid) == nullptr,
-                 "refused again");
+    FIKIV_CHILD_FAIL_IF(checks, adjustDebugPrivilege(token, os::SE_PRIVILEGE_REMOVED) != 0);
+    FIKIV_CHILD_FAIL_IF(checks, adjustDebugPrivilege(token, os::SE_PRIVILEGE_ENABLED) !=
+                                    os::ERROR_NOT_ALL_ASSIGNED);
+    FIKIV_CHILD_FAIL_IF(checks, os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid) != nullptr);
     os::CloseHandle(token);
     return checks.failures();
 }
@@ -219,11 +211,8 @@ TEST_F(ProcessTest, DuplicateHandleTakesADescriptorOfAnotherProcess) {
 TEST_F(ProcessTest, OpenProcessOfProcessesThatDoNotExist) {
     pid_t gone = testsupport::startChild("holdFile", {"/nonexistent/file", "-", "-"});
     ASSERT_EQ(testsupport::waitChild(gone), 1);
-    struct Row {
-        const char* label;
-        os::DWORD pid;
-    };
     // clang-format off
+    struct Row { const char* label; os::DWORD pid; };
     const Row rows[] = {
         {"ended and reaped", static_cast<os::DWORD>(gone)},
         {"id 0", 0},
