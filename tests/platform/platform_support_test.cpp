@@ -12,6 +12,7 @@
 #include "os/debug.h"
 #include "os/error.h"
 #include "os/eventlog.h"
+#include "platform_test_util.h"
 #include "sim/eventlog.h"
 #include "sim/hooks.h"
 #include "support/child_process.h"
@@ -19,11 +20,7 @@
 
 namespace {
 
-constexpr os::DWORD kUntouched = 0xDEADBEEF;
-
-nlohmann::json smallMachine() {
-    return {{"volumes", {testsupport::TempMachine::volume(1, {"C:\\"})}}};
-}
+using platformtest::kUntouched;
 
 TEST(CoGetCurrentProcessTest, StablePerThreadAndNeverReused) {
     const os::DWORD mine = os::CoGetCurrentProcess();
@@ -96,35 +93,31 @@ TEST(OutputDebugStringWTest, RecordsUtf8AndKeepsLastError) {
 }
 
 TEST(EventLogTest, ArgumentsAndHandles) {
-    testsupport::TempMachine machine(smallMachine());
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::RegisterEventSourceW(nullptr, u""), nullptr);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(os::RegisterEventSourceW(nullptr, nullptr), nullptr);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(os::RegisterEventSourceW(u"\\\\elsewhere", u"fikiv"), nullptr);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_PARAMETER);
-
+    testsupport::TempMachine machine(platformtest::smallMachine());
+    const auto fails = [](auto call, os::DWORD error) {
+        os::SetLastError(kUntouched);
+        return !call() && os::GetLastError() == error;
+    };
     const char16_t* text[] = {u"x"};
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(
-        os::ReportEventW(nullptr, os::EVENTLOG_ERROR_TYPE, 0, 1, nullptr, 1, 0, text, nullptr),
-        os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    const auto report = [&text](os::HANDLE source) {
+        return os::ReportEventW(source, os::EVENTLOG_ERROR_TYPE, 0, 1, nullptr, 1, 0, text, nullptr);
+    };
+    constexpr os::DWORD kInvalid = os::ERROR_INVALID_PARAMETER;
+    EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(nullptr, u""); }, kInvalid));
+    EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(nullptr, nullptr); }, kInvalid));
+    EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(u"\\\\elsewhere", u"fikiv"); }, kInvalid));
+    EXPECT_TRUE(fails([&] { return report(nullptr); }, os::ERROR_INVALID_HANDLE));
 
     os::HANDLE source = os::RegisterEventSourceW(nullptr, u"fikiv");
     ASSERT_NE(source, nullptr);
     EXPECT_EQ(os::DeregisterEventSource(source), os::TRUE);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::ReportEventW(source, os::EVENTLOG_ERROR_TYPE, 0, 1, nullptr, 1, 0, text, nullptr),
-              os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(fails([&] { return report(source); }, os::ERROR_INVALID_HANDLE));
     EXPECT_EQ(os::DeregisterEventSource(source), os::FALSE);
     EXPECT_TRUE(sim::readEventLog().empty());
 }
 
 TEST(EventLogTest, RecordsReadBackInOrder) {
-    testsupport::TempMachine machine(smallMachine());
+    testsupport::TempMachine machine(platformtest::smallMachine());
     os::HANDLE source = os::RegisterEventSourceW(nullptr, u"fikiv \u00E9");
     ASSERT_NE(source, nullptr);
     const char16_t* two[] = {u"first \"quoted\"\n", u"second"};
@@ -169,7 +162,7 @@ FIKIV_CHILD_ROLE(eventWriter) {
 }
 
 TEST(EventLogTest, SeveralProcessesAppendWholeRecords) {
-    testsupport::TempMachine machine(smallMachine());
+    testsupport::TempMachine machine(platformtest::smallMachine());
     std::vector<pid_t> children;
     for (int i = 0; i < 3; ++i) {
         children.push_back(testsupport::startChild("eventWriter"));

@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "os/error.h"
@@ -16,6 +15,7 @@
 #include "sim/hooks.h"
 #include "sim/observer.h"
 #include "platform/platform_test_util.h"
+#include "support/scripted_pipe_server.h"
 #include "support/temp_machine.h"
 
 namespace {
@@ -46,8 +46,7 @@ class ObserverTest : public ::testing::Test {
         sim::useVirtualClock(false);
     }
     std::u16string pipeName(const char* base) const {
-        std::string name = std::string("\\\\.\\pipe\\") + base + "." + std::to_string(getpid());
-        return std::u16string(name.begin(), name.end());
+        return testsupport::utf16("\\\\.\\pipe\\" + (base + ("." + std::to_string(getpid()))));
     }
 
     TempMachine machine_{platformtest::smallMachine()};
@@ -82,34 +81,18 @@ TEST_F(ObserverTest, SeesAFailedExchangeWithItsErrorAndKeepsTheLastError) {
 }
 
 TEST_F(ObserverTest, SeesTheReplyOfAServedExchange) {
-    std::u16string name = pipeName("served");
-    os::UniqueHandle pipe(
-        os::CreateNamedPipeW(name.c_str(), os::PIPE_ACCESS_DUPLEX,
-                             os::PIPE_TYPE_MESSAGE | os::PIPE_READMODE_MESSAGE | os::PIPE_WAIT, 1,
-                             4096, 4096, 0, nullptr));
-    ASSERT_TRUE(pipe.valid()) << os::GetLastError();
-    std::thread server([&pipe] {
-        os::ConnectNamedPipe(pipe.get(), nullptr);
-        unsigned char request[536] = {};
-        os::DWORD got = 0;
-        os::ReadFile(pipe.get(), request, sizeof(request), &got, nullptr);
-        unsigned char reply[528] = {};
-        reply[0] = 0xE7;  // status 231 as an agent would answer it
-        os::DWORD written = 0;
-        os::WriteFile(pipe.get(), reply, sizeof(reply), &written, nullptr);
-        os::DisconnectNamedPipe(pipe.get());
-    });
+    testsupport::ScriptedPipeServer agent;
+    agent.scriptStatuses({231});
     unsigned char request[536] = {3};
     unsigned char reply[528] = {};
     os::DWORD read = 0;
-    os::BOOL ok =
-        os::CallNamedPipeW(name.c_str(), request, sizeof(request), reply, sizeof(reply), &read, 0);
-    server.join();
-    ASSERT_EQ(ok, os::TRUE) << os::GetLastError();
+    ASSERT_TRUE(os::CallNamedPipeW(u"\\\\.\\Pipe\\ORBHandleRendevous", request, sizeof(request),
+                                   reply, sizeof(reply), &read, 0))
+        << os::GetLastError();
     ASSERT_EQ(seen_.exchanges.size(), 1u);
     EXPECT_TRUE(seen_.exchanges[0].succeeded);
     ASSERT_EQ(seen_.replies[0].size(), 528u);
-    EXPECT_EQ(seen_.replies[0][0], 0xE7);
+    EXPECT_EQ(seen_.replies[0][0], 231);  // the status, little-endian
 }
 
 TEST_F(ObserverTest, AnEmptyObserverSeesNothing) {
