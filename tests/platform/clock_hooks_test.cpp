@@ -101,16 +101,6 @@ TEST(FaultInjectionTest, MissingKernel32HasNoModuleHandle) {
     EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
 }
 
-class VirtualClockTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        sim::useVirtualClock(true);
-        sim::clearRecordedSleeps();
-        sim::clearRecordedWaits();
-    }
-    void TearDown() override { sim::useVirtualClock(false); }
-};
-
 std::int64_t epochMs(const os::SYSTEMTIME& time) {
     std::tm parts{};
     parts.tm_year = time.wYear - 1900;
@@ -122,7 +112,8 @@ std::int64_t epochMs(const os::SYSTEMTIME& time) {
     return static_cast<std::int64_t>(timegm(&parts)) * 1000 + time.wMilliseconds;
 }
 
-TEST_F(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
+TEST(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
+    platformtest::VirtualClock clock;
     const std::uint64_t calls = sim::callCount("Sleep");
     const os::ULONGLONG ticks = os::GetTickCount64();
     os::SYSTEMTIME before{};

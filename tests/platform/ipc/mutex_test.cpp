@@ -278,16 +278,6 @@ TEST_F(MutexTest, OwnerThreadEndingLeavesItAbandoned) {
     EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
 }
 
-// Turns the virtual clock on for one test.
-class VirtualClock {
-  public:
-    VirtualClock() {
-        sim::useVirtualClock(true);
-        sim::clearRecordedWaits();
-    }
-    ~VirtualClock() { sim::useVirtualClock(false); }
-};
-
 TEST_F(MutexTest, TimeOutOnTheVirtualClockPassesWithoutBlocking) {
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name("fikiv_ipc_virtual").c_str()));
     ASSERT_TRUE(mutex.valid());
@@ -301,7 +291,7 @@ TEST_F(MutexTest, TimeOutOnTheVirtualClockPassesWithoutBlocking) {
     });
     taken.get_future().wait();
 
-    VirtualClock clock;
+    platformtest::VirtualClock clock;
     std::uint64_t start = sim::nowMs();
     EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 10000), os::WAIT_TIMEOUT);
     EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_TIMEOUT);

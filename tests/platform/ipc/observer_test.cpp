@@ -41,10 +41,7 @@ class ObserverTest : public ::testing::Test {
                 },
         });
     }
-    void TearDown() override {
-        sim::setPlatformObserver({});
-        sim::useVirtualClock(false);
-    }
+    void TearDown() override { sim::setPlatformObserver({}); }
     std::u16string pipeName(const char* base) const {
         return testsupport::utf16("\\\\.\\pipe\\" + (base + ("." + std::to_string(getpid()))));
     }
@@ -54,7 +51,7 @@ class ObserverTest : public ::testing::Test {
 };
 
 TEST_F(ObserverTest, SeesEverySleepBeforeItStarts) {
-    sim::useVirtualClock(true);
+    platformtest::VirtualClock clock;
     os::Sleep(1000);
     os::Sleep(0);
     os::Sleep(250);
@@ -97,7 +94,7 @@ TEST_F(ObserverTest, SeesTheReplyOfAServedExchange) {
 
 TEST_F(ObserverTest, AnEmptyObserverSeesNothing) {
     sim::setPlatformObserver({});
-    sim::useVirtualClock(true);
+    platformtest::VirtualClock clock;
     os::Sleep(1000);
     std::u16string name = pipeName("nobody");
     unsigned char request[536] = {};
