@@ -24,8 +24,8 @@
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/sync.h"
-#include "sim/machine.h"
 #include "platform_test_util.h"
+#include "sim/machine.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 

@@ -16,7 +16,6 @@
 
 #include "os/error.h"
 #include "os/file.h"
-#include "os/handle.h"
 #include "os/version.h"
 #include "os/volume.h"
 #include "platform_test_util.h"

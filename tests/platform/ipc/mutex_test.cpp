@@ -17,10 +17,10 @@
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/sync.h"
+#include "platform/platform_test_util.h"
 #include "sim/clock.h"
 #include "sim/handles.h"
 #include "sim/hooks.h"
-#include "platform/platform_test_util.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 

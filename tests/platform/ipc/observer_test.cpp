@@ -12,9 +12,9 @@
 #include "os/handle.h"
 #include "os/pipe.h"
 #include "os/time.h"
+#include "platform/platform_test_util.h"
 #include "sim/hooks.h"
 #include "sim/observer.h"
-#include "platform/platform_test_util.h"
 #include "support/scripted_pipe_server.h"
 #include "support/temp_machine.h"
 

@@ -17,8 +17,8 @@
 #include "os/file.h"
 #include "os/handle.h"
 #include "os/pipe.h"
-#include "sim/pipe_client.h"
 #include "platform/platform_test_util.h"
+#include "sim/pipe_client.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 

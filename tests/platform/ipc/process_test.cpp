@@ -15,8 +15,8 @@
 #include "os/error.h"
 #include "os/handle.h"
 #include "os/process.h"
-#include "sim/handles.h"
 #include "platform/platform_test_util.h"
+#include "sim/handles.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
