@@ -93,14 +93,6 @@ TEST(FaultInjectionTest, FaultsListedInTheMachineFileApplyFromTheStart) {
     EXPECT_NE(os::GetProcAddress(kernel32, "FindNextVolumeW"), nullptr);
 }
 
-TEST(FaultInjectionTest, MissingKernel32HasNoModuleHandle) {
-    TempMachine machine(platformtest::nestedMachine());
-    sim::makeLibraryMissing("Kernel32.dll");
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::GetModuleHandleW(u"kernel32.dll"), nullptr);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
-}
-
 std::int64_t epochMs(const os::SYSTEMTIME& time) {
     std::tm parts{};
     parts.tm_year = time.wYear - 1900;

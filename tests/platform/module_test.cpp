@@ -116,13 +116,6 @@ TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
     struct Row { const char* name; os::FARPROC expected; };
     const Row rows[] = {
         {"FindFirstVolumeW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeW)},
-        {"FindNextVolumeW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeW)},
-        {"FindVolumeClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeClose)},
-        {"FindFirstVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeMountPointW)},
-        {"FindNextVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::FindNextVolumeMountPointW)},
-        {"FindVolumeMountPointClose", reinterpret_cast<os::FARPROC>(&os::FindVolumeMountPointClose)},
-        {"GetVolumePathNameW", reinterpret_cast<os::FARPROC>(&os::GetVolumePathNameW)},
-        {"GetVolumeNameForVolumeMountPointW", reinterpret_cast<os::FARPROC>(&os::GetVolumeNameForVolumeMountPointW)},
         {"GetDriveTypeW", reinterpret_cast<os::FARPROC>(&os::GetDriveTypeW)},
         {"findfirstvolumew", nullptr},
         {"FindFirstVolumeA", nullptr},
@@ -145,6 +138,11 @@ TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
     EXPECT_TRUE(os::FindVolumeClose(find));
     EXPECT_TRUE(os::FreeLibrary(kernel32));
     EXPECT_TRUE(os::DisableThreadLibraryCalls(kernel32));
+
+    sim::makeLibraryMissing("Kernel32.dll");
+    os::SetLastError(kUntouched);
+    EXPECT_EQ(os::GetModuleHandleW(u"kernel32.dll"), nullptr);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
 }
 
 }  // namespace

@@ -39,13 +39,12 @@ FIKIV_CHILD_ROLE(mutexWait) {
     auto timeout = static_cast<os::DWORD>(std::stoul(arguments.at(1)));
     auto expected = static_cast<os::DWORD>(std::stoul(arguments.at(2)));
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name.c_str()));
-    checks.check(mutex.valid(), "mutex opened");
-    checks.check(os::GetLastError() == os::ERROR_ALREADY_EXISTS, "mutex existed",
-                 os::GetLastError());
+    FIKIV_CHILD_FAIL_IF(checks, !mutex.valid());
+    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_ALREADY_EXISTS);
     os::DWORD result = os::WaitForSingleObject(mutex.get(), timeout);
     checks.check(result == expected, "wait result", result);
     if (result == os::WAIT_OBJECT_0 || result == os::WAIT_ABANDONED) {
-        checks.check(os::ReleaseMutex(mutex.get()) == os::TRUE, "release");
+        FIKIV_CHILD_FAIL_IF(checks, !os::ReleaseMutex(mutex.get()));
     }
     return checks.failures();
 }
@@ -72,18 +71,18 @@ FIKIV_CHILD_ROLE(mutexCount) {
     std::u16string name = testsupport::utf16(arguments.at(0));
     std::filesystem::path directory = arguments.at(1);
     int iterations = std::stoi(arguments.at(2));
-    checks.check(waitForFile(directory / "start"), "start file");
+    FIKIV_CHILD_FAIL_IF(checks, !waitForFile(directory / "start"));
     os::SetLastError(0xdeadbeef);
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name.c_str()));
     os::DWORD created = os::GetLastError();
-    checks.check(mutex.valid(), "mutex created");
+    FIKIV_CHILD_FAIL_IF(checks, !mutex.valid());
     publishFile(directory / ("created." + std::to_string(getpid())), std::to_string(created));
 
     int counter = open((directory / "counter").c_str(), O_RDWR);
-    checks.check(counter >= 0, "counter file");
+    FIKIV_CHILD_FAIL_IF(checks, counter < 0);
     for (int i = 0; i < iterations; ++i) {
-        if (!checks.check(os::WaitForSingleObject(mutex.get(), os::INFINITE) == os::WAIT_OBJECT_0,
-                          "wait")) {
+        if (!FIKIV_CHILD_FAIL_IF(checks, os::WaitForSingleObject(mutex.get(), os::INFINITE) !=
+                                            os::WAIT_OBJECT_0)) {
             break;
         }
         int value = 0;
