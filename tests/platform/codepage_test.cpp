@@ -69,7 +69,7 @@ TEST(WideCharToMultiByteTest, Table) {
         const char16_t* units;
         int unitCount;  // -1: up to and including the terminator
         os::DWORD flags;
-        int outputCount;  // 0: a size query without output buffer
+        int outputCount;   // 0: a size query without output buffer
         bool defaultChar;  // passes a default character
         bool usedDefault;  // asks whether it was used
         int result;

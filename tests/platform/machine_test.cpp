@@ -230,9 +230,8 @@ TEST(DefaultMachineTest, IsWrittenUnderTheRuntimeDirectoryOnFirstUse) {
         holder.directory() / ("fikiv-" + std::to_string(getuid())) / "default" / "machine.json";
     EXPECT_EQ(sim::Machine::current().file(), file);
     // Volume directories are made on first use, not at load.
-    const std::filesystem::path volumeDirectory = file.parent_path() / "machine.state" /
-                                                  "volumes" /
-                                                  "{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a01}";
+    const std::filesystem::path volumeDirectory =
+        file.parent_path() / "machine.state" / "volumes" / "{6e2b1a10-3c4d-4e5f-8a9b-0c1d2e3f4a01}";
     EXPECT_FALSE(std::filesystem::exists(volumeDirectory.parent_path()));
     EXPECT_EQ(os::GetFileAttributesW(u"C:\\"), os::FILE_ATTRIBUTE_DIRECTORY);
     EXPECT_TRUE(std::filesystem::is_directory(volumeDirectory));

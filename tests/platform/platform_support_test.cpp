@@ -100,12 +100,14 @@ TEST(EventLogTest, ArgumentsAndHandles) {
     };
     const char16_t* text[] = {u"x"};
     const auto report = [&text](os::HANDLE source) {
-        return os::ReportEventW(source, os::EVENTLOG_ERROR_TYPE, 0, 1, nullptr, 1, 0, text, nullptr);
+        return os::ReportEventW(source, os::EVENTLOG_ERROR_TYPE, 0, 1, nullptr, 1, 0, text,
+                                nullptr);
     };
     constexpr os::DWORD kInvalid = os::ERROR_INVALID_PARAMETER;
     EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(nullptr, u""); }, kInvalid));
     EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(nullptr, nullptr); }, kInvalid));
-    EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(u"\\\\elsewhere", u"fikiv"); }, kInvalid));
+    EXPECT_TRUE(
+        fails([] { return os::RegisterEventSourceW(u"\\\\elsewhere", u"fikiv"); }, kInvalid));
     EXPECT_TRUE(fails([&] { return report(nullptr); }, os::ERROR_INVALID_HANDLE));
 
     os::HANDLE source = os::RegisterEventSourceW(nullptr, u"fikiv");

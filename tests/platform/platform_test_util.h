@@ -117,9 +117,9 @@ inline ::testing::AssertionResult filled(bool succeeded, const CanaryBuffer& buf
         return ::testing::AssertionSuccess();
     }
     if (buffer.text() != expected) {
-        return ::testing::AssertionFailure() << "wrote \"" << testsupport::utf8(buffer.text())
-                                             << "\", expected \"" << testsupport::utf8(expected)
-                                             << "\"";
+        return ::testing::AssertionFailure()
+               << "wrote \"" << testsupport::utf8(buffer.text()) << "\", expected \""
+               << testsupport::utf8(expected) << "\"";
     }
     return ::testing::AssertionSuccess();
 }

@@ -37,10 +37,10 @@ Converted<Output> converted(const Input& input, Call call) {
 }
 
 Converted<std::u16string> toWide(const std::string& bytes, os::DWORD flags) {
-    return converted<std::u16string>(bytes, [flags](const char* in, int count, char16_t* out,
-                                                    int size) {
-        return os::MultiByteToWideChar(os::CP_UTF8, flags, in, count, out, size);
-    });
+    return converted<std::u16string>(
+        bytes, [flags](const char* in, int count, char16_t* out, int size) {
+            return os::MultiByteToWideChar(os::CP_UTF8, flags, in, count, out, size);
+        });
 }
 
 Converted<std::string> toNarrow(const std::u16string& units, os::DWORD flags) {

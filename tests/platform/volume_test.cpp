@@ -163,7 +163,8 @@ TEST(EmptyMachineTest, FindFirstVolumeHasNoMoreFiles) {
     TempMachine machine(nlohmann::json{{"volumes", nlohmann::json::array()}});
     CanaryBuffer buffer(50);
     os::SetLastError(kUntouched);
-    const bool found = os::FindFirstVolumeW(buffer.data(), buffer.length()) != os::INVALID_HANDLE_VALUE;
+    const bool found =
+        os::FindFirstVolumeW(buffer.data(), buffer.length()) != os::INVALID_HANDLE_VALUE;
     EXPECT_TRUE(filled(found, buffer, os::ERROR_NO_MORE_FILES));
 }
 
@@ -205,7 +206,8 @@ TEST_F(NestedMachineTest, MountPointsLiveOnTheVolumeThatHoldsTheirFolder) {
 }
 
 TEST_F(NestedMachineTest, MountPointBufferRows) {
-    const auto first = firstOfSearch(&os::FindFirstVolumeMountPointW, &os::FindVolumeMountPointClose);
+    const auto first =
+        firstOfSearch(&os::FindFirstVolumeMountPointW, &os::FindVolumeMountPointClose);
     const auto noBuffer = firstOfSearch(&os::FindFirstVolumeMountPointW,
                                         &os::FindVolumeMountPointClose, /*nullBuffer=*/true);
     // clang-format off

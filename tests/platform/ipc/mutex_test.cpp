@@ -28,8 +28,8 @@ namespace {
 
 using testsupport::ChildChecks;
 using testsupport::publishFile;
-using testsupport::waitForFile;
 using testsupport::TempMachine;
+using testsupport::waitForFile;
 
 // Opens the mutex `name` and expects that it exists, waits for it and checks
 // the result; releases what it obtained.
@@ -81,8 +81,8 @@ FIKIV_CHILD_ROLE(mutexCount) {
     int counter = open((directory / "counter").c_str(), O_RDWR);
     FIKIV_CHILD_FAIL_IF(checks, counter < 0);
     for (int i = 0; i < iterations; ++i) {
-        if (!FIKIV_CHILD_FAIL_IF(checks, os::WaitForSingleObject(mutex.get(), os::INFINITE) !=
-                                            os::WAIT_OBJECT_0)) {
+        if (!FIKIV_CHILD_FAIL_IF(
+                checks, os::WaitForSingleObject(mutex.get(), os::INFINITE) != os::WAIT_OBJECT_0)) {
             break;
         }
         int value = 0;
@@ -253,8 +253,8 @@ TEST_F(MutexTest, OwnerProcessKilledLeavesItAbandoned) {
     // Our own handle keeps the mutex alive after its owner is gone.
     os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
     ASSERT_TRUE(mutex.valid());
-    pid_t holder = testsupport::startChild(
-        "mutexHoldUntilKilled", {testsupport::utf8(mutexName), ready.string()});
+    pid_t holder = testsupport::startChild("mutexHoldUntilKilled",
+                                           {testsupport::utf8(mutexName), ready.string()});
     ASSERT_TRUE(waitForFile(ready));
     EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_TIMEOUT);
     kill(holder, SIGKILL);
@@ -319,8 +319,8 @@ TEST_F(MutexTest, ProcessesCreatingAtOnceShareOneMutex) {
     std::vector<pid_t> children;
     for (int i = 0; i < kProcesses; ++i) {
         children.push_back(testsupport::startChild(
-            "mutexCount", {testsupport::utf8(mutexName), directory.string(),
-                           std::to_string(kIterations)}));
+            "mutexCount",
+            {testsupport::utf8(mutexName), directory.string(), std::to_string(kIterations)}));
     }
     publishFile(directory / "start", "");
 

@@ -26,8 +26,8 @@ namespace {
 
 using testsupport::ChildChecks;
 using testsupport::publishFile;
-using testsupport::waitForFile;
 using testsupport::TempMachine;
+using testsupport::waitForFile;
 
 constexpr os::DWORD kRequestSize = 536;
 constexpr os::DWORD kReplySize = 528;
@@ -64,8 +64,8 @@ FIKIV_CHILD_ROLE(echoServer) {
         FIKIV_CHILD_FAIL_IF(checks, !os::ReadFile(pipe.get(), request.data(), 1024, &got, nullptr));
         checks.check(got == kRequestSize, "request size", got);
         request.resize(got);
-        FIKIV_CHILD_FAIL_IF(checks, !os::WriteFile(pipe.get(), echoOf(request).data(), kReplySize,
-                                                   &got, nullptr));
+        FIKIV_CHILD_FAIL_IF(
+            checks, !os::WriteFile(pipe.get(), echoOf(request).data(), kReplySize, &got, nullptr));
         FIKIV_CHILD_FAIL_IF(checks, !os::DisconnectNamedPipe(pipe.get()));
     }
     return checks.failures();
@@ -349,8 +349,7 @@ TEST_F(PipeTest, RoundTripWithAServerInAnotherProcess) {
     std::u16string name = pipeName("fikiv_pipe_echo");
     std::filesystem::path ready = machine_.directory() / "serving";
     pid_t server = testsupport::startChild(
-        "echoServer",
-        {testsupport::utf8(name), ready.string(), std::to_string(kRequests)});
+        "echoServer", {testsupport::utf8(name), ready.string(), std::to_string(kRequests)});
     ASSERT_TRUE(waitForFile(ready));
 
     os::SetLastError(0xdeadbeef);
@@ -373,8 +372,8 @@ TEST_F(PipeTest, RoundTripWithAServerInAnotherProcess) {
 TEST_F(PipeTest, KilledServerLeavesTheNameFree) {
     std::u16string name = pipeName("fikiv_pipe_killed");
     std::filesystem::path ready = machine_.directory() / "serving";
-    pid_t server = testsupport::startChild("pipeHoldUntilKilled",
-                                           {testsupport::utf8(name), ready.string()});
+    pid_t server =
+        testsupport::startChild("pipeHoldUntilKilled", {testsupport::utf8(name), ready.string()});
     ASSERT_TRUE(waitForFile(ready));
     kill(server, SIGKILL);
     testsupport::waitChild(server);

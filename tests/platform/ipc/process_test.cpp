@@ -24,8 +24,8 @@ namespace {
 
 using testsupport::ChildChecks;
 using testsupport::publishFile;
-using testsupport::waitForFile;
 using testsupport::TempMachine;
+using testsupport::waitForFile;
 
 const std::string kPayload = "snapshot volume stand-in";
 
@@ -82,9 +82,9 @@ FIKIV_CHILD_ROLE(takeWithDebugPrivilege) {
     auto pid = static_cast<os::DWORD>(std::stoul(arguments.at(0)));
     os::HANDLE remote = handleOf(std::stoull(arguments.at(1)));
     os::HANDLE token = nullptr;
-    FIKIV_CHILD_FAIL_IF(checks, !os::OpenProcessToken(os::GetCurrentProcess(),
-                                                      os::TOKEN_ADJUST_PRIVILEGES | os::TOKEN_QUERY,
-                                                      &token));
+    FIKIV_CHILD_FAIL_IF(
+        checks, !os::OpenProcessToken(os::GetCurrentProcess(),
+                                      os::TOKEN_ADJUST_PRIVILEGES | os::TOKEN_QUERY, &token));
     FIKIV_CHILD_FAIL_IF(checks, adjustDebugPrivilege(token, 0) != os::ERROR_SUCCESS);
     os::SetLastError(0xdeadbeef);
     FIKIV_CHILD_FAIL_IF(checks, os::OpenProcess(os::PROCESS_DUP_HANDLE, os::FALSE, pid) != nullptr);
