@@ -26,7 +26,6 @@
 //
 // Prints the faults injected and survived and lists those that were not;
 // exits 1 when any was not survived, 2 when the sweep itself cannot run.
-#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -43,21 +42,12 @@
 #include "sim/hooks.h"
 #include "support/agent_client.h"
 #include "support/leftovers.h"
-#include "support/temp_machine.h"
 
 namespace faultsweep {
 namespace {
 
-namespace fs = std::filesystem;
+using robustness::AgentMachine;
 using robustness::ChildResult;
-using robustness::LifecycleOptions;
-using robustness::machineWith;
-using robustness::runInChild;
-using robustness::runLifecycle;
-using testsupport::TempMachine;
-
-// A lifecycle on the virtual clock takes well under a second.
-constexpr unsigned kChildSeconds = 60;
 
 struct Fault {
     std::string function;
@@ -95,71 +85,33 @@ constexpr Scenario kScenarios[] = {
 
 // One lifecycle of C: and D: in a child, with `fault` armed if there is one.
 ChildResult runFault(const Scenario& scenario, const std::optional<Fault>& fault) {
-    return runInChild(
-        [&scenario, &fault] {
-            LifecycleOptions options;
-            options.volumes = {robustness::sourceDrive(1), robustness::sourceDrive(2)};
-            if (fault.has_value()) {
-                options.beforeLoad = [&fault] {
-                    sim::injectFault(fault->function, fault->error,
-                                     static_cast<std::uint32_t>(fault->call - 1), 1);
-                };
-                options.descriptorsMayLeak = fault->closesHandle;
-            }
-            if (scenario.agentHandles) {
-                // Every later open fails (the one-shot fault of the sweep
-                // still counts its calls from the start).
-                options.afterTake = [] {
-                    sim::injectFault("KIV_Open", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
-                };
-            }
-            return runLifecycle(options, countedFunctions());
-        },
-        kChildSeconds);
+    robustness::LifecycleOptions options;
+    if (fault.has_value()) {
+        options.beforeLoad = [&fault] {
+            sim::injectFault(fault->function, fault->error,
+                             static_cast<std::uint32_t>(fault->call - 1), 1);
+        };
+        options.descriptorsMayLeak = fault->closesHandle;
+    }
+    if (scenario.agentHandles) {
+        // Every later open fails (the one-shot fault of the sweep still
+        // counts its calls from the start).
+        options.afterTake = [] {
+            sim::injectFault("KIV_Open", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
+        };
+    }
+    return robustness::lifecycleInChild(options, countedFunctions());
 }
 
-// The machine and its agent, restarted clean after a fault left something.
-class Bench {
-  public:
-    Bench() : machine_(machineWith(2)) {}
-
-    bool startAgent() {
-        agent_.emplace(KIVAGENT_PATH);
-        host::Status started = agent_->start();
-        if (!started.isOk()) {
-            std::cerr << "fault_sweep: the agent did not start: " << started.toString() << "\n";
-        }
-        return started.isOk();
-    }
-
-    bool agentRunning() const { return agent_.has_value() && agent_->running(); }
-
-    // What the last lifecycle left. One exchange with the agent first: the
-    // agent lets go of handles to destroyed snapshot volumes (left when a
-    // release failed and the provider went on to destroy) at its next
-    // exchange, as it would at the next snapshot.
-    std::vector<std::string> leftovers() const {
-        testsupport::exchangeWithAgent(orbhandle::kRetrieveHandle, u"\\\\?\\FaultSweepProbe:", 0,
-                                       os::NMPWAIT_WAIT_FOREVER);
-        return testsupport::machineLeftovers(machine_.directory());
-    }
-
-    // Stops the agent, removes the machine's state and every cache file, and
-    // starts a new agent.
-    bool reset() {
-        agent_.reset();
-        std::error_code ignored;
-        fs::remove_all(machine_.directory() / "machine.state", ignored);
-        for (const std::string& file : testsupport::cacheFiles(machine_.directory())) {
-            fs::remove(file, ignored);
-        }
-        return startAgent();
-    }
-
-  private:
-    TempMachine machine_;
-    std::optional<host::AgentProcess> agent_;
-};
+// What the last lifecycle left. One exchange with the agent first: the agent
+// lets go of handles to destroyed snapshot volumes (left when a release
+// failed and the provider went on to destroy) at its next exchange, as it
+// would at the next snapshot.
+std::vector<std::string> leftovers(const AgentMachine& bench) {
+    testsupport::exchangeWithAgent(orbhandle::kRetrieveHandle, u"\\\\?\\FaultSweepProbe:", 0,
+                                   os::NMPWAIT_WAIT_FOREVER);
+    return testsupport::machineLeftovers(bench.directory());
+}
 
 struct Tally {
     std::uint64_t injected = 0;
@@ -173,7 +125,7 @@ struct Tally {
 
 // Runs one fault and adds it to the tally; resets the bench when the fault
 // left something behind.
-bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool verbose,
+bool sweepOne(AgentMachine& bench, const Scenario& scenario, const Fault& fault, bool verbose,
               Tally& tally) {
     ++tally.injected;
     ChildResult result = runFault(scenario, fault);
@@ -185,7 +137,7 @@ bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool v
             problems.push_back(problem.get<std::string>());
         }
     }
-    for (const std::string& left : bench.leftovers()) {
+    for (const std::string& left : leftovers(bench)) {
         problems.push_back("left behind: " + left);
     }
     bool agentAlive = bench.agentRunning();
@@ -206,13 +158,7 @@ bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool v
             ++tally.retriedDispose;
         }
         if (verbose) {
-            std::cout << fault.describe() << ": "
-                      << (report["failed"].empty() ? std::string("completed")
-                                                   : report["failed"][0].get<std::string>());
-            if (!report["messages"].empty()) {
-                std::cout << " / " << report["messages"].back().get<std::string>();
-            }
-            std::cout << "\n";
+            std::cout << fault.describe() << ": " << result.outcome() << "\n";
         }
     }
     if (problems.empty()) {
@@ -225,16 +171,16 @@ bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool v
     }
     tally.notSurvived.push_back(line);
     std::cout << "NOT SURVIVED " << line << "\n";
-    return bench.reset();
+    return bench.reset("fault_sweep");
 }
 
 // Sweeps every fallible call of one scenario's lifecycle; false when the
 // sweep cannot go on.
-bool sweepScenario(Bench& bench, const Scenario& scenario, const std::string& only, bool verbose,
-                   Tally& tally) {
+bool sweepScenario(AgentMachine& bench, const Scenario& scenario, const std::string& only,
+                   bool verbose, Tally& tally) {
     ChildResult baseline = runFault(scenario, std::nullopt);
     if (!baseline.report.has_value() || !(*baseline.report)["problems"].empty() ||
-        !(*baseline.report)["failed"].empty() || !bench.leftovers().empty()) {
+        !(*baseline.report)["failed"].empty() || !leftovers(bench).empty()) {
         std::cerr << "fault_sweep: the lifecycle fails without a fault: "
                   << (baseline.report.has_value() ? baseline.report->dump() : baseline.ending)
                   << "\n";
@@ -283,8 +229,8 @@ int sweep(const std::string& only, bool verbose) {
             return 2;
         }
     }
-    Bench bench;
-    if (!bench.startAgent()) {
+    AgentMachine bench(2);
+    if (!bench.startAgent("fault_sweep")) {
         return 2;
     }
     std::cout << "fault sweep: two-volume lifecycle (C: and D:, caches on E:) with a real "
