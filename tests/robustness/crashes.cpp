@@ -32,19 +32,22 @@ using host::ProgressEvent;
 using host::Step;
 using robustness::ChildResult;
 
-// The lifecycle of C: and D:, killed with SIGKILL when `killAt` says so.
-ChildResult killedLifecycle(std::function<bool(const ProgressEvent&)> killAt) {
+bool killedBySignal(const ChildResult& result) {
+    return result.ending == std::string("crashed: ") + strsignal(SIGKILL);
+}
+
+// The lifecycle of C: and D:, killed with SIGKILL as the `occurrence`th
+// `step` starts; whether the signal ended it.
+bool hostKilledAt(Step step, int occurrence = 1) {
+    int seen = 0;
     robustness::LifecycleOptions options;
-    options.progress = [&killAt](const ProgressEvent& event) {
-        if (killAt(event)) {
+    options.progress = [step, occurrence, &seen](const ProgressEvent& event) {
+        if (event.kind == ProgressEvent::Kind::kStep && event.step == step &&
+            ++seen == occurrence) {
             raise(SIGKILL);
         }
     };
-    return robustness::lifecycleInChild(options);
-}
-
-bool stepStarts(const ProgressEvent& event, Step step) {
-    return event.kind == ProgressEvent::Kind::kStep && event.step == step;
+    return killedBySignal(robustness::lifecycleInChild(options));
 }
 
 struct Tally {
@@ -111,10 +114,6 @@ void report(const char* scenario, const Tally& tally) {
     }
 }
 
-bool killedBySignal(const ChildResult& result) {
-    return result.ending == std::string("crashed: ") + strsignal(SIGKILL);
-}
-
 // The agent is killed while the host holds a snapshot; a new agent serves
 // the dispose.
 bool agentKilledWhileHolding(robustness::AgentMachine& machine) {
@@ -158,24 +157,10 @@ int main(int argc, char** argv) {
         std::function<bool()> crash;
     };
     const std::vector<Scenario> scenarios = {
-        {"host killed after prepare",
-         [] {
-             return killedBySignal(killedLifecycle(
-                 [](const ProgressEvent& event) { return stepStarts(event, Step::kQuiesce); }));
-         }},
-        {"host killed after make",
-         [] {
-             return killedBySignal(killedLifecycle(
-                 [](const ProgressEvent& event) { return stepStarts(event, Step::kUnquiesce); }));
-         }},
-        {"host killed during dispose",
-         [] {
-             // Between the first volume's dispose and the second's.
-             int disposes = 0;
-             return killedBySignal(killedLifecycle([&disposes](const ProgressEvent& event) {
-                 return stepStarts(event, Step::kDispose) && ++disposes == 2;
-             }));
-         }},
+        {"host killed after prepare", [] { return hostKilledAt(Step::kQuiesce); }},
+        {"host killed after make", [] { return hostKilledAt(Step::kUnquiesce); }},
+        // Between the first volume's dispose and the second's.
+        {"host killed during dispose", [] { return hostKilledAt(Step::kDispose, 2); }},
         {"agent killed while holding handles",
          [&machine] { return agentKilledWhileHolding(machine); }},
         {"provider mutex holder killed", [] { return mutexHolderKilled(); }},

@@ -1,26 +1,14 @@
 // The fault sweep: a two-volume snapshot lifecycle through the plug-in's
-// entry points (load, init, interpose .. dispose, deInitNode, unload), run
-// once to record how often it calls each platform and driver function that
-// can fail, then once for every such call with that call failing, for each
-// error code the function can answer.
-//
-// Each lifecycle runs in a child process of its own (forked from this one,
-// with the virtual clock, so the plug-in's waits cost nothing) against one
-// machine and one real kivagent. A fault survives when:
-//   - the child ends normally within its time (no crash, no hang);
-//   - init answers 0 and every failing entry point answers a documented
-//     status code (3 invalid request, 4 not supported, 5 out of memory,
-//     6 internal failure, 7 no version record);
-//   - the host process has the descriptors it had before loading the plug-in
-//     once it is unloaded (not checked when the fault is on a close: the
-//     injected failure keeps that handle open by definition);
-//   - nothing is left on the machine: no snapshot set in the driver, no cache
-//     file on a volume, no handle in the agent (once the agent has answered
-//     one more exchange: it lets go of handles to destroyed volumes then).
-// A dispose that answers a failure is tried once more without the fault, as
-// a host does; the lifecycle still has to leave nothing behind. The sweep
-// runs twice: with dispose opening the snapshot volumes itself, and with
-// dispose unable to, so that it takes the agent's handles.
+// entry points, run once to count its calls of each platform and driver
+// function that can fail, then once for every such call failing with each
+// error code the function can answer. Each lifecycle runs in a forked child
+// on the virtual clock, against one machine and one real kivagent. A fault
+// is survived when the child ends normally in time, init answers 0, every
+// failing entry point answers a status of the plug-in (3 to 7), the host has
+// no descriptor more than before (unless the fault is on a close), and
+// nothing is left on the machine. A failed dispose is tried once more
+// without the fault, as a host does. Two scenarios: dispose opens the
+// snapshot volumes itself, or cannot and takes the agent's handles.
 //
 //   fault_sweep [--only FUNCTION] [--verbose]
 //
