@@ -33,7 +33,6 @@
 #include "lifecycle.h"
 #include "orbhandle/protocol.h"
 #include "os/error.h"
-#include "os/pipe.h"
 #include "sim/handles.h"
 #include "support/agent_client.h"
 #include "support/leftovers.h"

@@ -22,7 +22,6 @@
 #include <nlohmann/json.hpp>
 
 #include "fault_table.h"
-#include "host/agent_process.h"
 #include "lifecycle.h"
 #include "os/error.h"
 #include "orbhandle/protocol.h"
