@@ -61,20 +61,15 @@ class FakeOperations final : public kivagent::HandleOperations {
     std::uint64_t next_ = 0x1000;
 };
 
-std::vector<unsigned char> makeRequest(std::uint32_t code, os::DWORD pid, std::uint64_t handle,
-                                       const std::u16string& name) {
-    return requestBytes(code, pid, handle, name);
-}
-
 std::vector<unsigned char> registerRequest(const std::u16string& name, std::uint64_t handle = 16,
                                            os::DWORD pid = kCallerPid) {
-    return makeRequest(orbhandle::kRegisterVolumeHandle, pid, handle, name);
+    return requestBytes(orbhandle::kRegisterVolumeHandle, pid, handle, name);
 }
 std::vector<unsigned char> retrieveRequest(const std::u16string& name) {
-    return makeRequest(orbhandle::kRetrieveHandle, kCallerPid, 0, name);
+    return requestBytes(orbhandle::kRetrieveHandle, kCallerPid, 0, name);
 }
 std::vector<unsigned char> releaseRequest(const std::u16string& name) {
-    return makeRequest(orbhandle::kReleaseVolumeHandle, kCallerPid, 0, name);
+    return requestBytes(orbhandle::kReleaseVolumeHandle, kCallerPid, 0, name);
 }
 
 class RequestTest : public ::testing::Test {
@@ -117,14 +112,14 @@ TEST_F(RequestTest, MalformedRequestsAreRefusedAndChangeNothing) {
         {"one byte short", shorter, kCaller, os::ERROR_BAD_LENGTH},
         {"one byte long", longer, kCaller, os::ERROR_BAD_LENGTH},
         {"two requests in one message", twoRequests, kCaller, os::ERROR_BAD_LENGTH},
-        {"code 0", makeRequest(0, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
-        {"code 1", makeRequest(1, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
-        {"code 5", makeRequest(5, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
-        {"code all ones", makeRequest(0xFFFFFFFF, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"code 0", requestBytes(0, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"code 1", requestBytes(1, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"code 5", requestBytes(5, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
+        {"code all ones", requestBytes(0xFFFFFFFF, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
         {"name without NUL", unterminated, kCaller, os::ERROR_INVALID_NAME},
         {"empty name", releaseRequest(u""), kCaller, os::ERROR_INVALID_NAME},
-        {"process id of another process", makeRequest(4, kCallerPid + 1, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
-        {"process id 0", makeRequest(4, 0, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
+        {"process id of another process", requestBytes(4, kCallerPid + 1, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
+        {"process id 0", requestBytes(4, 0, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
         {"caller of another user", releaseRequest(held), {kCallerPid, kAgentUser + 1}, os::ERROR_ACCESS_DENIED},
         {"another user, checked before the size", shorter, {kCallerPid, kAgentUser + 1}, os::ERROR_ACCESS_DENIED},
         {"register of handle 0", registerRequest(held, 0), kCaller, os::ERROR_INVALID_HANDLE},
@@ -149,15 +144,13 @@ TEST_F(RequestTest, MalformedRequestsAreRefusedAndChangeNothing) {
     EXPECT_TRUE(operations_.closed.empty());
 }
 
-TEST_F(RequestTest, NamesUpToTheLimitAndRootCallersAreAccepted) {
-    std::u16string longest(orbhandle::kMaxVolumeNameLength, u'n');
-    EXPECT_EQ(handle(registerRequest(longest)).reply.status, 0u);
-    EXPECT_EQ(handle(releaseRequest(longest), {kCallerPid, 0}).reply.status, 0u)
-        << "root may talk to any user's agent";
-}
-
 TEST_F(RequestTest, RegisterRetrieveReleaseRoundTrip) {
     const std::u16string name = u"\\\\?\\Snap1:";
+    operations_.refuse = os::ERROR_INVALID_HANDLE;
+    EXPECT_EQ(handle(registerRequest(name)).reply.status, os::ERROR_INVALID_HANDLE);
+    EXPECT_EQ(table_.size(), 0u) << "a failed duplication holds nothing";
+    operations_.refuse = 0;
+
     Outcome registered = handle(registerRequest(name, 0x24));
     EXPECT_EQ(registered.reply.status, 0u);
     ASSERT_EQ(operations_.taken.size(), 1u);
@@ -179,6 +172,11 @@ TEST_F(RequestTest, RegisterRetrieveReleaseRoundTrip) {
     EXPECT_EQ(handle(retrieveRequest(name)).reply.status, os::ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(handle(releaseRequest(name)).reply.status, os::ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(operations_.badCloses, 0);
+
+    const std::u16string longest(orbhandle::kMaxVolumeNameLength, u'n');
+    EXPECT_EQ(handle(registerRequest(longest)).reply.status, 0u);
+    EXPECT_EQ(handle(releaseRequest(longest), {kCallerPid, 0}).reply.status, 0u)
+        << "root may talk to any user's agent";
 }
 
 TEST_F(RequestTest, RegisteringAHeldNameAgainKeepsTheNewerHandle) {
@@ -193,40 +191,27 @@ TEST_F(RequestTest, RegisteringAHeldNameAgainKeepsTheNewerHandle) {
     EXPECT_TRUE(operations_.open.empty());
 }
 
-TEST_F(RequestTest, AFailedDuplicationHoldsNothing) {
-    operations_.refuse = os::ERROR_INVALID_HANDLE;
-    Outcome outcome = handle(registerRequest(u"\\\\?\\Snap2:"));
-    EXPECT_EQ(outcome.reply.status, os::ERROR_INVALID_HANDLE);
-    EXPECT_EQ(table_.size(), 0u);
-}
-
-TEST_F(RequestTest, BusyAnswersTheFirstExchangesWhateverTheyHold) {
+// Busy answers the first exchanges whatever they hold; an injected failure
+// answers its status to its own code only, and never to a malformed request.
+TEST_F(RequestTest, InjectedBusyAndFailureStatuses) {
     faults_.setBusy(3);
-    const std::u16string name = u"\\\\?\\Snap3:";
-    std::vector<std::vector<unsigned char>> messages = {
-        registerRequest(name), {1, 2, 3}, registerRequest(name), registerRequest(name)};
+    faults_.setFailure(orbhandle::kRetrieveHandle, 5, /*count=*/2);
+    faults_.setFailure(orbhandle::kReleaseVolumeHandle, 31);
+    const std::u16string name = u"\\\\?\\Snap4:";
+    const std::vector<std::vector<unsigned char>> messages = {
+        registerRequest(name), {1, 2, 3},
+        registerRequest(name), registerRequest(name),
+        retrieveRequest(name), retrieveRequest(name),
+        retrieveRequest(name), releaseRequest(name),
+        releaseRequest(name),  requestBytes(4, kCallerPid + 1, 0, name)};
     std::vector<os::DWORD> statuses;
     for (const auto& message : messages) {
         statuses.push_back(handle(message).reply.status);
     }
-    EXPECT_EQ(statuses, (std::vector<os::DWORD>{231, 231, 231, 0}));
+    EXPECT_EQ(statuses,
+              (std::vector<os::DWORD>{231, 231, 231, 0, 5, 5, 0, 31, 31, os::ERROR_ACCESS_DENIED}));
     EXPECT_EQ(operations_.taken.size(), 1u) << "busy exchanges do nothing";
-}
-
-TEST_F(RequestTest, FailAnswersTheStatusForItsCodeOnly) {
-    faults_.setFailure(orbhandle::kRetrieveHandle, 5, /*count=*/2);
-    faults_.setFailure(orbhandle::kReleaseVolumeHandle, 31);
-    const std::u16string name = u"\\\\?\\Snap4:";
-    EXPECT_EQ(handle(registerRequest(name)).reply.status, 0u);
-    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, 5u);
-    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, 5u);
-    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, 0u) << "only the first two";
-    EXPECT_EQ(handle(releaseRequest(name)).reply.status, 31u);
-    EXPECT_EQ(handle(releaseRequest(name)).reply.status, 31u);
     EXPECT_EQ(table_.size(), 1u) << "a failed release keeps the handle";
-    // A malformed request still gets its own error, not the injected one.
-    EXPECT_EQ(handle(makeRequest(4, kCallerPid + 1, 0, name)).reply.status,
-              os::ERROR_ACCESS_DENIED);
 }
 
 TEST_F(RequestTest, LogLineNamesPeerCodeNameAndStatusOnOneLine) {

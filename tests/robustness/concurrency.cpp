@@ -25,27 +25,23 @@
 #include <iostream>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "host/agent_process.h"
 #include "lifecycle.h"
 #include "orbhandle/protocol.h"
 #include "os/error.h"
-#include "os/pipe.h"
 #include "sim/handles.h"
 #include "support/agent_client.h"
 #include "support/leftovers.h"
-#include "support/temp_machine.h"
+#include "support/wide_text.h"
 
 namespace {
 
 using robustness::Child;
 using robustness::ChildResult;
-using testsupport::TempMachine;
 
 // A snapshot with the real clock waits two seconds per volume.
 constexpr unsigned kChildSeconds = 120;
@@ -74,38 +70,16 @@ struct Signal {
     }
 };
 
-// The outcome of one process, as a user would read it.
-std::string outcomeOf(const ChildResult& result) {
-    if (!result.report.has_value()) {
-        return "no report: " + result.ending;
-    }
-    const nlohmann::json& report = *result.report;
-    if (!report["problems"].empty()) {
-        return "problem: " + report["problems"][0].get<std::string>();
-    }
-    if (report["failed"].empty()) {
-        return "snapshot taken and disposed";
-    }
-    std::string text = report["failed"][0].get<std::string>();
-    if (!report["messages"].empty()) {
-        text += " / " + report["messages"].back().get<std::string>();
-    }
-    return text;
-}
-
 struct ProcessesTally {
     std::map<std::string, int> outcomes;
-    int sharedCache = 0;   // rounds where two live snapshots shared a cache file
-    int leftBehind = 0;    // rounds that left something
-    int badOutcomes = 0;   // a process failed without a status and a message
+    int sharedCache = 0;  // rounds where two live snapshots shared a cache file
+    int leftBehind = 0;   // rounds that left something
+    int badOutcomes = 0;  // a process failed without a status and a message
 };
 
 int runProcesses(int processes, int rounds) {
-    TempMachine machine(robustness::machineWith(processes));
-    std::optional<host::AgentProcess> agent;
-    agent.emplace(KIVAGENT_PATH);
-    if (!agent->start().isOk()) {
-        std::cerr << "concurrency: the agent did not start\n";
+    robustness::AgentMachine machine(processes);
+    if (!machine.startAgent("concurrency")) {
         return 2;
     }
     ProcessesTally tally;
@@ -128,8 +102,7 @@ int runProcesses(int processes, int rounds) {
                         myTaken.send();
                         myGo.receive();
                     };
-                    nlohmann::json report = robustness::runLifecycle(options);
-                    return report;
+                    return robustness::runLifecycle(options);
                 },
                 kChildSeconds));
             taken.back()->closeWriter();
@@ -138,7 +111,8 @@ int runProcesses(int processes, int rounds) {
         for (auto& signal : taken) {
             signal->receive();
         }
-        std::vector<std::string> caches = testsupport::driverSnapshotFields(machine.directory(), "cacheKey");
+        std::vector<std::string> caches =
+            testsupport::driverSnapshotFields(machine.directory(), "cacheKey");
         if (std::set<std::string>(caches.begin(), caches.end()).size() != caches.size()) {
             ++tally.sharedCache;
             std::cout << "round " << round << ": two live snapshots share a cache file\n";
@@ -148,11 +122,10 @@ int runProcesses(int processes, int rounds) {
         }
         for (auto& child : children) {
             ChildResult result = child->wait();
-            std::string outcome = outcomeOf(result);
-            ++tally.outcomes[outcome];
-            bool acted = result.report.has_value() && (*result.report)["problems"].empty() &&
-                         ((*result.report)["failed"].empty() ||
-                          !(*result.report)["messages"].empty());
+            ++tally.outcomes[result.outcome()];
+            bool acted =
+                result.report.has_value() && (*result.report)["problems"].empty() &&
+                ((*result.report)["failed"].empty() || !(*result.report)["messages"].empty());
             if (!acted) {
                 ++tally.badOutcomes;
             }
@@ -176,10 +149,8 @@ int runProcesses(int processes, int rounds) {
 
 int runClients(int exchanges) {
     constexpr int kClients = 8;
-    TempMachine machine(robustness::machineWith(1));
-    host::AgentProcess agent(KIVAGENT_PATH);
-    if (!agent.start().isOk()) {
-        std::cerr << "concurrency: the agent did not start\n";
+    robustness::AgentMachine machine(1);
+    if (!machine.startAgent("concurrency")) {
         return 2;
     }
     std::atomic<int> done{0};
@@ -189,7 +160,8 @@ int runClients(int exchanges) {
     auto client = [&](int number) {
         int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
         auto handle = reinterpret_cast<std::uintptr_t>(sim::handleFromFd(fd));
-        std::string ascii = "\\\\?\\Client" + std::to_string(number) + "Snap";
+        const std::u16string prefix =
+            u"\\\\?\\Client" + testsupport::utf16(std::to_string(number)) + u"Snap";
         int turn = 0;
         // Busy answers are retried at once: they are what is counted.
         // Time-out 0 is the pipe's default wait, the provider's choice.
@@ -205,8 +177,7 @@ int runClients(int exchanges) {
             }
         };
         while (done.load() < exchanges) {
-            std::string text = ascii + std::to_string(turn++) + ":";
-            std::u16string name(text.begin(), text.end());
+            const std::u16string name = prefix + testsupport::utf16(std::to_string(turn++)) + u":";
             if (exchange(orbhandle::kRegisterVolumeHandle, name, handle).status() != 0) {
                 failed++;
                 continue;
@@ -230,9 +201,9 @@ int runClients(int exchanges) {
     }
     std::vector<std::string> held = testsupport::agentHolds(machine.directory());
     std::cout << kClients << " clients, one agent: " << done.load() << " exchanges answered, "
-              << busy.load() << " busy answers (retried), " << failed.load()
-              << " failed, " << lost.load() << " retrieves without the handle, "
-              << held.size() << " handles still held at the end\n";
+              << busy.load() << " busy answers (retried), " << failed.load() << " failed, "
+              << lost.load() << " retrieves without the handle, " << held.size()
+              << " handles still held at the end\n";
     return failed.load() + lost.load() == 0 && held.empty() ? 0 : 1;
 }
 

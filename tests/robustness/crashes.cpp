@@ -18,44 +18,36 @@
 #include <functional>
 #include <iostream>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "host/agent_process.h"
 #include "lifecycle.h"
 #include "os/handle.h"
 #include "os/sync.h"
 #include "support/leftovers.h"
-#include "support/temp_machine.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using host::ProgressEvent;
 using host::Step;
 using robustness::ChildResult;
 
-constexpr unsigned kChildSeconds = 60;
-
-// The lifecycle of C: and D:, killed with SIGKILL when `killAt` says so.
-ChildResult killedLifecycle(std::function<bool(const ProgressEvent&)> killAt) {
-    return robustness::runInChild(
-        [&killAt] {
-            robustness::LifecycleOptions options;
-            options.volumes = {"C:", "D:"};
-            options.progress = [&killAt](const ProgressEvent& event) {
-                if (killAt(event)) {
-                    raise(SIGKILL);
-                }
-            };
-            return robustness::runLifecycle(options);
-        },
-        kChildSeconds);
+bool killedBySignal(const ChildResult& result) {
+    return result.ending == std::string("crashed: ") + strsignal(SIGKILL);
 }
 
-bool stepStarts(const ProgressEvent& event, Step step) {
-    return event.kind == ProgressEvent::Kind::kStep && event.step == step;
+// The lifecycle of C: and D:, killed with SIGKILL as the `occurrence`th
+// `step` starts; whether the signal ended it.
+bool hostKilledAt(Step step, int occurrence = 1) {
+    int seen = 0;
+    robustness::LifecycleOptions options;
+    options.progress = [step, occurrence, &seen](const ProgressEvent& event) {
+        if (event.kind == ProgressEvent::Kind::kStep && event.step == step &&
+            ++seen == occurrence) {
+            raise(SIGKILL);
+        }
+    };
+    return killedBySignal(robustness::lifecycleInChild(options));
 }
 
 struct Tally {
@@ -68,76 +60,49 @@ struct Tally {
     std::map<std::string, int> survived;  // what survived, by kind
 };
 
-class Crashes {
-  public:
-    Crashes() : machine_(robustness::machineWith(2)) {}
-
-    bool startAgent() {
-        agent_.emplace(KIVAGENT_PATH);
-        return agent_->start().isOk();
-    }
-
-    // After the crash: lists what survived, runs the next snapshot, deletes
-    // the survivors with fihost and checks that nothing is left.
-    void recover(Tally& tally, bool killed) {
-        ++tally.runs;
-        tally.killed += killed ? 1 : 0;
-        std::vector<std::string> left = testsupport::machineLeftovers(machine_.directory());
-        if (!left.empty()) {
-            ++tally.survivors;
-        }
-        for (const std::string& line : left) {
-            ++tally.survived[line.substr(0, line.find(' ', line.find(' ') + 1))];
-        }
-
-        ChildResult next = robustness::runInChild(
-            [] {
-                robustness::LifecycleOptions options;
-                options.volumes = {"C:", "D:"};
-                return robustness::runLifecycle(options);
-            },
-            kChildSeconds);
-        bool worked = next.report.has_value() && (*next.report)["failed"].empty() &&
-                      (*next.report)["problems"].empty();
-        if (worked) {
-            ++tally.nextRunWorked;
-        } else {
-            std::cout << "  next run: "
-                      << (next.report.has_value() ? next.report->dump() : next.ending) << "\n";
-        }
-        // What is left now are snapshots that were made: prepared sets of a
-        // process that is gone have been given up by the driver.
-        std::vector<std::string> names =
-            testsupport::driverSnapshotFields(machine_.directory(), "snapshotName");
-        if (!names.empty()) {
-            ++tally.deleted;
-            deleteWithFihost();
-        }
-        std::vector<std::string> after = testsupport::machineLeftovers(machine_.directory());
-        if (after.empty()) {
-            ++tally.cleanedUp;
-        } else {
-            std::cout << "  left after fihost delete: " << after.front() << "\n";
+// fihost list names what survived; fihost delete --all disposes of it.
+void deleteWithFihost() {
+    const std::string fihost = std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH;
+    for (const std::string& command : {fihost + " list", fihost + " delete --all"}) {
+        if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
+            std::cout << "  failed: " << command << "\n";
         }
     }
+}
 
-    host::AgentProcess& agent() { return *agent_; }
-
-  private:
-    // fihost list names what survived; fihost delete --all disposes of it.
-    void deleteWithFihost() {
-        const std::string fihost = std::string(FIHOST_PATH) + " --plugin " + FIKIV_PLUGIN_PATH;
-        for (const std::string& command :
-             std::vector<std::string>{fihost + " list", fihost + " delete --all"}) {
-            if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
-                std::cout << "  failed: " << command << "\n";
-            }
-        }
+// After the crash: lists what survived, runs the next snapshot, deletes the
+// survivors with fihost and checks that nothing is left.
+void recover(const robustness::AgentMachine& machine, Tally& tally, bool killed) {
+    ++tally.runs;
+    tally.killed += killed ? 1 : 0;
+    std::vector<std::string> left = testsupport::machineLeftovers(machine.directory());
+    if (!left.empty()) {
+        ++tally.survivors;
+    }
+    for (const std::string& line : left) {
+        ++tally.survived[line.substr(0, line.find(' ', line.find(' ') + 1))];
     }
 
-    testsupport::TempMachine machine_;
-    std::optional<host::AgentProcess> agent_;
-};
+    ChildResult next = robustness::lifecycleInChild();
+    if (next.completed()) {
+        ++tally.nextRunWorked;
+    } else {
+        std::cout << "  next run: " << (next.report.has_value() ? next.report->dump() : next.ending)
+                  << "\n";
+    }
+    // What is left now are snapshots that were made: prepared sets of a
+    // process that is gone have been given up by the driver.
+    if (!testsupport::driverSnapshotFields(machine.directory(), "snapshotName").empty()) {
+        ++tally.deleted;
+        deleteWithFihost();
+    }
+    std::vector<std::string> after = testsupport::machineLeftovers(machine.directory());
+    if (after.empty()) {
+        ++tally.cleanedUp;
+    } else {
+        std::cout << "  left after fihost delete: " << after.front() << "\n";
+    }
+}
 
 void report(const char* scenario, const Tally& tally) {
     std::cout << scenario << ": " << tally.runs << " runs, killed " << tally.killed
@@ -149,26 +114,17 @@ void report(const char* scenario, const Tally& tally) {
     }
 }
 
-bool killedBySignal(const ChildResult& result) {
-    return result.ending == std::string("crashed: ") + strsignal(SIGKILL);
-}
-
 // The agent is killed while the host holds a snapshot; a new agent serves
 // the dispose.
-bool agentKilledWhileHolding(Crashes& crashes) {
-    ChildResult result = robustness::runInChild(
-        [&crashes] {
-            robustness::LifecycleOptions options;
-            options.volumes = {"C:", "D:"};
-            options.afterTake = [&crashes] { kill(crashes.agent().pid(), SIGKILL); };
-            return robustness::runLifecycle(options);
-        },
-        kChildSeconds);
+bool agentKilledWhileHolding(robustness::AgentMachine& machine) {
+    robustness::LifecycleOptions options;
+    options.afterTake = [&machine] { kill(machine.agent().pid(), SIGKILL); };
+    ChildResult result = robustness::lifecycleInChild(options);
     if (result.report.has_value() && !(*result.report)["failed"].empty()) {
         std::cout << "  dispose with the agent gone: " << (*result.report)["failed"][0] << "\n";
     }
     // The old agent is reaped and a new one serves the machine.
-    return result.report.has_value() && crashes.startAgent();
+    return result.report.has_value() && machine.startAgent("crashes");
 }
 
 // A process takes the provider mutex and is killed holding it.
@@ -181,7 +137,7 @@ bool mutexHolderKilled() {
             }
             return nlohmann::json::object();
         },
-        kChildSeconds);
+        60);
     return killedBySignal(result);
 }
 
@@ -192,9 +148,8 @@ int main(int argc, char** argv) {
     if (!robustness::readCounts(argc, argv, {{"--repeat", &repeat}}, "crashes [--repeat N]")) {
         return 2;
     }
-    Crashes crashes;
-    if (!crashes.startAgent()) {
-        std::cerr << "crashes: the agent did not start\n";
+    robustness::AgentMachine machine(2);
+    if (!machine.startAgent("crashes")) {
         return 2;
     }
     struct Scenario {
@@ -202,26 +157,12 @@ int main(int argc, char** argv) {
         std::function<bool()> crash;
     };
     const std::vector<Scenario> scenarios = {
-        {"host killed after prepare",
-         [] {
-             return killedBySignal(killedLifecycle(
-                 [](const ProgressEvent& event) { return stepStarts(event, Step::kQuiesce); }));
-         }},
-        {"host killed after make",
-         [] {
-             return killedBySignal(killedLifecycle(
-                 [](const ProgressEvent& event) { return stepStarts(event, Step::kUnquiesce); }));
-         }},
-        {"host killed during dispose",
-         [] {
-             // Between the first volume's dispose and the second's.
-             int disposes = 0;
-             return killedBySignal(killedLifecycle([&disposes](const ProgressEvent& event) {
-                 return stepStarts(event, Step::kDispose) && ++disposes == 2;
-             }));
-         }},
+        {"host killed after prepare", [] { return hostKilledAt(Step::kQuiesce); }},
+        {"host killed after make", [] { return hostKilledAt(Step::kUnquiesce); }},
+        // Between the first volume's dispose and the second's.
+        {"host killed during dispose", [] { return hostKilledAt(Step::kDispose, 2); }},
         {"agent killed while holding handles",
-         [&crashes] { return agentKilledWhileHolding(crashes); }},
+         [&machine] { return agentKilledWhileHolding(machine); }},
         {"provider mutex holder killed", [] { return mutexHolderKilled(); }},
     };
     int result = 0;
@@ -229,7 +170,7 @@ int main(int argc, char** argv) {
         Tally tally;
         for (int i = 0; i < repeat; ++i) {
             bool killed = scenario.crash();
-            crashes.recover(tally, killed);
+            recover(machine, tally, killed);
         }
         report(scenario.name, tally);
         if (tally.nextRunWorked != tally.runs || tally.cleanedUp != tally.runs ||

@@ -1,32 +1,19 @@
 // The fault sweep: a two-volume snapshot lifecycle through the plug-in's
-// entry points (load, init, interpose .. dispose, deInitNode, unload), run
-// once to record how often it calls each platform and driver function that
-// can fail, then once for every such call with that call failing, for each
-// error code the function can answer.
-//
-// Each lifecycle runs in a child process of its own (forked from this one,
-// with the virtual clock, so the plug-in's waits cost nothing) against one
-// machine and one real kivagent. A fault survives when:
-//   - the child ends normally within its time (no crash, no hang);
-//   - init answers 0 and every failing entry point answers a documented
-//     status code (3 invalid request, 4 not supported, 5 out of memory,
-//     6 internal failure, 7 no version record);
-//   - the host process has the descriptors it had before loading the plug-in
-//     once it is unloaded (not checked when the fault is on a close: the
-//     injected failure keeps that handle open by definition);
-//   - nothing is left on the machine: no snapshot set in the driver, no cache
-//     file on a volume, no handle in the agent (once the agent has answered
-//     one more exchange: it lets go of handles to destroyed volumes then).
-// A dispose that answers a failure is tried once more without the fault, as
-// a host does; the lifecycle still has to leave nothing behind. The sweep
-// runs twice: with dispose opening the snapshot volumes itself, and with
-// dispose unable to, so that it takes the agent's handles.
+// entry points, run once to count its calls of each platform and driver
+// function that can fail, then once for every such call failing with each
+// error code the function can answer. Each lifecycle runs in a forked child
+// on the virtual clock, against one machine and one real kivagent. A fault
+// is survived when the child ends normally in time, init answers 0, every
+// failing entry point answers a status of the plug-in (3 to 7), the host has
+// no descriptor more than before (unless the fault is on a close), and
+// nothing is left on the machine. A failed dispose is tried once more
+// without the fault, as a host does. Two scenarios: dispose opens the
+// snapshot volumes itself, or cannot and takes the agent's handles.
 //
 //   fault_sweep [--only FUNCTION] [--verbose]
 //
 // Prints the faults injected and survived and lists those that were not;
 // exits 1 when any was not survived, 2 when the sweep itself cannot run.
-#include <filesystem>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -35,7 +22,6 @@
 #include <nlohmann/json.hpp>
 
 #include "fault_table.h"
-#include "host/agent_process.h"
 #include "lifecycle.h"
 #include "os/error.h"
 #include "orbhandle/protocol.h"
@@ -43,21 +29,12 @@
 #include "sim/hooks.h"
 #include "support/agent_client.h"
 #include "support/leftovers.h"
-#include "support/temp_machine.h"
 
 namespace faultsweep {
 namespace {
 
-namespace fs = std::filesystem;
+using robustness::AgentMachine;
 using robustness::ChildResult;
-using robustness::LifecycleOptions;
-using robustness::machineWith;
-using robustness::runInChild;
-using robustness::runLifecycle;
-using testsupport::TempMachine;
-
-// A lifecycle on the virtual clock takes well under a second.
-constexpr unsigned kChildSeconds = 60;
 
 struct Fault {
     std::string function;
@@ -95,71 +72,33 @@ constexpr Scenario kScenarios[] = {
 
 // One lifecycle of C: and D: in a child, with `fault` armed if there is one.
 ChildResult runFault(const Scenario& scenario, const std::optional<Fault>& fault) {
-    return runInChild(
-        [&scenario, &fault] {
-            LifecycleOptions options;
-            options.volumes = {robustness::sourceDrive(1), robustness::sourceDrive(2)};
-            if (fault.has_value()) {
-                options.beforeLoad = [&fault] {
-                    sim::injectFault(fault->function, fault->error,
-                                     static_cast<std::uint32_t>(fault->call - 1), 1);
-                };
-                options.descriptorsMayLeak = fault->closesHandle;
-            }
-            if (scenario.agentHandles) {
-                // Every later open fails (the one-shot fault of the sweep
-                // still counts its calls from the start).
-                options.afterTake = [] {
-                    sim::injectFault("KIV_Open", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
-                };
-            }
-            return runLifecycle(options, countedFunctions());
-        },
-        kChildSeconds);
+    robustness::LifecycleOptions options;
+    if (fault.has_value()) {
+        options.beforeLoad = [&fault] {
+            sim::injectFault(fault->function, fault->error,
+                             static_cast<std::uint32_t>(fault->call - 1), 1);
+        };
+        options.descriptorsMayLeak = fault->closesHandle;
+    }
+    if (scenario.agentHandles) {
+        // Every later open fails (the one-shot fault of the sweep still
+        // counts its calls from the start).
+        options.afterTake = [] {
+            sim::injectFault("KIV_Open", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
+        };
+    }
+    return robustness::lifecycleInChild(options, countedFunctions());
 }
 
-// The machine and its agent, restarted clean after a fault left something.
-class Bench {
-  public:
-    Bench() : machine_(machineWith(2)) {}
-
-    bool startAgent() {
-        agent_.emplace(KIVAGENT_PATH);
-        host::Status started = agent_->start();
-        if (!started.isOk()) {
-            std::cerr << "fault_sweep: the agent did not start: " << started.toString() << "\n";
-        }
-        return started.isOk();
-    }
-
-    bool agentRunning() const { return agent_.has_value() && agent_->running(); }
-
-    // What the last lifecycle left. One exchange with the agent first: the
-    // agent lets go of handles to destroyed snapshot volumes (left when a
-    // release failed and the provider went on to destroy) at its next
-    // exchange, as it would at the next snapshot.
-    std::vector<std::string> leftovers() const {
-        testsupport::exchangeWithAgent(orbhandle::kRetrieveHandle, u"\\\\?\\FaultSweepProbe:", 0,
-                                       os::NMPWAIT_WAIT_FOREVER);
-        return testsupport::machineLeftovers(machine_.directory());
-    }
-
-    // Stops the agent, removes the machine's state and every cache file, and
-    // starts a new agent.
-    bool reset() {
-        agent_.reset();
-        std::error_code ignored;
-        fs::remove_all(machine_.directory() / "machine.state", ignored);
-        for (const std::string& file : testsupport::cacheFiles(machine_.directory())) {
-            fs::remove(file, ignored);
-        }
-        return startAgent();
-    }
-
-  private:
-    TempMachine machine_;
-    std::optional<host::AgentProcess> agent_;
-};
+// What the last lifecycle left. One exchange with the agent first: the agent
+// lets go of handles to destroyed snapshot volumes (left when a release
+// failed and the provider went on to destroy) at its next exchange, as it
+// would at the next snapshot.
+std::vector<std::string> leftovers(const AgentMachine& bench) {
+    testsupport::exchangeWithAgent(orbhandle::kRetrieveHandle, u"\\\\?\\FaultSweepProbe:", 0,
+                                   os::NMPWAIT_WAIT_FOREVER);
+    return testsupport::machineLeftovers(bench.directory());
+}
 
 struct Tally {
     std::uint64_t injected = 0;
@@ -173,7 +112,7 @@ struct Tally {
 
 // Runs one fault and adds it to the tally; resets the bench when the fault
 // left something behind.
-bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool verbose,
+bool sweepOne(AgentMachine& bench, const Scenario& scenario, const Fault& fault, bool verbose,
               Tally& tally) {
     ++tally.injected;
     ChildResult result = runFault(scenario, fault);
@@ -185,7 +124,7 @@ bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool v
             problems.push_back(problem.get<std::string>());
         }
     }
-    for (const std::string& left : bench.leftovers()) {
+    for (const std::string& left : leftovers(bench)) {
         problems.push_back("left behind: " + left);
     }
     bool agentAlive = bench.agentRunning();
@@ -206,13 +145,7 @@ bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool v
             ++tally.retriedDispose;
         }
         if (verbose) {
-            std::cout << fault.describe() << ": "
-                      << (report["failed"].empty() ? std::string("completed")
-                                                   : report["failed"][0].get<std::string>());
-            if (!report["messages"].empty()) {
-                std::cout << " / " << report["messages"].back().get<std::string>();
-            }
-            std::cout << "\n";
+            std::cout << fault.describe() << ": " << result.outcome() << "\n";
         }
     }
     if (problems.empty()) {
@@ -225,16 +158,16 @@ bool sweepOne(Bench& bench, const Scenario& scenario, const Fault& fault, bool v
     }
     tally.notSurvived.push_back(line);
     std::cout << "NOT SURVIVED " << line << "\n";
-    return bench.reset();
+    return bench.reset("fault_sweep");
 }
 
 // Sweeps every fallible call of one scenario's lifecycle; false when the
 // sweep cannot go on.
-bool sweepScenario(Bench& bench, const Scenario& scenario, const std::string& only, bool verbose,
-                   Tally& tally) {
+bool sweepScenario(AgentMachine& bench, const Scenario& scenario, const std::string& only,
+                   bool verbose, Tally& tally) {
     ChildResult baseline = runFault(scenario, std::nullopt);
     if (!baseline.report.has_value() || !(*baseline.report)["problems"].empty() ||
-        !(*baseline.report)["failed"].empty() || !bench.leftovers().empty()) {
+        !(*baseline.report)["failed"].empty() || !leftovers(bench).empty()) {
         std::cerr << "fault_sweep: the lifecycle fails without a fault: "
                   << (baseline.report.has_value() ? baseline.report->dump() : baseline.ending)
                   << "\n";
@@ -283,8 +216,8 @@ int sweep(const std::string& only, bool verbose) {
             return 2;
         }
     }
-    Bench bench;
-    if (!bench.startAgent()) {
+    AgentMachine bench(2);
+    if (!bench.startAgent("fault_sweep")) {
         return 2;
     }
     std::cout << "fault sweep: two-volume lifecycle (C: and D:, caches on E:) with a real "

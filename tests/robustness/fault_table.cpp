@@ -72,7 +72,8 @@ const std::vector<FallibleFunction>& fallibleFunctions() {
         {"ReportEventW", {ERROR_INVALID_HANDLE, ERROR_DISK_FULL}},
         {"GetVersionExW", {ERROR_INSUFFICIENT_BUFFER}},
         // The snapshot driver.
-        {"KIV_Open", {ERROR_FILE_NOT_FOUND, ERROR_NOT_READY, ERROR_ACCESS_DENIED, ERROR_GEN_FAILURE}},
+        {"KIV_Open",
+         {ERROR_FILE_NOT_FOUND, ERROR_NOT_READY, ERROR_ACCESS_DENIED, ERROR_GEN_FAILURE}},
         {"KIV_Close", {ERROR_INVALID_HANDLE, ERROR_NOT_READY}, true},
         {"KIV_GetVolumeInformation", {ERROR_INVALID_HANDLE, ERROR_NOT_READY, ERROR_GEN_FAILURE}},
         {"KIV_GenerateVolumeName", {ERROR_NOT_READY, ERROR_NOT_ENOUGH_MEMORY}},
@@ -94,35 +95,25 @@ const std::vector<FallibleFunction>& fallibleFunctions() {
 }
 
 std::string_view errorName(std::uint32_t error) {
-    static const std::map<std::uint32_t, std::string> names = {
-        {ERROR_FILE_NOT_FOUND, "ERROR_FILE_NOT_FOUND"},
-        {ERROR_PATH_NOT_FOUND, "ERROR_PATH_NOT_FOUND"},
-        {ERROR_ACCESS_DENIED, "ERROR_ACCESS_DENIED"},
-        {ERROR_INVALID_HANDLE, "ERROR_INVALID_HANDLE"},
-        {ERROR_NOT_ENOUGH_MEMORY, "ERROR_NOT_ENOUGH_MEMORY"},
-        {ERROR_NO_MORE_FILES, "ERROR_NO_MORE_FILES"},
-        {ERROR_NOT_READY, "ERROR_NOT_READY"},
-        {ERROR_GEN_FAILURE, "ERROR_GEN_FAILURE"},
-        {ERROR_SHARING_VIOLATION, "ERROR_SHARING_VIOLATION"},
-        {ERROR_NOT_SUPPORTED, "ERROR_NOT_SUPPORTED"},
-        {ERROR_INVALID_PARAMETER, "ERROR_INVALID_PARAMETER"},
-        {ERROR_BROKEN_PIPE, "ERROR_BROKEN_PIPE"},
-        {ERROR_DISK_FULL, "ERROR_DISK_FULL"},
-        {ERROR_INSUFFICIENT_BUFFER, "ERROR_INSUFFICIENT_BUFFER"},
-        {ERROR_MOD_NOT_FOUND, "ERROR_MOD_NOT_FOUND"},
-        {ERROR_PROC_NOT_FOUND, "ERROR_PROC_NOT_FOUND"},
-        {ERROR_ALREADY_EXISTS, "ERROR_ALREADY_EXISTS"},
-        {ERROR_FILENAME_EXCED_RANGE, "ERROR_FILENAME_EXCED_RANGE"},
-        {ERROR_PIPE_BUSY, "ERROR_PIPE_BUSY"},
-        {ERROR_NO_DATA, "ERROR_NO_DATA"},
-        {ERROR_MORE_DATA, "ERROR_MORE_DATA"},
-        {ERROR_NOT_OWNER, "ERROR_NOT_OWNER"},
-        {ERROR_UNRECOGNIZED_VOLUME, "ERROR_UNRECOGNIZED_VOLUME"},
-        {ERROR_NO_SUCH_PRIVILEGE, "ERROR_NO_SUCH_PRIVILEGE"},
-        {ERROR_NOT_A_REPARSE_POINT, "ERROR_NOT_A_REPARSE_POINT"},
+// The constant's name next to its value.
+#define NAMED(error) \
+    { error, #error }
+    static const std::map<std::uint32_t, std::string_view> names = {
+        // clang-format off
+        NAMED(ERROR_FILE_NOT_FOUND), NAMED(ERROR_PATH_NOT_FOUND), NAMED(ERROR_ACCESS_DENIED),
+        NAMED(ERROR_INVALID_HANDLE), NAMED(ERROR_NOT_ENOUGH_MEMORY), NAMED(ERROR_NO_MORE_FILES),
+        NAMED(ERROR_NOT_READY), NAMED(ERROR_GEN_FAILURE), NAMED(ERROR_SHARING_VIOLATION),
+        NAMED(ERROR_NOT_SUPPORTED), NAMED(ERROR_INVALID_PARAMETER), NAMED(ERROR_BROKEN_PIPE),
+        NAMED(ERROR_DISK_FULL), NAMED(ERROR_INSUFFICIENT_BUFFER), NAMED(ERROR_MOD_NOT_FOUND),
+        NAMED(ERROR_PROC_NOT_FOUND), NAMED(ERROR_ALREADY_EXISTS), NAMED(ERROR_FILENAME_EXCED_RANGE),
+        NAMED(ERROR_PIPE_BUSY), NAMED(ERROR_NO_DATA), NAMED(ERROR_MORE_DATA),
+        NAMED(ERROR_NOT_OWNER), NAMED(ERROR_UNRECOGNIZED_VOLUME), NAMED(ERROR_NO_SUCH_PRIVILEGE),
+        NAMED(ERROR_NOT_A_REPARSE_POINT),
+        // clang-format on
     };
+#undef NAMED
     auto found = names.find(error);
-    return found == names.end() ? std::string_view("an error") : std::string_view(found->second);
+    return found == names.end() ? std::string_view("an error") : found->second;
 }
 
 }  // namespace faultsweep

@@ -68,16 +68,41 @@ std::string sourceDrive(int number) {
     return std::string(1, letter) + ":";
 }
 
+namespace {
+
 nlohmann::json machineWith(int sources) {
     nlohmann::json volumes = nlohmann::json::array();
     for (int number = 1; number <= sources; ++number) {
         std::string root = sourceDrive(number) + "\\";
-        volumes.push_back(TempMachine::volume(number, {root.c_str()}, "fixed", "NTFS", 100 * kGiB,
-                                              40 * kGiB));
+        volumes.push_back(
+            TempMachine::volume(number, {root.c_str()}, "fixed", "NTFS", 100 * kGiB, 40 * kGiB));
     }
-    volumes.push_back(TempMachine::volume(sources + 1, {"E:\\"}, "fixed", "NTFS", 4000 * kGiB,
-                                          3000 * kGiB));
+    volumes.push_back(
+        TempMachine::volume(sources + 1, {"E:\\"}, "fixed", "NTFS", 4000 * kGiB, 3000 * kGiB));
     return {{"volumes", volumes}};
+}
+
+}  // namespace
+
+AgentMachine::AgentMachine(int sources) : machine_(machineWith(sources)) {}
+
+bool AgentMachine::startAgent(const char* program) {
+    agent_.emplace(KIVAGENT_PATH);
+    host::Status started = agent_->start();
+    if (!started.isOk()) {
+        std::cerr << program << ": the agent did not start: " << started.toString() << "\n";
+    }
+    return started.isOk();
+}
+
+bool AgentMachine::reset(const char* program) {
+    agent_.reset();
+    std::error_code ignored;
+    std::filesystem::remove_all(directory() / "machine.state", ignored);
+    for (const std::string& file : testsupport::cacheFiles(directory())) {
+        std::filesystem::remove(file, ignored);
+    }
+    return startAgent(program);
 }
 
 nlohmann::json runLifecycle(const LifecycleOptions& options,
@@ -234,6 +259,34 @@ bool readCounts(int argc, char** argv, const std::vector<std::pair<std::string, 
 
 ChildResult runInChild(const std::function<nlohmann::json()>& body, unsigned seconds) {
     return Child(body, seconds).wait();
+}
+
+ChildResult lifecycleInChild(const LifecycleOptions& options,
+                             const std::vector<std::string>& counted) {
+    // A lifecycle on the virtual clock takes well under a second, on the
+    // real one about a second per volume.
+    return runInChild([&options, &counted] { return runLifecycle(options, counted); }, 60);
+}
+
+bool ChildResult::completed() const {
+    return report.has_value() && (*report)["failed"].empty() && (*report)["problems"].empty();
+}
+
+std::string ChildResult::outcome() const {
+    if (!report.has_value()) {
+        return "no report: " + ending;
+    }
+    if (!(*report)["problems"].empty()) {
+        return "problem: " + (*report)["problems"][0].get<std::string>();
+    }
+    if ((*report)["failed"].empty()) {
+        return "snapshot taken and disposed";
+    }
+    std::string text = (*report)["failed"][0].get<std::string>();
+    if (!(*report)["messages"].empty()) {
+        text += " / " + (*report)["messages"].back().get<std::string>();
+    }
+    return text;
 }
 
 }  // namespace robustness

@@ -24,14 +24,12 @@
 #include <string>
 #include <vector>
 
-#include "host/agent_process.h"
 #include "host/host_context.h"
 #include "host/plugin_host.h"
 #include "host/snapshot_run.h"
 #include "lifecycle.h"
 #include "sim/hooks.h"
 #include "support/leftovers.h"
-#include "support/temp_machine.h"
 
 namespace {
 
@@ -52,31 +50,58 @@ Sample sampleOf(pid_t pid) {
         }
     }
     std::error_code error;
-    for (auto it = fs::directory_iterator(proc + "/fd", error); !error && it != fs::directory_iterator();
-         it.increment(error)) {
+    for (auto it = fs::directory_iterator(proc + "/fd", error);
+         !error && it != fs::directory_iterator(); it.increment(error)) {
         ++sample.descriptors;
     }
     return sample;
 }
 
-void print(const char* who, const char* when, int done, const Sample& sample) {
-    std::cout << "  " << who << " after " << when << " (" << done << "): resident "
-              << sample.residentKiB << " KiB, descriptors " << sample.descriptors << "\n";
-}
+// Watches one process over `count` rounds: samples and prints it after the
+// first, the middle and the last round, and counts (and prints the first
+// five) failed rounds.
+class Watch {
+  public:
+    Watch(const char* who, const char* round, const char* rounds, int count)
+        : who_(who), round_(round), rounds_(rounds), count_(count) {}
 
-// Whether `index` (0-based) of `count` is the first, middle or last; its name.
-const char* milestone(int index, int count) {
-    if (index == 0) {
-        return "first";
+    void failed(int index, const std::string& why) {
+        if (failures_++ < 5) {
+            std::cout << "  " << round_ << " " << index << " failed: " << why << "\n";
+        }
     }
-    if (index == count / 2) {
-        return "middle";
+    void sample(int index, pid_t pid) {
+        const char* when = index == 0            ? "first"
+                           : index == count_ / 2 ? "middle"
+                           : index == count_ - 1 ? "last"
+                                                 : nullptr;
+        if (when == nullptr) {
+            return;
+        }
+        Sample sample = sampleOf(pid);
+        std::cout << "  " << who_ << " after " << when << " (" << index + 1 << "): resident "
+                  << sample.residentKiB << " KiB, descriptors " << sample.descriptors << "\n";
+        (index == 0 ? first_ : last_) = sample;
     }
-    if (index == count - 1) {
-        return "last";
+    // Prints the failures and what is left; 0 when neither, and the
+    // descriptors did not grow.
+    int finish(const fs::path& machineDirectory) const {
+        std::vector<std::string> left = testsupport::machineLeftovers(machineDirectory);
+        std::cout << "  failed " << rounds_ << ": " << failures_
+                  << ", left on the machine: " << left.size() << "\n";
+        bool grew = last_.descriptors > first_.descriptors;
+        return failures_ == 0 && left.empty() && !grew ? 0 : 1;
     }
-    return nullptr;
-}
+
+  private:
+    const char* who_;
+    const char* round_;
+    const char* rounds_;
+    int count_;
+    int failures_ = 0;
+    Sample first_;
+    Sample last_;
+};
 
 int soakInProcess(const fs::path& machineDirectory, int lifecycles) {
     sim::useVirtualClock(true);
@@ -90,9 +115,7 @@ int soakInProcess(const fs::path& machineDirectory, int lifecycles) {
     host::SnapshotOptions options;
     options.volumes = {"C:", "D:"};
     std::cout << lifecycles << " lifecycles in one host process (virtual clock):\n";
-    int failures = 0;
-    Sample first;
-    Sample last;
+    Watch watch("host", "lifecycle", "lifecycles", lifecycles);
     for (int index = 0; index < lifecycles; ++index) {
         {
             host::SnapshotRun run(plugin, context, nullptr);
@@ -100,59 +123,30 @@ int soakInProcess(const fs::path& machineDirectory, int lifecycles) {
             if (status.isOk()) {
                 status = run.dispose();
             }
-            if (!status.isOk() && failures++ < 5) {
-                std::cout << "  lifecycle " << index << " failed: " << status.toString() << "\n";
+            if (!status.isOk()) {
+                watch.failed(index, status.toString());
             }
             run.deInit();
         }
         // The context keeps every message; a host that logs them lets them go.
         context.takeMessages();
-        if (const char* when = milestone(index, lifecycles)) {
-            Sample sample = sampleOf(getpid());
-            print("host", when, index + 1, sample);
-            (index == 0 ? first : last) = sample;
-        }
+        watch.sample(index, getpid());
     }
     plugin.unload();
-    std::vector<std::string> left = testsupport::machineLeftovers(machineDirectory);
-    std::cout << "  failed lifecycles: " << failures << ", left on the machine: " << left.size()
-              << "\n";
-    bool grew = last.descriptors > first.descriptors;
-    return failures == 0 && left.empty() && !grew ? 0 : 1;
+    return watch.finish(machineDirectory);
 }
 
-int soakAcrossProcesses(const fs::path& machineDirectory, const host::AgentProcess& agent,
-                        int processes) {
+int soakAcrossProcesses(robustness::AgentMachine& machine, int processes) {
     std::cout << processes << " host processes one after another, one lifecycle each:\n";
-    int failures = 0;
-    Sample first;
-    Sample last;
+    Watch watch("agent", "process", "processes", processes);
     for (int index = 0; index < processes; ++index) {
-        robustness::ChildResult result = robustness::runInChild(
-            [] {
-                robustness::LifecycleOptions options;
-                options.volumes = {"C:", "D:"};
-                return robustness::runLifecycle(options);
-            },
-            60);
-        bool ok = result.report.has_value() && (*result.report)["failed"].empty() &&
-                  (*result.report)["problems"].empty();
-        if (!ok && failures++ < 5) {
-            std::cout << "  process " << index << " failed: "
-                      << (result.report.has_value() ? result.report->dump() : result.ending)
-                      << "\n";
+        robustness::ChildResult result = robustness::lifecycleInChild();
+        if (!result.completed()) {
+            watch.failed(index, result.report.has_value() ? result.report->dump() : result.ending);
         }
-        if (const char* when = milestone(index, processes)) {
-            Sample sample = sampleOf(agent.pid());
-            print("agent", when, index + 1, sample);
-            (index == 0 ? first : last) = sample;
-        }
+        watch.sample(index, machine.agent().pid());
     }
-    std::vector<std::string> left = testsupport::machineLeftovers(machineDirectory);
-    std::cout << "  failed processes: " << failures << ", left on the machine: " << left.size()
-              << "\n";
-    bool grew = last.descriptors > first.descriptors;
-    return failures == 0 && left.empty() && !grew ? 0 : 1;
+    return watch.finish(machine.directory());
 }
 
 }  // namespace
@@ -165,15 +159,13 @@ int main(int argc, char** argv) {
                                 "soak [--lifecycles N] [--processes N]")) {
         return 2;
     }
-    testsupport::TempMachine machine(robustness::machineWith(2));
-    host::AgentProcess agent(KIVAGENT_PATH);
-    if (!agent.start().isOk()) {
-        std::cerr << "soak: the agent did not start\n";
+    robustness::AgentMachine machine(2);
+    if (!machine.startAgent("soak")) {
         return 2;
     }
     int result = 0;
     if (processes > 0) {
-        result = std::max(result, soakAcrossProcesses(machine.directory(), agent, processes));
+        result = std::max(result, soakAcrossProcesses(machine, processes));
     }
     if (lifecycles > 0) {
         result = std::max(result, soakInProcess(machine.directory(), lifecycles));

@@ -26,6 +26,7 @@
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 #include "support/text_cases.h"
+#include "support/wide_text.h"
 
 namespace {
 
@@ -57,10 +58,6 @@ nlohmann::json driverMachine() {
 
 KivApi& api() {
     return *kivApi();
-}
-
-std::string narrow(const std::u16string& text) {
-    return std::string(text.begin(), text.end());
 }
 
 // The handle of the opened volume, or all ones; `status` receives the answer.
@@ -167,11 +164,8 @@ FIKIV_CHILD_ROLE(holdVolume) {
     if (!isValidKivHandle(handle)) {
         return 1;
     }
-    {
-        std::ofstream out(arguments.at(1) + ".tmp");
-        out << getpid() << ' ' << handle;
-    }
-    std::filesystem::rename(arguments.at(1) + ".tmp", arguments.at(1));
+    testsupport::publishFile(arguments.at(1),
+                             std::to_string(getpid()) + ' ' + std::to_string(handle));
     return waitForFile(arguments.at(2)) ? 0 : 1;
 }
 
@@ -218,12 +212,31 @@ FIKIV_CHILD_ROLE(generateName) {
     return 0;
 }
 
-// --- tests ------------------------------------------------------------------
+// Prepares and creates a snapshot of C: with its cache at `cacheFile` and
+// closes the set handle (the snapshot stays); the snapshot volume's name.
+std::string createSnapshot(const char* cacheFile = "E:\\_tarnKivCacheFile_0.KIV") {
+    const std::string name = generatedName();
+    KivHandle set = prepareOne(name, cacheFile);
+    EXPECT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
+    KIV_Close(&api(), &set);
+    return name;
+}
 
-TEST(KivDriverTest, OpensVolumesByEveryFormOfTheirName) {
-    TempMachine machine(driverMachine());
-    const std::string guid1 = narrow(TempMachine::guidName(1));
-    const std::string guid2 = narrow(TempMachine::guidName(2));
+std::uint32_t openStatus(const std::string& name) {
+    std::uint32_t status = 0;
+    KivHandle handle = openVolume(name, &status);
+    KIV_Close(&api(), &handle);
+    return status;
+}
+
+class KivDriverTest : public ::testing::Test {
+  protected:
+    TempMachine machine_{driverMachine()};
+};
+
+TEST_F(KivDriverTest, OpensVolumesByEveryFormOfTheirName) {
+    const std::string guid1 = testsupport::utf8(TempMachine::guidName(1));
+    const std::string guid2 = testsupport::utf8(TempMachine::guidName(2));
     const struct {
         std::string name;
         std::uint32_t value;  // 0: the open must fail
@@ -261,8 +274,9 @@ TEST(KivDriverTest, OpensVolumesByEveryFormOfTheirName) {
     EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u);
 }
 
-TEST(KivDriverTest, HandlesAreDescriptorsTheSystemCanClose) {
-    TempMachine machine(driverMachine());
+// A driver handle is a descriptor the system can close; a descriptor that is
+// no driver handle is refused and left open.
+TEST_F(KivDriverTest, HandlesAreDescriptorsOfTheDriverOnly) {
     KivHandle handle = openVolume("C:");
     ASSERT_TRUE(isValidKivHandle(handle));
     const auto asHandle = reinterpret_cast<os::HANDLE>(static_cast<std::uintptr_t>(handle));
@@ -270,10 +284,7 @@ TEST(KivDriverTest, HandlesAreDescriptorsTheSystemCanClose) {
     EXPECT_TRUE(os::CloseHandle(asHandle));
     KivVolumeInformation information{};
     EXPECT_EQ(KIV_GetVolumeInformation(&api(), handle, 40, &information), os::ERROR_INVALID_HANDLE);
-}
 
-TEST(KivDriverTest, CloseRefusesDescriptorsThatAreNotDriverHandles) {
-    TempMachine machine(driverMachine());
     const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0);
     KivHandle other = reinterpret_cast<std::uintptr_t>(sim::handleFromFd(fd));
@@ -282,8 +293,7 @@ TEST(KivDriverTest, CloseRefusesDescriptorsThatAreNotDriverHandles) {
     close(fd);
 }
 
-TEST(KivDriverTest, PrepareRefusesBadArguments) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, PrepareRefusesBadArguments) {
     KivHandle source = openVolume("C:");
     ASSERT_TRUE(isValidKivHandle(source));
     KivHandle closed = openVolume("E:");
@@ -299,33 +309,21 @@ TEST(KivDriverTest, PrepareRefusesBadArguments) {
         std::uint16_t size;
         std::uint32_t status;
     } rows[] = {
-        {"element size 39", element(source, name, "E:\\c.KIV"), 1, 39, os::ERROR_BAD_LENGTH},
-        {"element size 48", element(source, name, "E:\\c.KIV"), 1, 48, os::ERROR_BAD_LENGTH},
-        {"count 0", element(source, name, "E:\\c.KIV"), 0, 40, os::ERROR_INVALID_PARAMETER},
-        {"all-ones source", element(kInvalidKivHandle, name, "E:\\c.KIV"), 1, 40,
-         os::ERROR_INVALID_HANDLE},
-        {"zero source", element(0, name, "E:\\c.KIV"), 1, 40, os::ERROR_INVALID_HANDLE},
-        {"closed source", element(closed, name, "E:\\c.KIV"), 1, 40, os::ERROR_INVALID_HANDLE},
-        {"cache on a missing volume", element(source, name, "Q:\\c.KIV"), 1, 40,
-         os::ERROR_PATH_NOT_FOUND},
-        {"cache in a missing folder", element(source, name, "E:\\no\\c.KIV"), 1, 40,
-         os::ERROR_PATH_NOT_FOUND},
-        {"cache file already there", element(source, name, "E:\\mine.txt"), 1, 40,
-         os::ERROR_ALREADY_EXISTS},
-        {"initial above maximum", element(source, name, "E:\\c.KIV", 200, 100), 1, 40,
-         os::ERROR_INVALID_PARAMETER},
-        {"initial above free space", element(source, name, "F:\\c.KIV", 2048, 4096), 1, 40,
-         os::ERROR_DISK_FULL},
-        {"no cache name",
-         {source, name.c_str(), nullptr, 10, 100, 0, 0},
-         1,
-         40,
-         os::ERROR_INVALID_PARAMETER},
-        {"no snapshot name",
-         {source, nullptr, "E:\\c.KIV", 10, 100, 0, 0},
-         1,
-         40,
-         os::ERROR_INVALID_PARAMETER},
+        // clang-format off
+        {"element size 39",           element(source, name, "E:\\c.KIV"), 1, 39, os::ERROR_BAD_LENGTH},
+        {"element size 48",           element(source, name, "E:\\c.KIV"), 1, 48, os::ERROR_BAD_LENGTH},
+        {"count 0",                   element(source, name, "E:\\c.KIV"), 0, 40, os::ERROR_INVALID_PARAMETER},
+        {"all-ones source",           element(kInvalidKivHandle, name, "E:\\c.KIV"), 1, 40, os::ERROR_INVALID_HANDLE},
+        {"zero source",               element(0, name, "E:\\c.KIV"), 1, 40, os::ERROR_INVALID_HANDLE},
+        {"closed source",             element(closed, name, "E:\\c.KIV"), 1, 40, os::ERROR_INVALID_HANDLE},
+        {"cache on a missing volume", element(source, name, "Q:\\c.KIV"), 1, 40, os::ERROR_PATH_NOT_FOUND},
+        {"cache in a missing folder", element(source, name, "E:\\no\\c.KIV"), 1, 40, os::ERROR_PATH_NOT_FOUND},
+        {"cache file already there",  element(source, name, "E:\\mine.txt"), 1, 40, os::ERROR_ALREADY_EXISTS},
+        {"initial above maximum",     element(source, name, "E:\\c.KIV", 200, 100), 1, 40, os::ERROR_INVALID_PARAMETER},
+        {"initial above free space",  element(source, name, "F:\\c.KIV", 2048, 4096), 1, 40, os::ERROR_DISK_FULL},
+        {"no cache name",             {source, name.c_str(), nullptr, 10, 100, 0, 0}, 1, 40, os::ERROR_INVALID_PARAMETER},
+        {"no snapshot name",          {source, nullptr, "E:\\c.KIV", 10, 100, 0, 0}, 1, 40, os::ERROR_INVALID_PARAMETER},
+        // clang-format on
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
@@ -341,8 +339,7 @@ TEST(KivDriverTest, PrepareRefusesBadArguments) {
     KIV_Close(&api(), &source);
 }
 
-TEST(KivDriverTest, OtherBadCallsGetTheirStatusNotACrash) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, OtherBadCallsGetTheirStatusNotACrash) {
     KivHandle volume = openVolume("C:");
     KivVolumeInformation information{};
     char* text = nullptr;
@@ -354,45 +351,24 @@ TEST(KivDriverTest, OtherBadCallsGetTheirStatusNotACrash) {
         std::function<std::uint32_t()> call;
         std::uint32_t status;
     } rows[] = {
-        {"open without a name", [&] { return KIV_Open(&api(), nullptr, 3, 128, 0, 0, &volume); },
-         os::ERROR_INVALID_PARAMETER},
-        {"open without a handle", [&] { return KIV_Open(&api(), "C:", 3, 128, 0, 0, nullptr); },
-         os::ERROR_INVALID_PARAMETER},
-        {"information of 39 bytes",
-         [&] { return KIV_GetVolumeInformation(&api(), volume, 39, &information); },
-         os::ERROR_BAD_LENGTH},
-        {"information of no handle",
-         [&] { return KIV_GetVolumeInformation(&api(), kInvalidKivHandle, 40, &information); },
-         os::ERROR_INVALID_HANDLE},
-        {"create on a volume", [&] { return KIV_Create(&api(), volume, 0, 0, 0); },
-         os::ERROR_INVALID_HANDLE},
-        {"create on no handle", [&] { return KIV_Create(&api(), kInvalidKivHandle, 0, 0, 0); },
-         os::ERROR_INVALID_HANDLE},
-        {"destroy a source volume", [&] { return KIV_Destroy(&api(), &volume, 1); },
-         os::ERROR_INVALID_HANDLE},
-        {"destroy without a handle", [&] { return KIV_Destroy(&api(), nullptr, 1); },
-         os::ERROR_INVALID_PARAMETER},
-        {"name of kind 1", [&] { return KIV_GenerateVolumeName(&api(), 1, &text); },
-         os::ERROR_INVALID_PARAMETER},
-        {"name without a pointer", [&] { return KIV_GenerateVolumeName(&api(), 2, nullptr); },
-         os::ERROR_INVALID_PARAMETER},
-        {"free nothing", [&] { return KIV_FreeResource(&api(), nullptr); },
-         os::ERROR_INVALID_PARAMETER},
-        {"close without a handle", [&] { return KIV_Close(&api(), nullptr); },
-         os::ERROR_INVALID_PARAMETER},
+        {"open without a name",       [&] { return KIV_Open(&api(), nullptr, 3, 128, 0, 0, &volume); }, os::ERROR_INVALID_PARAMETER},
+        {"open without a handle",     [&] { return KIV_Open(&api(), "C:", 3, 128, 0, 0, nullptr); }, os::ERROR_INVALID_PARAMETER},
+        {"information of 39 bytes",   [&] { return KIV_GetVolumeInformation(&api(), volume, 39, &information); }, os::ERROR_BAD_LENGTH},
+        {"information of no handle",  [&] { return KIV_GetVolumeInformation(&api(), kInvalidKivHandle, 40, &information); }, os::ERROR_INVALID_HANDLE},
+        {"create on a volume",        [&] { return KIV_Create(&api(), volume, 0, 0, 0); }, os::ERROR_INVALID_HANDLE},
+        {"create on no handle",       [&] { return KIV_Create(&api(), kInvalidKivHandle, 0, 0, 0); }, os::ERROR_INVALID_HANDLE},
+        {"destroy a source volume",   [&] { return KIV_Destroy(&api(), &volume, 1); }, os::ERROR_INVALID_HANDLE},
+        {"destroy without a handle",  [&] { return KIV_Destroy(&api(), nullptr, 1); }, os::ERROR_INVALID_PARAMETER},
+        {"name of kind 1",            [&] { return KIV_GenerateVolumeName(&api(), 1, &text); }, os::ERROR_INVALID_PARAMETER},
+        {"name without a pointer",    [&] { return KIV_GenerateVolumeName(&api(), 2, nullptr); }, os::ERROR_INVALID_PARAMETER},
+        {"free nothing",              [&] { return KIV_FreeResource(&api(), nullptr); }, os::ERROR_INVALID_PARAMETER},
+        {"close without a handle",    [&] { return KIV_Close(&api(), nullptr); }, os::ERROR_INVALID_PARAMETER},
         // Never called by the plug-in; they must not claim success either.
-        {"device control",
-         [&] {
-             return api().deviceIoControl(volume, 1, nullptr, 0, buffer, sizeof(buffer), &count);
-         },
-         os::ERROR_NOT_SUPPORTED},
-        {"read", [&] { return api().read(volume, 0, buffer, sizeof(buffer), &count); },
-         os::ERROR_NOT_SUPPORTED},
-        {"asynchronous result", [&] { return api().getAsyncResult(volume, &count); },
-         os::ERROR_NOT_SUPPORTED},
-        {"cancel", [&] { return api().cancelAsyncOperation(volume); }, os::ERROR_NOT_SUPPORTED},
-        {"cache map", [&] { return api().getCacheMap(volume, buffer, sizeof(buffer), &count); },
-         os::ERROR_NOT_SUPPORTED},
+        {"device control",            [&] { return api().deviceIoControl(volume, 1, nullptr, 0, buffer, sizeof(buffer), &count); }, os::ERROR_NOT_SUPPORTED},
+        {"read",                      [&] { return api().read(volume, 0, buffer, sizeof(buffer), &count); }, os::ERROR_NOT_SUPPORTED},
+        {"asynchronous result",       [&] { return api().getAsyncResult(volume, &count); }, os::ERROR_NOT_SUPPORTED},
+        {"cancel",                    [&] { return api().cancelAsyncOperation(volume); }, os::ERROR_NOT_SUPPORTED},
+        {"cache map",                 [&] { return api().getCacheMap(volume, buffer, sizeof(buffer), &count); }, os::ERROR_NOT_SUPPORTED},
     };
     // clang-format on
     for (const auto& row : rows) {
@@ -404,8 +380,7 @@ TEST(KivDriverTest, OtherBadCallsGetTheirStatusNotACrash) {
 
 // A name that is not UTF-8 names nothing; the driver says so rather than
 // opening whatever its replacement characters would match.
-TEST(KivDriverTest, IllFormedNamesAreRefused) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, IllFormedNamesAreRefused) {
     for (const testsupport::Utf8Case& row : testsupport::utf8Cases()) {
         if (row.wellFormed) {
             continue;
@@ -417,10 +392,9 @@ TEST(KivDriverTest, IllFormedNamesAreRefused) {
     }
 }
 
-TEST(KivDriverTest, GeneratedNamesAreUniqueOnTheMachine) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, GeneratedNamesAreUniqueOnTheMachine) {
     const std::string first = generatedName();
-    const std::filesystem::path file = machine.directory() / "name";
+    const std::filesystem::path file = machine_.directory() / "name";
     ASSERT_EQ(runChild("generateName", {file.string()}), 0);
     std::string fromChild;
     std::getline(std::ifstream(file), fromChild);
@@ -430,12 +404,11 @@ TEST(KivDriverTest, GeneratedNamesAreUniqueOnTheMachine) {
     EXPECT_EQ(third, "\\\\?\\GLOBALROOT\\Device\\KivSnapshot3");
 }
 
-TEST(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
     const std::string name = generatedName();
     KivHandle source = openVolume("C:");
-    const std::string cache = "E:\\_tarnKivCacheFile_0.KIV";
-    KivSnapshotParametersRecord record = element(source, name, cache.c_str(), 16, 64);
+    KivSnapshotParametersRecord record =
+        element(source, name, "E:\\_tarnKivCacheFile_0.KIV", 16, 64);
     KivHandle set = kInvalidKivHandle;
     ASSERT_EQ(KIV_Prepare(&api(), &record, 1, 40, &set), 0u);
     ASSERT_TRUE(isValidKivHandle(set));
@@ -445,14 +418,10 @@ TEST(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
     struct stat info {};
     ASSERT_EQ(stat(cacheFile.c_str(), &info), 0);
     EXPECT_EQ(info.st_size, 16 * static_cast<off_t>(kMb));
-    // The snapshot volume appears only with KIV_Create.
-    std::uint32_t status = 0;
-    openVolume(name, &status);
-    EXPECT_EQ(status, os::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(openStatus(name), os::ERROR_FILE_NOT_FOUND) << "the volume appears with KIV_Create";
 
     ASSERT_EQ(KIV_Create(&api(), set, 100, 200, 0), 0u);
     EXPECT_EQ(KIV_Create(&api(), set, 100, 200, 0), os::ERROR_ALREADY_EXISTS);  // only once
-    // E: now holds an active cache.
     EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u | KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE);
 
     // The set handle goes with its node; the snapshot stays for the agent.
@@ -460,8 +429,7 @@ TEST(KivDriverTest, SnapshotMadeHereIsDestroyedByAnotherProcess) {
     KIV_Close(&api(), &source);
     EXPECT_EQ(runChild("destroySnapshot", {name}), 0);
 
-    openVolume(name, &status);
-    EXPECT_EQ(status, os::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(openStatus(name), os::ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(std::filesystem::exists(cacheFile));
     EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u);
 }
@@ -480,14 +448,13 @@ std::string readThrough(KivHandle handle, const char* name) {
     return std::string(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
 }
 
-TEST(KivDriverTest, SnapshotShowsTheVolumeAsItWasWhenMade) {
-    TempMachine machine(driverMachine());
+// The snapshot reads as the volume was when made; a destroy the test hook
+// makes fail is answered as scripted, and the next one destroys for real.
+TEST_F(KivDriverTest, SnapshotShowsTheVolumeAsItWasWhenMadeUntilDestroyed) {
     std::filesystem::create_directories(hostPathOf(u"C:\\dir"));
     std::ofstream(hostPathOf(u"C:\\dir\\report.txt")) << "before";
-    const std::string name = generatedName();
     // The cache sits on the volume being snapshotted.
-    KivHandle set = prepareOne(name, "C:\\_tarnKivCacheFile_0.KIV");
-    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
+    const std::string name = createSnapshot("C:\\_tarnKivCacheFile_0.KIV");
     std::ofstream(hostPathOf(u"C:\\dir\\report.txt")) << "after";
     std::ofstream(hostPathOf(u"C:\\later.txt")) << "new";
 
@@ -496,16 +463,23 @@ TEST(KivDriverTest, SnapshotShowsTheVolumeAsItWasWhenMade) {
     EXPECT_EQ(readThrough(snapshot, "dir/report.txt"), "before");
     EXPECT_EQ(readThrough(snapshot, "later.txt"), "(missing)");
     EXPECT_EQ(readThrough(snapshot, "_tarnKivCacheFile_0.KIV"), "(missing)");
-    EXPECT_EQ(KIV_Destroy(&api(), &snapshot, 1), 0u);
+
+    sim::injectFault("KIV_Destroy", os::ERROR_ACCESS_DENIED, /*skip=*/0, /*count=*/3);
+    std::vector<std::uint32_t> answers;
+    for (int i = 0; i < 4; ++i) {
+        answers.push_back(KIV_Destroy(&api(), &snapshot, 1));
+    }
+    EXPECT_EQ(answers, (std::vector<std::uint32_t>{5, 5, 5, 0}));
+    EXPECT_FALSE(describe(snapshot).has_value());
+    EXPECT_EQ(KIV_Destroy(&api(), &snapshot, 1), os::ERROR_INVALID_HANDLE);  // already gone
+    EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"C:\\_tarnKivCacheFile_0.KIV")));
     KIV_Close(&api(), &snapshot);
-    KIV_Close(&api(), &set);
 }
 
-TEST(KivDriverTest, CachePathOfALiveSnapshotIsRefused) {
-    TempMachine machine(driverMachine());
-    const std::string cache = "E:\\_tarnKivCacheFile_0.KIV";
-    ASSERT_EQ(runChild("makeSnapshot", {"\\\\?\\GLOBALROOT\\Device\\KivSnapshot40", cache}), 0);
-
+TEST_F(KivDriverTest, CachePathOfALiveSnapshotIsRefused) {
+    ASSERT_EQ(runChild("makeSnapshot",
+                       {"\\\\?\\GLOBALROOT\\Device\\KivSnapshot40", "E:\\_tarnKivCacheFile_0.KIV"}),
+              0);
     std::uint32_t status = 0;
     // Same file, also spelled differently.
     for (const char* path : {"E:\\_tarnKivCacheFile_0.KIV", "e:\\_TARNKIVCACHEFILE_0.kiv",
@@ -523,8 +497,7 @@ TEST(KivDriverTest, CachePathOfALiveSnapshotIsRefused) {
     KIV_Close(&api(), &set);
 }
 
-TEST(KivDriverTest, PreparationsThatWereNeverCreatedLetGoOfTheirCache) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, PreparationsThatWereNeverCreatedLetGoOfTheirCache) {
     const char* cache = "E:\\_tarnKivCacheFile_0.KIV";
     std::uint32_t status = 0;
 
@@ -542,16 +515,11 @@ TEST(KivDriverTest, PreparationsThatWereNeverCreatedLetGoOfTheirCache) {
     KIV_Close(&api(), &set);
 }
 
-TEST(KivDriverTest, DuplicatedHandleReadsTheSameVolume) {
-    TempMachine machine(driverMachine());
-    const std::string name = generatedName();
-    KivHandle set = prepareOne(name, "E:\\_tarnKivCacheFile_0.KIV");
-    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
-    KIV_Close(&api(), &set);
-
+TEST_F(KivDriverTest, DuplicatedHandleReadsTheSameVolume) {
+    const std::string name = createSnapshot();
     // The agent's part: another process holds the snapshot volume open.
-    const std::filesystem::path published = machine.directory() / "handle";
-    const std::filesystem::path done = machine.directory() / "done";
+    const std::filesystem::path published = machine_.directory() / "handle";
+    const std::filesystem::path done = machine_.directory() / "done";
     const pid_t agent =
         testsupport::startChild("holdVolume", {name, published.string(), done.string()});
     ASSERT_TRUE(waitForFile(published));
@@ -572,36 +540,12 @@ TEST(KivDriverTest, DuplicatedHandleReadsTheSameVolume) {
     // Destroying through the taken handle removes the snapshot machine-wide.
     EXPECT_EQ(KIV_Destroy(&api(), &local, 1), 0u);
     EXPECT_EQ(KIV_Close(&api(), &local), 0u);
-    std::ofstream(done) << "x";
+    testsupport::publishFile(done);
     EXPECT_EQ(testsupport::waitChild(agent), 0);
-    std::uint32_t status = 0;
-    openVolume(name, &status);
-    EXPECT_EQ(status, os::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(openStatus(name), os::ERROR_FILE_NOT_FOUND);
 }
 
-TEST(KivDriverTest, ScriptedDestroyAnswersThenDestroysForReal) {
-    TempMachine machine(driverMachine());
-    const std::string name = generatedName();
-    KivHandle set = prepareOne(name, "E:\\_tarnKivCacheFile_0.KIV");
-    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
-    KivHandle snapshot = openVolume(name);
-    ASSERT_TRUE(isValidKivHandle(snapshot));
-
-    sim::injectFault("KIV_Destroy", os::ERROR_ACCESS_DENIED, /*skip=*/0, /*count=*/3);
-    std::vector<std::uint32_t> answers;
-    for (int i = 0; i < 4; ++i) {
-        answers.push_back(KIV_Destroy(&api(), &snapshot, 1));
-    }
-    EXPECT_EQ(answers, (std::vector<std::uint32_t>{5, 5, 5, 0}));
-    EXPECT_FALSE(describe(snapshot).has_value());
-    EXPECT_EQ(KIV_Destroy(&api(), &snapshot, 1), os::ERROR_INVALID_HANDLE);  // already gone
-    EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV")));
-    KIV_Close(&api(), &snapshot);
-    KIV_Close(&api(), &set);
-}
-
-TEST(KivDriverTest, MultiVolumeSetIsCreatedAndDestroyedPerVolume) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, MultiVolumeSetIsCreatedAndDestroyedPerVolume) {
     KivHandle c = openVolume("C:");
     KivHandle data = openVolume("C:\\mnt\\data");
     const std::string first = generatedName();
@@ -622,26 +566,22 @@ TEST(KivDriverTest, MultiVolumeSetIsCreatedAndDestroyedPerVolume) {
     EXPECT_TRUE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_1.KIV")));
     EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\_tarnKivCacheFile_0.KIV")));
     EXPECT_EQ(KIV_Destroy(&api(), &two, 1), 0u);
+
+    // One cache path twice in one call is refused too.
+    const std::string third = generatedName();
+    const std::string fourth = generatedName();
+    KivSnapshotParametersRecord twice[] = {element(c, third, "E:\\same.KIV"),
+                                           element(c, fourth, "E:\\same.KIV")};
+    EXPECT_EQ(KIV_Prepare(&api(), twice, 2, 40, &set), kSharingViolation);
     for (KivHandle* handle : {&one, &two, &set, &c, &data}) {
         KIV_Close(&api(), handle);
     }
-
-    // One cache path twice in one call is refused too.
-    c = openVolume("C:");
-    const std::string third = generatedName();
-    const std::string fourth = generatedName();
-    KivSnapshotParametersRecord twice[] = {
-        element(c, third, "E:\\same.KIV"),
-        element(c, fourth, "E:\\same.KIV"),
-    };
-    EXPECT_EQ(KIV_Prepare(&api(), twice, 2, 40, &set), kSharingViolation);
-    KIV_Close(&api(), &c);
 }
 
 // A state file that is well-formed JSON of the wrong shape (or no JSON, or no
 // file) is named in one report and refused by the calls that need it; it is
 // never overwritten, and no call waits on a lock an earlier one kept.
-TEST(KivDriverTest, DamagedStateFileIsReportedAndLeftAlone) {
+TEST(KivDriverStateTest, DamagedStateFileIsReportedAndLeftAlone) {
     const struct {
         const char* what;
         const char* text;  // null: a FIFO in the file's place
@@ -685,15 +625,11 @@ TEST(KivDriverTest, DamagedStateFileIsReportedAndLeftAlone) {
 // Opening, describing and closing volumes and snapshot volumes only reads
 // the driver state: such calls neither wait for the driver lock nor make the
 // driver's files.
-TEST(KivDriverTest, ReadingCallsTakeNoLockAndWriteNothing) {
-    TempMachine machine(driverMachine());
+TEST_F(KivDriverTest, ReadingCallsTakeNoLockAndWriteNothing) {
     EXPECT_EQ(runChild("describeVolumes", {"C:", "0x1", "1", "C:\\mnt\\data", "0x1", "2"}), 0);
     EXPECT_FALSE(std::filesystem::exists(driverDirectory()));
 
-    const std::string name = generatedName();
-    KivHandle set = prepareOne(name, "E:\\_tarnKivCacheFile_0.KIV");
-    ASSERT_EQ(KIV_Create(&api(), set, 0, 0, 0), 0u);
-    KIV_Close(&api(), &set);
+    const std::string name = createSnapshot();
     const std::string state = fileText(driverDirectory() / "state.json");
 
     // Another holder of the lock: a process in the middle of a long change.
