@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <latch>
 #include <memory>
@@ -20,6 +21,7 @@
 #include "sim/hooks.h"
 #include "support/child_process.h"
 #include "support/log_capture.h"
+#include "support/wide_text.h"
 
 namespace {
 
@@ -44,8 +46,8 @@ std::vector<std::string> messageTexts(LogCapture& capture) {
 }
 
 // Lines written before the host's context is known go nowhere; once it is
-// set, an object traces its entry and exit at the trace level. Tracing never
-// changes the caller's last error.
+// set, an object traces its entry and exit at the trace level, also when an
+// exception leaves it. Tracing never changes the caller's last error.
 TEST(WriteLogTest, LinesNeedAContextAndLeaveLastErrorAlone) {
     setLogContext(nullptr);
     {
@@ -55,8 +57,13 @@ TEST(WriteLogTest, LinesNeedAContextAndLeaveLastErrorAlone) {
     }
     LogCapture capture;
     os::SetLastError(0xDEADBEEF);
-    { tarp_TraceMethod method(u"providers\\kiv\\kivconfig", u"KivConfig::set", 344); }
+    try {
+        tarp_TraceMethod method(u"providers\\kiv\\kivconfig", u"KivConfig::set", 344);
+        throw 7;
+    } catch (int) {
+    }
     EXPECT_EQ(os::GetLastError(), 0xDEADBEEFu);
+    EXPECT_EQ(tarp_TraceMethod::currentThreadDepth(), 0u);
     EXPECT_EQ(messageTexts(capture),
               (std::vector<std::string>{
                   "Entering Function KivConfig::set[344, providers\\kiv\\kivconfig]\n",
@@ -82,15 +89,16 @@ TEST(WriteLogTest, TimeStampOfAKnownTime) {
 
     ASSERT_EQ(now.wSecond, 5);
     ASSERT_EQ(now.wMilliseconds, 7);
-    static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                          "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    std::tm date{};  // the C library names the day and month
+    date.tm_wday = now.wDayOfWeek;
+    date.tm_mon = now.wMonth - 1;
+    char names[16];
+    std::strftime(names, sizeof(names), "%a %b", &date);
     char expected[64];
-    std::snprintf(expected, sizeof(expected), "fikiv:%s %s %2d %04d %02d:%02d:05.007000 known\n",
-                  kDays[now.wDayOfWeek], kMonths[now.wMonth - 1], now.wDay, now.wYear, now.wHour,
-                  now.wMinute);
-    ASSERT_EQ(capture.messages().size(), 1u);
-    EXPECT_EQ(ascii(capture.messages()[0].text), expected);
+    std::snprintf(expected, sizeof(expected), "fikiv:%s %2d %04d %02d:%02d:05.007000 known\n", names,
+                  now.wDay, now.wYear, now.wHour, now.wMinute);
+    EXPECT_EQ(capture.texts(kLogInformation),
+              std::vector<std::u16string>{testsupport::utf16(expected)});
 }
 
 // The log writer's buffer starts at 512 units and grows: a message of any
@@ -152,19 +160,6 @@ TEST(TraceFormatTest, CutsAndLineFeeds) {
     }
 }
 
-TEST(TraceMethodTest, ExitLineIsWrittenWhenAnExceptionLeaves) {
-    LogCapture capture;
-    try {
-        tarp_TraceMethod method(u"src", u"Op::fail", 3);
-        throw 7;
-    } catch (int) {
-    }
-    const std::vector<std::string> texts = messageTexts(capture);
-    ASSERT_EQ(texts.size(), 2u);
-    EXPECT_EQ(texts[1], "Exiting Function Op::fail[3, src]\n");
-    EXPECT_EQ(tarp_TraceMethod::currentThreadDepth(), 0u);
-}
-
 // Opens 25 nested trace objects on the calling thread, checks that the depth
 // stops at twenty and unwinds to zero; `atDepth` runs while all are alive.
 void nestTwentyFive(const std::function<void()>& atDepth) {
@@ -217,19 +212,14 @@ TEST(TraceMethodTest, EachThreadHasItsOwnCappedDepth) {
               kThreads * 25);
 }
 
+// Lines name the plug-in; a process that has not set a name yet says so.
 FIKIV_CHILD_ROLE(freshPluginName) {
     testsupport::ChildChecks checks;
     FIKIV_CHILD_FAIL_IF(checks, pluginName() != u"<Plugin name not set>");
-    LogCapture capture;  // sets "fikiv"
-    setPluginName(u"other");
-    writeLog(kLogInformation, u"named");
-    const auto messages = capture.messages();
-    FIKIV_CHILD_FAIL_IF(checks,
-                        messages.size() != 1 || ascii(messages[0].text).rfind("other:", 0) != 0);
     return checks.failures();
 }
 
-TEST(PluginNameTest, StartsUnsetAndCanBeReplaced) {
+TEST(PluginNameTest, StartsUnset) {
     EXPECT_EQ(testsupport::waitChild(testsupport::startChild("freshPluginName")), 0);
 }
 

@@ -47,18 +47,6 @@ TEST(BoundedFormatTest, NarrowResultsAndTruncation) {
     EXPECT_EQ(boundedFormat(nullptr, 8, "%d", 1), -1);
 }
 
-// Error ids have at least four digits; six no longer fit and are cut, never
-// overrun.
-TEST(BoundedFormatTest, CatalogueIdsAreZeroPadded) {
-    char id[16];
-    EXPECT_EQ(boundedFormat(id, sizeof(id), "MSG_TARN_E%04u", 42u), 14);
-    EXPECT_STREQ(id, "MSG_TARN_E0042");
-    EXPECT_EQ(boundedFormat(id, sizeof(id), "MSG_TARN_E%04u", 12345u), 15);
-    EXPECT_STREQ(id, "MSG_TARN_E12345");
-    EXPECT_EQ(boundedFormat(id, sizeof(id), "MSG_TARN_E%04u", 123456u), 15);
-    EXPECT_STREQ(id, "MSG_TARN_E12345");
-}
-
 TEST(BoundedFormatWideTest, ResultTellsFitExactFillAndOverflow) {
     // clang-format off
     struct Row { const char* name; std::size_t capacity; std::size_t textLength; std::int32_t expectedResult; std::size_t expectedLength; };
