@@ -144,8 +144,9 @@ TEST(MsgCatalogTest, EveryUseOfAPluginMessageReadsWholeInEveryLocale) {
             EXPECT_NE(message.find(part), std::u16string::npos) << utf8(message);
         }
     }
-    EXPECT_EQ(utf8(formatted(german, rows[0])),
-              "Der Snapshot-Treiber kann den Datenträger E:\\ nicht öffnen (KIV_Open antwortete 4101).");
+    EXPECT_EQ(
+        utf8(formatted(german, rows[0])),
+        "Der Snapshot-Treiber kann den Datenträger E:\\ nicht öffnen (KIV_Open antwortete 4101).");
 }
 
 // Every help text has its own German wording, and every framework status the

@@ -95,8 +95,8 @@ TEST(WriteLogTest, TimeStampOfAKnownTime) {
     char names[16];
     std::strftime(names, sizeof(names), "%a %b", &date);
     char expected[64];
-    std::snprintf(expected, sizeof(expected), "fikiv:%s %2d %04d %02d:%02d:05.007000 known\n", names,
-                  now.wDay, now.wYear, now.wHour, now.wMinute);
+    std::snprintf(expected, sizeof(expected), "fikiv:%s %2d %04d %02d:%02d:05.007000 known\n",
+                  names, now.wDay, now.wYear, now.wHour, now.wMinute);
     EXPECT_EQ(capture.texts(kLogInformation),
               std::vector<std::u16string>{testsupport::utf16(expected)});
 }

@@ -59,13 +59,20 @@ os::DWORD thrownCode(Call call) {
     return 0;
 }
 
-TEST(VolumeIteratorTest, ListsEveryVolumeInSystemOrderIncludingThoseWithoutPath) {
+// Every volume in system order, including those without a path, and the
+// mount points of each; none, or no such volume, is an empty sequence.
+TEST(VolumeIteratorTest, ListsVolumesAndTheirMountPoints) {
     TempMachine machine(nestedMachine());
     std::vector<std::u16string> expected;
     for (int number = 1; number <= 8; ++number) {
         expected.push_back(TempMachine::guidName(number));
     }
     EXPECT_EQ(listVolumes(), expected);
+    EXPECT_EQ(listMountPoints(TempMachine::guidName(1)),
+              (std::vector<std::u16string>{u"mnt\\data\\", u"second\\"}));
+    EXPECT_EQ(listMountPoints(TempMachine::guidName(2)), std::vector<std::u16string>{u"inner\\"});
+    EXPECT_TRUE(MountPointIterator::begin(TempMachine::guidName(4)) == MountPointIterator::end());
+    EXPECT_TRUE(listMountPoints(TempMachine::guidName(99)).empty());
 }
 
 TEST(VolumeIteratorTest, CopiesShareOnePosition) {
@@ -86,16 +93,6 @@ TEST(VolumeIteratorTest, CopiesShareOnePosition) {
     // Iterators are equal only when both are at their end.
     EXPECT_FALSE(first == first);
     EXPECT_TRUE(VolumeIterator::end() == VolumeIterator::end());
-}
-
-TEST(VolumeIteratorTest, MountPointsOfEachVolume) {
-    TempMachine machine(nestedMachine());
-    EXPECT_EQ(listMountPoints(TempMachine::guidName(1)),
-              (std::vector<std::u16string>{u"mnt\\data\\", u"second\\"}));
-    EXPECT_EQ(listMountPoints(TempMachine::guidName(2)), std::vector<std::u16string>{u"inner\\"});
-    // No mount points, or no such volume: an empty sequence, not an error.
-    EXPECT_TRUE(MountPointIterator::begin(TempMachine::guidName(4)) == MountPointIterator::end());
-    EXPECT_TRUE(listMountPoints(TempMachine::guidName(99)).empty());
 }
 
 // A failing system call in the middle of a listing is thrown as its code;
