@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <regex>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -18,26 +19,13 @@
 #include <unicode/msgfmt.h>
 #include <unicode/unistr.h>
 
+#include "support/wide_text.h"
+
 namespace {
 
+using testsupport::utf8;
+
 // Formats `pattern` with `arguments` the way the plug-in does.
-std::string toUtf8(const std::u16string& text) {
-    std::string narrow;
-    icu::UnicodeString(text.data(), static_cast<std::int32_t>(text.size())).toUTF8String(narrow);
-    return narrow;
-}
-
-// True when a "{" followed by a digit is left: an argument that was not set.
-bool hasPlaceholder(const std::u16string& message) {
-    for (std::size_t at = message.find(u'{'); at != std::u16string::npos;
-         at = message.find(u'{', at + 1)) {
-        if (at + 1 < message.size() && message[at + 1] >= u'0' && message[at + 1] <= u'9') {
-            return true;
-        }
-    }
-    return false;
-}
-
 std::u16string format(const char16_t* pattern, const std::vector<icu::Formattable>& arguments) {
     icu::UnicodeString result;
     UErrorCode status = U_ZERO_ERROR;
@@ -51,28 +39,29 @@ icu::Formattable text(const char16_t* value) {
     return icu::Formattable(icu::UnicodeString(value));
 }
 
-// Sets FIKIV_CATALOG_PATH for the life of the object.
-class ScopedCatalogPath {
-  public:
-    explicit ScopedCatalogPath(const std::string& path) {
-        const char* previous = std::getenv("FIKIV_CATALOG_PATH");
-        if (previous != nullptr) {
-            previous_ = previous;
-            hadPrevious_ = true;
-        }
+icu::Formattable number(std::int32_t value) {
+    return icu::Formattable(value);
+}
+
+// An empty directory of its own under the temporary directory, removed with
+// the object.
+struct ScratchDirectory {
+    explicit ScratchDirectory(const char* name)
+        : path(std::filesystem::temp_directory_path() /
+               (std::string(name) + "_" + std::to_string(getpid()))) {
+        std::filesystem::create_directories(path);
+    }
+    ~ScratchDirectory() { std::filesystem::remove_all(path); }
+    std::filesystem::path path;
+};
+
+// Sets FIKIV_CATALOG_PATH for the life of the object; the tests run without
+// it, so the build's catalogues next to the library are used.
+struct ScopedCatalogPath {
+    explicit ScopedCatalogPath(const std::filesystem::path& path) {
         setenv("FIKIV_CATALOG_PATH", path.c_str(), 1);
     }
-    ~ScopedCatalogPath() {
-        if (hadPrevious_) {
-            setenv("FIKIV_CATALOG_PATH", previous_.c_str(), 1);
-        } else {
-            unsetenv("FIKIV_CATALOG_PATH");
-        }
-    }
-
-  private:
-    std::string previous_;
-    bool hadPrevious_ = false;
+    ~ScopedCatalogPath() { unsetenv("FIKIV_CATALOG_PATH"); }
 };
 
 // Sets ICU's default locale for the life of the object.
@@ -92,59 +81,14 @@ class ScopedDefaultLocale {
     icu::Locale previous_;
 };
 
-TEST(MsgCatalogTest, FormatsDriverFailureInRootAndLocales) {
-    const std::string tooLong = "de_" + std::string(300, 'A');
-    struct Row {
-        const char* name;
-        const char* locale;
-        std::u16string expected;
-    };
-    const Row rows[] = {
-        {"Root", "root", u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
-        {"German", "de",
-         u"Der Snapshot-Treiber kann den Datenträger C:\\ nicht öffnen (KIV_Open antwortete 5)."},
-        {"GermanRegionFallsBackToGerman", "de_AT",
-         u"Der Snapshot-Treiber kann den Datenträger C:\\ nicht öffnen (KIV_Open antwortete 5)."},
-        {"UnknownLocaleFallsBackToRoot", "fr",
-         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
-        {"NameTooLongForALocaleFallsBackToRoot", tooLong.c_str(),
-         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
-        // A path in the name would open a bundle file outside the catalogue.
-        {"NameWithAPathIsNotFollowed", "../libfikiv/de",
-         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
-        {"NameWithSlashesIsNotALocale", "//de",
-         u"The snapshot driver cannot open the volume C:\\ (KIV_Open answered 5)."},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        tarp_MsgCatalog catalogue("libfikiv", row.locale, false);
-        ASSERT_TRUE(catalogue.isOpen());
-        const char16_t* pattern = catalogue.getCachedMsg("MSG_ERROR_KIVAPI", false);
-        ASSERT_NE(pattern, nullptr);
-        EXPECT_EQ(
-            format(pattern, {text(u"KIV_Open"), icu::Formattable(std::int32_t{5}), text(u"C:\\")}),
-            row.expected);
-    }
-}
-
-// ICU would fall back to the process's default locale before root; the
-// catalogue's language must not depend on the environment of the host.
-TEST(MsgCatalogTest, UnknownLocaleIgnoresTheDefaultLocale) {
-    ScopedDefaultLocale german("de");
-    tarp_MsgCatalog french("libfikiv", "fr", false);
-    tarp_MsgCatalog root("libfikiv", "root", false);
-    const char16_t* frenchText = french.getCachedMsg("MSG_ERROR_OBJID", false);
-    const char16_t* rootText = root.getCachedMsg("MSG_ERROR_OBJID", false);
-    ASSERT_NE(frenchText, nullptr);
-    ASSERT_NE(rootText, nullptr);
-    EXPECT_EQ(std::u16string(frenchText), std::u16string(rootText));
-}
-
 // Every use the plug-in makes of its messages reads as one whole sentence
 // in root (checked word for word) and in German (no placeholder left, the
 // names shown). Status numbers are shown without grouping ("4101", not
-// "4.101"), whatever the process's default locale.
-TEST(MsgCatalogTest, EveryUseOfAPluginMessageReadsWhole) {
+// "4.101"), whatever the process's default locale. A locale without a bundle
+// of its own reads as its parent or as root, never as the process's default
+// locale (German here); a name with a path in it is no locale at all, so it
+// cannot open a bundle file outside the catalogue.
+TEST(MsgCatalogTest, EveryUseOfAPluginMessageReadsWholeInEveryLocale) {
     struct Row {
         const char* id;
         std::vector<icu::Formattable> arguments;
@@ -152,144 +96,110 @@ TEST(MsgCatalogTest, EveryUseOfAPluginMessageReadsWhole) {
         std::vector<std::u16string> shown;  // in every locale
     };
     const icu::Formattable busy = text(u"Retrived handle after every second for 30 times");
+    // clang-format off
     const std::vector<Row> rows = {
-        {"MSG_ERROR_KIVAPI",
-         {text(u"KIV_Open"), icu::Formattable(std::int32_t{4101}), text(u"E:\\")},
-         u"The snapshot driver cannot open the volume E:\\ (KIV_Open answered 4101).",
-         {u"E:\\", u"4101"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"KIV_Create"), icu::Formattable(std::int32_t{5}), text(u"KIV_Create")},
-         u"The snapshot driver could not create the snapshot (KIV_Create answered 5); no "
-         u"snapshot was made.",
-         {u"KIV_Create"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"KIV_Prepare"), icu::Formattable(std::int32_t{32}), text(u"KIV_Prepare")},
-         u"The snapshot driver refused to prepare the snapshot (KIV_Prepare answered 32: a cache "
-         u"file name is in use by another snapshot).",
-         {u"KIV_Prepare", u"32"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"KIV_Prepare"), icu::Formattable(std::int32_t{87}), text(u"KIV_Prepare")},
-         u"The snapshot driver refused to prepare the snapshot (KIV_Prepare answered 87).",
-         {u"87"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"KIV_Destroy"), icu::Formattable(std::int32_t{5}), text(u"\\\\?\\snap1")},
-         u"The snapshot driver could not remove the snapshot volume \\\\?\\snap1 (KIV_Destroy "
-         u"answered 5); it still exists.",
-         {u"\\\\?\\snap1"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"KIV_GetVolumeInformation"), icu::Formattable(std::int32_t{0}),
-          text(u"\\\\?\\Volume{x} - KIV_ATTRIBUTE_DISABLED")},
-         u"The snapshot driver does not offer this volume for snapshots: \\\\?\\Volume{x} - "
-         u"KIV_ATTRIBUTE_DISABLED.",
-         {u"KIV_ATTRIBUTE_DISABLED"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"KIV_ORB_Registervolume"), icu::Formattable(std::int32_t{2}), text(u"snap2")},
-         u"The snapshot volume snap2 could not be handed to the backup agent (status 2: no "
-         u"backup agent is running).",
-         {u"snap2"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"ORB::ReleaseVolumeHandle"), icu::Formattable(std::int32_t{2}), text(u"snap3")},
-         u"The backup agent request ORB::ReleaseVolumeHandle for snap3 failed (status 2: no "
-         u"backup agent is running, or it does not hold this volume).",
-         {u"ORB::ReleaseVolumeHandle", u"snap3"}},
-        {"MSG_ERROR_KIVAPI",
-         {text(u"ORB::RetrieveHandle"), icu::Formattable(std::int32_t{1235}), text(u"snap4")},
-         u"The backup agent request ORB::RetrieveHandle for snap4 failed (status 1235).",
-         {u"ORB::RetrieveHandle", u"1235", u"snap4"}},
-        {"MSG_ERROR_KIVAPI_STR",
-         {text(u"Make"), text(u"KIV_Open"), text(u"snap5")},
-         u"The snapshot volume snap5 was made, but the snapshot driver cannot open it (KIV_Open "
-         u"failed), so it was not handed to the backup agent.",
-         {u"snap5", u"KIV_Open"}},
-        {"MSG_ERROR_KIVAPI_2",
-         {text(u"KIV_generateVolumeName"), icu::Formattable(std::int32_t{12345})},
-         u"The snapshot driver could not generate a snapshot volume name (status 12345).",
-         {u"12345"}},
-        {"MSG_ERROR_KIVORBHANDLE",
-         {text(u"KIV_ORB_Registervolume"), icu::Formattable(std::int32_t{231}), busy,
-          text(u"snap6")},
-         u"The backup agent stayed busy for 30 seconds, so the snapshot volume snap6 was not "
-         u"handed to it.",
-         {u"snap6"}},
-        {"MSG_ERROR_KIVORBHANDLE",
-         {text(u"ORB::RetrieveHandle"), icu::Formattable(std::int32_t{231}), busy, text(u"snap7")},
-         u"The backup agent stayed busy for 30 seconds: its request ORB::RetrieveHandle for "
-         u"snap7 never got through (status 231).",
-         {u"ORB::RetrieveHandle", u"snap7", u"231"}},
-        {"MSG_ERROR_OBJID",
-         {text(u"snap8")},
-         u"The framework made no object identity for the snapshot volume snap8: the volume "
-         u"exists, but the framework cannot name it.",
-         {u"snap8"}},
-        {"MSG_ERROR_AUTOCONFIG",
-         {text(u"Error occured in CreateMutex, GetLastError() is: 5")},
-         u"The cache files could not be placed automatically, so the snapshot has no cache "
-         u"settings. Details: Error occured in CreateMutex, GetLastError() is: 5",
-         {u"GetLastError() is: 5"}},
-        {"MSG_ERROR_INVAL",
-         {text(u"KIV_Prepare"), text(u"KIV_INVAL_ARGS")},
-         u"The framework asked to prepare the snapshot in a mode this provider does not support "
-         u"(KIV_INVAL_ARGS).",
-         {u"KIV_INVAL_ARGS"}},
+        {"MSG_ERROR_KIVAPI", {text(u"KIV_Open"), number(4101), text(u"E:\\")}, u"The snapshot driver cannot open the volume E:\\ (KIV_Open answered 4101).", {u"E:\\", u"4101"}},
+        {"MSG_ERROR_KIVAPI", {text(u"KIV_Create"), number(5), text(u"KIV_Create")}, u"The snapshot driver could not create the snapshot (KIV_Create answered 5); no snapshot was made.", {u"KIV_Create"}},
+        {"MSG_ERROR_KIVAPI", {text(u"KIV_Prepare"), number(32), text(u"KIV_Prepare")}, u"The snapshot driver refused to prepare the snapshot (KIV_Prepare answered 32: a cache file name is in use by another snapshot).", {u"KIV_Prepare", u"32"}},
+        {"MSG_ERROR_KIVAPI", {text(u"KIV_Prepare"), number(87), text(u"KIV_Prepare")}, u"The snapshot driver refused to prepare the snapshot (KIV_Prepare answered 87).", {u"87"}},
+        {"MSG_ERROR_KIVAPI", {text(u"KIV_Destroy"), number(5), text(u"\\\\?\\snap1")}, u"The snapshot driver could not remove the snapshot volume \\\\?\\snap1 (KIV_Destroy answered 5); it still exists.", {u"\\\\?\\snap1"}},
+        {"MSG_ERROR_KIVAPI", {text(u"KIV_GetVolumeInformation"), number(0), text(u"\\\\?\\Volume{x} - KIV_ATTRIBUTE_DISABLED")}, u"The snapshot driver does not offer this volume for snapshots: \\\\?\\Volume{x} - KIV_ATTRIBUTE_DISABLED.", {u"KIV_ATTRIBUTE_DISABLED"}},
+        {"MSG_ERROR_KIVAPI", {text(u"KIV_ORB_Registervolume"), number(2), text(u"snap2")}, u"The snapshot volume snap2 could not be handed to the backup agent (status 2: no backup agent is running).", {u"snap2"}},
+        {"MSG_ERROR_KIVAPI", {text(u"ORB::ReleaseVolumeHandle"), number(2), text(u"snap3")}, u"The backup agent request ORB::ReleaseVolumeHandle for snap3 failed (status 2: no backup agent is running, or it does not hold this volume).", {u"ORB::ReleaseVolumeHandle", u"snap3"}},
+        {"MSG_ERROR_KIVAPI", {text(u"ORB::RetrieveHandle"), number(1235), text(u"snap4")}, u"The backup agent request ORB::RetrieveHandle for snap4 failed (status 1235).", {u"ORB::RetrieveHandle", u"1235", u"snap4"}},
+        {"MSG_ERROR_KIVAPI_STR", {text(u"Make"), text(u"KIV_Open"), text(u"snap5")}, u"The snapshot volume snap5 was made, but the snapshot driver cannot open it (KIV_Open failed), so it was not handed to the backup agent.", {u"snap5", u"KIV_Open"}},
+        {"MSG_ERROR_KIVAPI_2", {text(u"KIV_generateVolumeName"), number(12345)}, u"The snapshot driver could not generate a snapshot volume name (status 12345).", {u"12345"}},
+        {"MSG_ERROR_KIVORBHANDLE", {text(u"KIV_ORB_Registervolume"), number(231), busy, text(u"snap6")}, u"The backup agent stayed busy for 30 seconds, so the snapshot volume snap6 was not handed to it.", {u"snap6"}},
+        {"MSG_ERROR_KIVORBHANDLE", {text(u"ORB::RetrieveHandle"), number(231), busy, text(u"snap7")}, u"The backup agent stayed busy for 30 seconds: its request ORB::RetrieveHandle for snap7 never got through (status 231).", {u"ORB::RetrieveHandle", u"snap7", u"231"}},
+        {"MSG_ERROR_OBJID", {text(u"snap8")}, u"The framework made no object identity for the snapshot volume snap8: the volume exists, but the framework cannot name it.", {u"snap8"}},
+        {"MSG_ERROR_AUTOCONFIG", {text(u"Error occured in CreateMutex, GetLastError() is: 5")}, u"The cache files could not be placed automatically, so the snapshot has no cache settings. Details: Error occured in CreateMutex, GetLastError() is: 5", {u"GetLastError() is: 5"}},
+        {"MSG_ERROR_INVAL", {text(u"KIV_Prepare"), text(u"KIV_INVAL_ARGS")}, u"The framework asked to prepare the snapshot in a mode this provider does not support (KIV_INVAL_ARGS).", {u"KIV_INVAL_ARGS"}},
     };
-    ScopedDefaultLocale german("de");
-    tarp_MsgCatalog root("libfikiv", "root", false);
-    tarp_MsgCatalog germanCatalogue("libfikiv", "de", false);
+    // clang-format on
+    const std::regex unsetArgument("\\{[0-9]");  // a placeholder left in the text
+    ScopedDefaultLocale defaultLocale("de");
+    const std::string tooLong = "de_" + std::string(300, 'A');
+    tarp_MsgCatalog german("libfikiv", "de", false);
+    tarp_MsgCatalog austrian("libfikiv", "de_AT", false);
+    std::vector<std::unique_ptr<tarp_MsgCatalog>> rootCatalogues;
+    for (const char* locale : {"root", "fr", tooLong.c_str(), "../libfikiv/de", "//de"}) {
+        rootCatalogues.push_back(std::make_unique<tarp_MsgCatalog>("libfikiv", locale, false));
+        ASSERT_TRUE(rootCatalogues.back()->isOpen()) << locale;
+    }
+    auto formatted = [](tarp_MsgCatalog& catalogue, const Row& row) {
+        const char16_t* pattern = catalogue.getCachedMsg(row.id, false);
+        EXPECT_NE(pattern, nullptr);
+        return pattern != nullptr ? format(pattern, row.arguments) : u"<no pattern>";
+    };
     for (const Row& row : rows) {
-        SCOPED_TRACE(std::string(row.id) + " " + toUtf8(format(u"{0}", row.arguments)));
-        for (tarp_MsgCatalog* catalogue : {&root, &germanCatalogue}) {
-            const char16_t* pattern = catalogue->getCachedMsg(row.id, false);
-            ASSERT_NE(pattern, nullptr);
-            std::u16string message = format(pattern, row.arguments);
-            if (catalogue == &root) {
-                EXPECT_EQ(toUtf8(message), toUtf8(row.root));
-            }
-            EXPECT_FALSE(hasPlaceholder(message)) << toUtf8(message);
-            for (const std::u16string& part : row.shown) {
-                EXPECT_NE(message.find(part), std::u16string::npos) << toUtf8(message);
-            }
+        SCOPED_TRACE(std::string(row.id) + " " + utf8(format(u"{0}", row.arguments)));
+        for (const auto& catalogue : rootCatalogues) {
+            EXPECT_EQ(utf8(formatted(*catalogue, row)), utf8(row.root));
+        }
+        const std::u16string message = formatted(german, row);
+        EXPECT_NE(utf8(message), utf8(row.root));
+        EXPECT_EQ(utf8(formatted(austrian, row)), utf8(message));
+        EXPECT_FALSE(std::regex_search(utf8(message), unsetArgument)) << utf8(message);
+        for (const std::u16string& part : row.shown) {
+            EXPECT_NE(message.find(part), std::u16string::npos) << utf8(message);
         }
     }
+    EXPECT_EQ(
+        utf8(formatted(german, rows[0])),
+        "Der Snapshot-Treiber kann den Datenträger E:\\ nicht öffnen (KIV_Open antwortete 4101).");
 }
 
-TEST(MsgCatalogTest, ConfigurationHelpAndStatusTextsExist) {
-    const char* helpIds[] = {
-        "MSG_CFGHELPTEXT_SNAPSHOTVOLUMENAME",  "MSG_CFGHELPTXT_CACHEFILENAME",
-        "MSG_CFGHELPTXT_INITIALCACHEFILESIZE", "MSG_CFGHELPTXT_MAXCACHEFILESIZE",
-        "MSG_CFGHELPTXT_QUIESCEWAITTIME",      "MSG_CFGHELPTXT_QUIESCETIMEOUT",
-        "MSG_CFGHELPTXT_CACHEFILEALLOWEDVOLS", "MSG_CFGHELPTXT_CACHEFILEEXCLUDEDVOLS",
-        "MSG_CFGHELPTXT_CACHEFILEINITSIZEMB",  "MSG_CFGHELPTXT_CACHEFILEMAXSIZEMB",
-        "MSG_CFGHELPTXT_CACHEFILEINITSIZEPCT", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEPCT",
-    };
+// Every help text has its own German wording, and every framework status the
+// plug-in answers has a text.
+TEST(MsgCatalogTest, HelpTextsAreTranslatedAndStatusesHaveTexts) {
     tarp_MsgCatalog root("libfikiv", "root", false);
     tarp_MsgCatalog german("libfikiv", "de", false);
-    for (const char* id : helpIds) {
+    // clang-format off
+    for (const char* id : {"MSG_CFGHELPTEXT_SNAPSHOTVOLUMENAME", "MSG_CFGHELPTXT_CACHEFILENAME", "MSG_CFGHELPTXT_INITIALCACHEFILESIZE",
+                           "MSG_CFGHELPTXT_MAXCACHEFILESIZE", "MSG_CFGHELPTXT_QUIESCEWAITTIME", "MSG_CFGHELPTXT_QUIESCETIMEOUT",
+                           "MSG_CFGHELPTXT_CACHEFILEALLOWEDVOLS", "MSG_CFGHELPTXT_CACHEFILEEXCLUDEDVOLS", "MSG_CFGHELPTXT_CACHEFILEINITSIZEMB",
+                           "MSG_CFGHELPTXT_CACHEFILEMAXSIZEMB", "MSG_CFGHELPTXT_CACHEFILEINITSIZEPCT", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEPCT"}) {
+        // clang-format on
         SCOPED_TRACE(id);
         ASSERT_NE(root.getCachedMsg(id, false), nullptr);
         ASSERT_NE(german.getCachedMsg(id, false), nullptr);
-        EXPECT_NE(std::u16string(root.getCachedMsg(id, false)),
-                  std::u16string(german.getCachedMsg(id, false)));
+        EXPECT_NE(utf8(root.getCachedMsg(id, false)), utf8(german.getCachedMsg(id, false)));
     }
     tarp_MsgCatalog errors("TarnError", "root", false);
     for (const char* id : {"MSG_TARN_E0000", "MSG_TARN_E0003", "MSG_TARN_E0004", "MSG_TARN_E0005",
                            "MSG_TARN_E0006", "MSG_TARN_E0007", "MSG_TARN_E0015"}) {
-        SCOPED_TRACE(id);
-        EXPECT_NE(errors.getCachedMsg(id, static_cast<const char16_t*>(nullptr)), nullptr);
+        EXPECT_NE(errors.getCachedMsg(id, static_cast<const char16_t*>(nullptr)), nullptr) << id;
     }
 }
 
-TEST(MsgCatalogTest, MissingIdGivesNullOrTheDefault) {
-    tarp_MsgCatalog catalogue("libfikiv", "de", false);
-    ASSERT_TRUE(catalogue.isOpen());
-    EXPECT_EQ(catalogue.getCachedMsg("MSG_NOT_THERE", false), nullptr);
-    EXPECT_EQ(catalogue.getCachedMsg("MSG_NOT_THERE", static_cast<const char16_t*>(nullptr)),
-              nullptr);
+// A missing text or a missing catalogue is no error: null, or the caller's
+// default.
+TEST(MsgCatalogTest, MissingIdOrCatalogueGivesNullOrTheDefault) {
+    // clang-format off
+    struct Row { const char* name; const char* catalogue; const char* locale; bool emptyCataloguePath; const char* id; bool open; };
+    const Row rows[] = {
+        {"UnknownId",                      "libfikiv",      "de",   false, "MSG_NOT_THERE",    true},
+        {"NullId",                         "libfikiv",      "de",   false, nullptr,            true},
+        {"UnknownStatusText",              "TarnError",     "root", false, "MSG_TARN_E0042",   true},
+        {"UnknownCatalogue",               "nosuchcatalog", "de",   false, "MSG_ERROR_KIVAPI", false},
+        {"EmptyCatalogueName",             "",              "de",   false, "MSG_ERROR_KIVAPI", false},
+        {"CataloguePathWithoutCatalogues", "libfikiv",      "de",   true,  "MSG_ERROR_KIVAPI", false},
+    };
+    // clang-format on
+    ScratchDirectory empty("msgcatalog_test");
     const char16_t* fallback = u"fallback";
-    EXPECT_EQ(catalogue.getCachedMsg("MSG_NOT_THERE", fallback), fallback);
-    EXPECT_EQ(catalogue.getCachedMsg(nullptr, fallback), fallback);
-    tarp_MsgCatalog errors("TarnError", "root", false);
-    EXPECT_EQ(errors.getCachedMsg("MSG_TARN_E0042", static_cast<const char16_t*>(nullptr)),
-              nullptr);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::unique_ptr<ScopedCatalogPath> path;
+        if (row.emptyCataloguePath) {
+            path = std::make_unique<ScopedCatalogPath>(empty.path);
+        }
+        tarp_MsgCatalog catalogue(row.catalogue, row.locale, false);
+        EXPECT_EQ(catalogue.isOpen(), row.open);
+        EXPECT_EQ(catalogue.getCachedMsg(row.id, false), nullptr);
+        EXPECT_EQ(catalogue.getCachedMsg(row.id, static_cast<const char16_t*>(nullptr)), nullptr);
+        EXPECT_EQ(catalogue.getCachedMsg(row.id, fallback), fallback);
+    }
 }
 
 TEST(MsgCatalogTest, TextsStayAtTheSameAddressWhileTheCatalogueLives) {
@@ -302,61 +212,24 @@ TEST(MsgCatalogTest, TextsStayAtTheSameAddressWhileTheCatalogueLives) {
     EXPECT_EQ(catalogue.getCachedMsg("MSG_CFGHELPTXT_CACHEFILENAME", false), first);
 }
 
-TEST(MsgCatalogTest, MissingCatalogueIsClosedAndAnswersNothing) {
-    struct Row {
-        const char* name;
-        const char* catalogue;
-        bool emptyCatalogPath;
-    };
-    const Row rows[] = {
-        {"UnknownName", "nosuchcatalog", false},
-        {"EmptyName", "", false},
-        {"CataloguePathWithoutCatalogues", "libfikiv", true},
-    };
-    std::filesystem::path empty =
-        std::filesystem::temp_directory_path() / ("msgcatalog_test_" + std::to_string(getpid()));
-    std::filesystem::create_directories(empty);
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        std::unique_ptr<ScopedCatalogPath> path;
-        if (row.emptyCatalogPath) {
-            path = std::make_unique<ScopedCatalogPath>(empty.string());
-        }
-        tarp_MsgCatalog catalogue(row.catalogue, "de", false);
-        EXPECT_FALSE(catalogue.isOpen());
-        EXPECT_EQ(catalogue.getCachedMsg("MSG_ERROR_KIVAPI", false), nullptr);
-        const char16_t* fallback = u"fallback";
-        EXPECT_EQ(catalogue.getCachedMsg("MSG_ERROR_KIVAPI", fallback), fallback);
-    }
-    std::filesystem::remove_all(empty);
-}
-
+// A catalogue directory of our own with the root bundle only: German lookups
+// must then come from it, in English, not from the build's catalogues next to
+// the library.
 TEST(MsgCatalogTest, CataloguePathFromEnvironmentIsUsed) {
-    // A catalogue directory of our own with the root bundle only: German
-    // lookups must then come from it, in English, not from the build's
-    // catalogues next to the library.
-    std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("msgcatalog_env_" + std::to_string(getpid()));
-    std::filesystem::create_directories(directory / "libfikiv");
+    ScratchDirectory directory("msgcatalog_env");
+    std::filesystem::create_directories(directory.path / "libfikiv");
     std::filesystem::copy_file(std::filesystem::path(FIKIV_CATALOG_DIR) / "libfikiv" / "root.res",
-                               directory / "libfikiv" / "root.res");
-    const char16_t* english = nullptr;
-    std::u16string englishText;
-    {
-        tarp_MsgCatalog root("libfikiv", "root", false);
-        english = root.getCachedMsg("MSG_ERROR_OBJID", false);
-        ASSERT_NE(english, nullptr);
-        englishText = english;
-    }
-    {
-        ScopedCatalogPath path(directory.string());
-        tarp_MsgCatalog catalogue("libfikiv", "de", false);
-        ASSERT_TRUE(catalogue.isOpen());
-        const char16_t* text = catalogue.getCachedMsg("MSG_ERROR_OBJID", false);
-        ASSERT_NE(text, nullptr);
-        EXPECT_EQ(std::u16string(text), englishText);
-    }
-    std::filesystem::remove_all(directory);
+                               directory.path / "libfikiv" / "root.res");
+    tarp_MsgCatalog root("libfikiv", "root", false);
+    const char16_t* english = root.getCachedMsg("MSG_ERROR_OBJID", false);
+    ASSERT_NE(english, nullptr);
+
+    ScopedCatalogPath path(directory.path);
+    tarp_MsgCatalog catalogue("libfikiv", "de", false);
+    ASSERT_TRUE(catalogue.isOpen());
+    const char16_t* found = catalogue.getCachedMsg("MSG_ERROR_OBJID", false);
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(utf8(found), utf8(english));
 }
 
 }  // namespace

@@ -34,11 +34,8 @@ PARTIAL_ENTRY std::int32_t fikiv_fi_pgn_init(tarn_context* context, tarn_version
     savedContext = context;
     if (context != nullptr && context->locale_ref != nullptr &&
         context->locale_ref->name != nullptr) {
-        std::u16string locale;
-        for (const char* c = context->locale_ref->name; *c != '\0'; ++c) {
-            locale += static_cast<char16_t>(*c);
-        }
-        send(u"locale", locale.c_str(), 1);
+        const std::string name = context->locale_ref->name;
+        send(u"locale", std::u16string(name.begin(), name.end()).c_str(), 1);
     } else {
         send(u"no locale", nullptr, 1);
     }
@@ -68,17 +65,13 @@ PARTIAL_ENTRY std::int32_t fikiv_fi_pgn_pre_prepare(void*) {
     return 0;
 }
 
-// Attaches itself the way a provider does: answers through fi_support, marks
-// the flags, and lists two fi entries in one link.
+// Answers through fi_support, lists two fi entries in one link, and returns
+// the identity's length in bytes.
 PARTIAL_ENTRY std::int32_t fikiv_fi_pgn_init_node(tarn_node* record, void*, std::uint32_t, void*) {
     if (record == nullptr || record->objid == nullptr || record->fi_support == nullptr) {
         return 3;
     }
     *record->fi_support = 0x5;
-    record->flags |= 0x1002;
-    record->attach_word = 0;
-    record->provider_data = record;
-    record->object_name = record->objid->name;
     entries[0] = tarn_fi_entry{"kiv-cow-snapshot", record, nullptr};
     entries[1] = entries[0];
     entryLink = tarn_fi_link{nullptr, &entries[0], &entries[1]};

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 namespace {
@@ -28,25 +27,18 @@ tarn_objid* objidWithNuls(const std::u16string& name, int nuls, std::uint32_t ki
 }
 
 TEST(TarnObjidTest, CompareIgnoresTrailingNulsButNotKindOrName) {
-    struct Row {
-        const char* name;
-        std::u16string first;
-        int firstNuls;
-        std::uint32_t firstKind;
-        std::u16string second;
-        int secondNuls;
-        std::uint32_t secondKind;
-        bool same;
-    };
+    // clang-format off
+    struct Row { const char* name; std::u16string first; int firstNuls; std::uint32_t firstKind; std::u16string second; int secondNuls; std::uint32_t secondKind; bool same; };
     const Row rows[] = {
-        {"OneAndTwoNuls", u"C:\\", 1, 3, u"C:\\", 2, 3, true},
-        {"NoNulAndOneNul", u"C:\\", 0, 3, u"C:\\", 1, 3, true},
-        {"EmptyNames", u"", 1, 3, u"", 3, 3, true},
-        {"OtherKind", u"C:\\", 1, 3, u"C:\\", 1, 2, false},
-        {"CaseDiffers", u"\\\\?\\Volume{a}\\", 1, 3, u"\\\\?\\Volume{A}\\", 1, 3, false},
-        {"PrefixOnly", u"C:", 1, 3, u"C:\\", 1, 3, false},
-        {"TaggedAndPlain", u"<kiv>C:\\", 1, 3, u"C:\\", 1, 3, false},
+        {"OneAndTwoNuls",  u"C:\\",                  1, 3, u"C:\\",                  2, 3, true},
+        {"NoNulAndOneNul", u"C:\\",                  0, 3, u"C:\\",                  1, 3, true},
+        {"EmptyNames",     u"",                      1, 3, u"",                      3, 3, true},
+        {"OtherKind",      u"C:\\",                  1, 3, u"C:\\",                  1, 2, false},
+        {"CaseDiffers",    u"\\\\?\\Volume{a}\\",    1, 3, u"\\\\?\\Volume{A}\\",    1, 3, false},
+        {"PrefixOnly",     u"C:",                    1, 3, u"C:\\",                  1, 3, false},
+        {"TaggedAndPlain", u"<kiv>C:\\",             1, 3, u"C:\\",                  1, 3, false},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         tarn_objid* a = objidWithNuls(row.first, row.firstNuls, row.firstKind);
@@ -56,43 +48,34 @@ TEST(TarnObjidTest, CompareIgnoresTrailingNulsButNotKindOrName) {
         EXPECT_EQ(tarn_objidcmp(a, b) == 0, row.same);
         EXPECT_EQ(tarn_objidcmp(b, a) == 0, row.same);
     }
-}
-
-TEST(TarnObjidTest, NullComparesUnequalToEverything) {
+    // Null is equal to nothing, not even to null.
     tarn_objid* a = objidWithNuls(u"C:\\", 1);
     EXPECT_NE(tarn_objidcmp(a, nullptr), 0);
     EXPECT_NE(tarn_objidcmp(nullptr, a), 0);
     EXPECT_NE(tarn_objidcmp(nullptr, nullptr), 0);
 }
 
-TEST(TarnObjidTest, IdentityKeepsItsOwnCopyOfTheName) {
-    std::u16string name = u"\\\\?\\Volume{1}\\";
-    const auto bytes = static_cast<std::int32_t>((name.size() + 1) * 2);
-    tarn_objid* identity = tarn_get_objid(name.c_str(), bytes, 3);
-    ASSERT_NE(identity, nullptr);
-    name[4] = u'X';  // the caller's buffer changes after the call
-    EXPECT_EQ(std::u16string(identity->name), u"\\\\?\\Volume{1}\\");
-    EXPECT_EQ(identity->length, bytes);
-    EXPECT_EQ(identity->kind, 3u);
-    EXPECT_NE(identity->name, name.c_str());
-}
-
 // A host that runs snapshot after snapshot asks for the same objects again
-// and again; the registry keeps one identity for each, not one per call.
-TEST(TarnObjidTest, SameNameLengthAndKindGiveTheSameIdentity) {
-    const std::u16string name = u"<kiv>\\\\?\\Volume{2}";
+// and again; the registry keeps one identity for each, not one per call, and
+// its own copy of the name.
+TEST(TarnObjidTest, OneIdentityPerNameLengthAndKind) {
+    std::u16string name = u"<kiv>\\\\?\\Volume{2}";
     const auto bytes = static_cast<std::int32_t>((name.size() + 1) * 2);
     tarn_objid* first = tarn_get_objid(name.c_str(), bytes, 3);
     ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->length, bytes);
+    EXPECT_EQ(first->kind, 3u);
     EXPECT_EQ(tarn_get_objid(name.c_str(), bytes, 3), first);
     EXPECT_NE(tarn_get_objid(name.c_str(), bytes, 4), first) << "another kind";
     tarn_objid* twoNuls = tarn_get_objid((name + u'\0').c_str(), bytes + 2, 3);
     EXPECT_NE(twoNuls, first) << "another length";
     EXPECT_EQ(twoNuls->length, bytes + 2);
     EXPECT_EQ(tarn_objidcmp(twoNuls, first), 0) << "still the same object";
-}
 
-TEST(TarnObjidTest, RefusesNullNameAndNegativeLength) {
+    name[0] = u'X';  // the caller's buffer changes after the call
+    EXPECT_NE(first->name, name.c_str());
+    EXPECT_EQ(std::u16string(first->name), u"<kiv>\\\\?\\Volume{2}");
+
     EXPECT_EQ(tarn_get_objid(nullptr, 4, 3), nullptr);
     EXPECT_EQ(tarn_get_objid(u"C:", -2, 3), nullptr);
 }
@@ -107,47 +90,25 @@ TEST(TarnBufferTest, BuffersAreZeroFilledAndAccounted) {
     }
     EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding + 1);
     tarn_free_buf(buffer, 44);
-    BufferCounters after = BufferCounters::now();
-    EXPECT_EQ(after.outstanding, before.outstanding);
-    EXPECT_EQ(after.sizeFaults, before.sizeFaults);
+    EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding);
+    EXPECT_EQ(BufferCounters::now().sizeFaults, before.sizeFaults);
     EXPECT_EQ(tarn_test_buffer_size(buffer), 0u);
-}
 
-TEST(TarnBufferTest, FreeWithWrongSizeOrTwiceIsCountedAsFault) {
-    BufferCounters before = BufferCounters::now();
-    void* buffer = tarn_alloc_buf(10);
-    ASSERT_NE(buffer, nullptr);
-    tarn_free_buf(buffer, 12);
+    // A free with the wrong size releases the buffer but counts a fault; a
+    // second free of it counts another; a null buffer is no fault.
+    void* wrongSize = tarn_alloc_buf(10);
+    ASSERT_NE(wrongSize, nullptr);
+    tarn_free_buf(wrongSize, 12);
     EXPECT_EQ(BufferCounters::now().sizeFaults, before.sizeFaults + 1);
     EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding);
-    tarn_free_buf(buffer, 10);
-    EXPECT_EQ(BufferCounters::now().sizeFaults, before.sizeFaults + 2);
+    tarn_free_buf(wrongSize, 10);
     tarn_free_buf(nullptr, 10);
     EXPECT_EQ(BufferCounters::now().sizeFaults, before.sizeFaults + 2);
 }
 
-TEST(TarnBufferTest, FailSwitchFailsExactlyTheChosenCalls) {
-    tarn_test_fail_alloc(/*skip=*/1, /*count=*/2);
-    void* first = tarn_alloc_buf(8);
-    void* second = tarn_alloc_buf(8);
-    void* third = tarn_alloc_buf(8);
-    void* fourth = tarn_alloc_buf(8);
-    tarn_test_fail_alloc(0, 0);
-    EXPECT_NE(first, nullptr);
-    EXPECT_EQ(second, nullptr);
-    EXPECT_EQ(third, nullptr);
-    EXPECT_NE(fourth, nullptr);
-    tarn_free_buf(first, 8);
-    tarn_free_buf(fourth, 8);
-
-    tarn_test_fail_alloc(0, 1);
-    tarn_test_fail_alloc(0, 0);  // turning it off drops the pending failure
-    void* after = tarn_alloc_buf(8);
-    EXPECT_NE(after, nullptr);
-    tarn_free_buf(after, 8);
-}
-
-TEST(TarnListNodeTest, ProviderListNodeHoldsWhatItWasGiven) {
+// What a list node holds is checked through the plug-in's own lists; here,
+// that it keeps its own copy of the name, and that a missing node is refused.
+TEST(TarnListNodeTest, ProviderListNodeKeepsItsOwnName) {
     tarn_version version{{7, 0, 0, 0}};
     std::u16string name = u"fikiv";
     tarn_list_node* node = tarn_build_providerlist_node(name.c_str(), 8, 4, &version, 0);
@@ -155,38 +116,9 @@ TEST(TarnListNodeTest, ProviderListNodeHoldsWhatItWasGiven) {
     name[0] = u'X';
     tarn_list_view view{};
     ASSERT_EQ(tarn_list_node_view(node, &view), 0);
-    EXPECT_EQ(view.is_fim, 0);
     EXPECT_EQ(std::u16string(view.name), u"fikiv");
-    EXPECT_EQ(view.number_a, 8u);
-    EXPECT_EQ(view.number_b, 4u);
-    EXPECT_EQ(view.version.words[0], 7);
-    EXPECT_EQ(view.flags, 0u);
     tarn_free_list_node(node);
     EXPECT_EQ(tarn_list_node_view(nullptr, &view), 3);
-}
-
-TEST(TarnListNodeTest, MethodListNodeTakesOverItsBuffers) {
-    BufferCounters before = BufferCounters::now();
-    tarn_fim_info info{};
-    info.words[1] = 1;
-    info.description = static_cast<char16_t*>(tarn_alloc_buf(10));
-    info.version_text = static_cast<char16_t*>(tarn_alloc_buf(10));
-    ASSERT_NE(info.description, nullptr);
-    ASSERT_NE(info.version_text, nullptr);
-    std::memcpy(info.description, u"abcd", 8);
-    tarn_list_node* node = tarn_build_fim_list_node(u"KIV_fim", &info, u"none", u"fikiv");
-    ASSERT_NE(node, nullptr);
-    tarn_list_view view{};
-    ASSERT_EQ(tarn_list_node_view(node, &view), 0);
-    EXPECT_EQ(view.is_fim, 1);
-    EXPECT_EQ(view.info.description, info.description);
-    EXPECT_EQ(std::u16string(view.info.description), u"abcd");
-    EXPECT_EQ(std::u16string(view.extra), u"none");
-    EXPECT_EQ(std::u16string(view.provider), u"fikiv");
-    tarn_free_list_node(node);
-    BufferCounters after = BufferCounters::now();
-    EXPECT_EQ(after.outstanding, before.outstanding);
-    EXPECT_EQ(after.sizeFaults, before.sizeFaults);
 }
 
 }  // namespace

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "strings/bounded_string.h"
 #include "support/text_cases.h"
+#include "support/wide_text.h"
 
 namespace {
 
@@ -30,14 +30,6 @@ int counted(char16_t* buffer, std::size_t count, const char16_t* pattern, ...) {
     return result;
 }
 
-std::string narrow(const std::u16string& text) {
-    std::string out;
-    for (char16_t unit : text) {
-        out += unit < 0x80 ? static_cast<char>(unit) : '?';
-    }
-    return out;
-}
-
 struct Row {
     const char* name;
     std::u16string actual;
@@ -47,11 +39,12 @@ struct Row {
 void checkRows(const std::vector<Row>& rows) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(row.actual, row.expected) << "got \"" << narrow(row.actual) << "\"";
+        EXPECT_EQ(row.actual, row.expected) << "got \"" << testsupport::utf8(row.actual) << "\"";
     }
 }
 
 TEST(WideFormatTest, Integers) {
+    // clang-format off
     checkRows({
         {"plain", format(u"%d", 42), u"42"},
         {"negative", format(u"%i", -42), u"-42"},
@@ -75,26 +68,18 @@ TEST(WideFormatTest, Integers) {
         {"zero padded alternate hex", format(u"%#08x", 255u), u"0x0000ff"},
         {"short", format(u"%hd %hu", 70000, 70000), u"4464 4464"},
         {"char", format(u"%hhd %hhu", 300, 300), u"44 44"},
-        {"64-bit", format(u"%lld %llu", -9000000000ll, 18446744073709551615ull),
-         u"-9000000000 18446744073709551615"},
+        {"64-bit", format(u"%lld %llu", -9000000000ll, 18446744073709551615ull), u"-9000000000 18446744073709551615"},
         {"I64", format(u"%I64u %I64d", 9000000000ull, -9000000000ll), u"9000000000 -9000000000"},
         {"I32", format(u"%I32u", 4000000000u), u"4000000000"},
-        {"pointer-sized",
-         format(u"%Iu %zu %zd %td %ju", std::size_t{1} << 40, std::size_t{1} << 40,
-                std::ptrdiff_t{-1}, std::ptrdiff_t{7}, std::uintmax_t{1} << 33),
-         u"1099511627776 1099511627776 -1 7 8589934592"},
-    });
-}
-
-// long is 32 bits on Windows, so %lu and %ld read a 32-bit argument.
-TEST(WideFormatTest, LongIsThirtyTwoBits) {
-    checkRows({
+        {"pointer-sized", format(u"%Iu %zu %zd %td %ju", std::size_t{1} << 40, std::size_t{1} << 40, std::ptrdiff_t{-1}, std::ptrdiff_t{7}, std::uintmax_t{1} << 33), u"1099511627776 1099511627776 -1 7 8589934592"},
+        // long is 32 bits on Windows, so %lu and %ld read a 32-bit argument.
         {"lu", format(u"%lu", 4294967295u), u"4294967295"},
         {"ld", format(u"%ld", -5), u"-5"},
         {"lu then string", format(u"%lu|%s", 7u, u"next"), u"7|next"},
         {"lu then lu", format(u"%lu %lu", 1u, 2u), u"1 2"},
         {"progress line", format(u"INFO: 95%% [%lu MB]", 2048u), u"INFO: 95% [2048 MB]"},
     });
+    // clang-format on
 }
 
 // Texts without a terminator: a precision must keep the formatter inside them.
@@ -103,6 +88,7 @@ const char16_t kUnterminatedWide[2] = {u'u', u'v'};
 
 TEST(WideFormatTest, StringsAndCharacters) {
     const char16_t astral[] = {u'[', 0xD83D, 0xDE00, u']', 0};
+    // clang-format off
     checkRows({
         {"wide", format(u"%s", u"wide"), u"wide"},
         {"wide l", format(u"%ls", u"wide"), u"wide"},
@@ -128,11 +114,15 @@ TEST(WideFormatTest, StringsAndCharacters) {
         {"narrow char", format(u"%hc%C", 'y', 'z'), u"yz"},
         {"char width", format(u"[%3c]", u'q'), u"[  q]"},
         {"percent", format(u"100%%"), u"100%"},
-        {"entry line",
-         format(u"%s%s[%d, %s]", u"Entering Function ", u"KivConfig::set", 344,
-                u"providers\\kiv\\kivconfig"),
-         u"Entering Function KivConfig::set[344, providers\\kiv\\kivconfig]"},
+        {"entry line", format(u"%s%s[%d, %s]", u"Entering Function ", u"KivConfig::set", 344, u"providers\\kiv\\kivconfig"), u"Entering Function KivConfig::set[344, providers\\kiv\\kivconfig]"},
+        // A precision on narrow text counts its bytes; a character cut by it
+        // is ill-formed.
+        {"whole character", format(u"[%.5hs]", "caf\xC3\xA9!"), u"[caf\u00E9]"},
+        {"character cut", format(u"[%.4hs]", "caf\xC3\xA9!"), u"[caf\uFFFD]"},
+        {"padded after conversion", format(u"[%3.2hs]", "\xC3\xA9\xC3\xA9"), u"[  \u00E9]"},
+        {"zero precision", format(u"[%.0hs]", "abc"), u"[]"},
     });
+    // clang-format on
 }
 
 // %hs converts as every other conversion does, ill-formed bytes included.
@@ -143,18 +133,8 @@ TEST(WideFormatTest, NarrowTextFollowsTheConversionTable) {
     }
 }
 
-// A precision on narrow text counts its bytes; a character cut by it is
-// ill-formed.
-TEST(WideFormatTest, NarrowPrecisionCountsBytes) {
-    checkRows({
-        {"whole character", format(u"[%.5hs]", "caf\xC3\xA9!"), u"[caf\u00E9]"},
-        {"character cut", format(u"[%.4hs]", "caf\xC3\xA9!"), u"[caf\uFFFD]"},
-        {"padded after conversion", format(u"[%3.2hs]", "\xC3\xA9\xC3\xA9"), u"[  \u00E9]"},
-        {"zero precision", format(u"[%.0hs]", "abc"), u"[]"},
-    });
-}
-
-TEST(WideFormatTest, PointersAndFloatingPoint) {
+TEST(WideFormatTest, PointersFloatingPointAndOddFormats) {
+    // clang-format off
     checkRows({
         {"pointer", format(u"%p", reinterpret_cast<void*>(0x12FF7C)), u"000000000012FF7C"},
         {"null pointer", format(u"%p", static_cast<void*>(nullptr)), u"0000000000000000"},
@@ -170,67 +150,38 @@ TEST(WideFormatTest, PointersAndFloatingPoint) {
         {"star width and precision", format(u"[%*.*f]", 7, 2, 3.14159), u"[   3.14]"},
         {"plus", format(u"%+.1f", 2.0), u"+2.0"},
         {"long double", format(u"%.1Lf|%d", 2.5L, 3), u"2.5|3"},
-    });
-}
-
-TEST(WideFormatTest, OddFormatsAreWrittenAsTheyStand) {
-    checkRows({
+        // Odd formats are written as they stand.
         {"unknown conversion", format(u"a%qb"), u"a%qb"},
         {"n is not supported", format(u"a%nb"), u"a%nb"},
         {"trailing percent", format(u"50%"), u"50%"},
         {"empty", format(u""), u""},
     });
+    // clang-format on
 }
 
+// Five units of room; nothing is written past them.
 TEST(CountedFormatWideTest, WindowsBufferRules) {
-    struct Case {
+    struct Row {
         const char* name;
         const char16_t* text;
         int expectedResult;
         std::u16string expectedUnits;  // what the buffer holds, terminator included if any
     };
-    const Case cases[] = {
-        {"shorter is terminated", u"abc", 3, std::u16string(u"abc\0", 4)},
-        {"exact fill has no terminator", u"abcde", 5, u"abcde"},
-        {"one over gives -1", u"abcdef", -1, u"abcde"},
-        {"far over gives -1", u"abcdefghijkl", -1, u"abcde"},
+    // clang-format off
+    const Row rows[] = {
+        {"ShorterIsTerminated",       u"abc",          3,  std::u16string(u"abc\0", 4)},
+        {"ExactFillHasNoTerminator",  u"abcde",        5,  u"abcde"},
+        {"OneOverGivesMinusOne",      u"abcdef",       -1, u"abcde"},
+        {"FarOverGivesMinusOne",      u"abcdefghijkl", -1, u"abcde"},
     };
-    for (const Case& row : cases) {
+    // clang-format on
+    for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        std::vector<char16_t> buffer(8, 0x1111);
+        std::u16string buffer(8, char16_t{0x1111});
         EXPECT_EQ(counted(buffer.data(), 5, u"%s", row.text), row.expectedResult);
-        EXPECT_EQ(std::u16string(buffer.data(), row.expectedUnits.size()), row.expectedUnits);
-        for (std::size_t i = row.expectedUnits.size(); i < buffer.size(); ++i) {
-            EXPECT_EQ(buffer[i], 0x1111) << "unit " << i << " was written";
-        }
+        const std::u16string untouched(8 - row.expectedUnits.size(), char16_t{0x1111});
+        EXPECT_EQ(buffer, row.expectedUnits + untouched);
     }
-}
-
-// The caller formats with the same va_list twice (as the log writer does when
-// it grows its buffer); each pass must see the arguments from the start.
-std::int32_t formatTwice(std::u16string* first, std::u16string* second, const char16_t* pattern,
-                         ...) {
-    char16_t small[4];
-    char16_t large[64];
-    va_list arguments;
-    va_start(arguments, pattern);
-    va_list copy;
-    va_copy(copy, arguments);
-    boundedFormatWide(small, 4, pattern, copy);
-    va_end(copy);
-    std::int32_t result = boundedFormatWide(large, 64, pattern, arguments);
-    va_end(arguments);
-    *first = small;
-    *second = large;
-    return result;
-}
-
-TEST(CountedFormatWideTest, ArgumentListCanBeReplayed) {
-    std::u16string first;
-    std::u16string second;
-    EXPECT_EQ(formatTwice(&first, &second, u"%s=%d", u"depth", 20), 8);
-    EXPECT_EQ(first, u"dep");
-    EXPECT_EQ(second, u"depth=20");
 }
 
 }  // namespace

@@ -9,17 +9,18 @@
 
 #include "os/error.h"
 #include "os/types.h"
-#include "os/volume.h"
 #include "sim/hooks.h"
 #include "support/temp_machine.h"
+#include "support/wide_text.h"
 
 namespace {
 
 using testsupport::TempMachine;
+using testsupport::utf8;
 
 // C: holds a volume mounted at C:\mnt\data\, which holds one at
-// C:\mnt\data\inner\; one volume has no path; E: is removable, F: a CD-ROM,
-// G: a network drive.
+// C:\mnt\data\inner\; C: holds a second one at C:\second\; one volume has no
+// path; E: is removable, F: a CD-ROM, G: a network drive.
 nlohmann::json nestedMachine(int major = 10) {
     return {
         {"majorVersion", major},
@@ -27,7 +28,7 @@ nlohmann::json nestedMachine(int major = 10) {
          {TempMachine::volume(1, {"C:\\"}), TempMachine::volume(2, {"C:\\mnt\\data\\"}),
           TempMachine::volume(3, {"C:\\mnt\\data\\inner\\"}), TempMachine::volume(4, {}),
           TempMachine::volume(5, {"E:\\"}, "removable"), TempMachine::volume(6, {"F:\\"}, "cdrom"),
-          TempMachine::volume(7, {"G:\\"}, "remote")}}};
+          TempMachine::volume(7, {"G:\\"}, "remote"), TempMachine::volume(8, {"C:\\second\\"})}}};
 }
 
 std::vector<std::u16string> listVolumes() {
@@ -47,17 +48,31 @@ std::vector<std::u16string> listMountPoints(const std::u16string& volume) {
     return names;
 }
 
-std::string narrow(const std::u16string& text) {
-    return std::string(text.begin(), text.end());
+// The code `call` throws, or 0 when it throws nothing.
+template <typename Call>
+os::DWORD thrownCode(Call call) {
+    try {
+        call();
+    } catch (os::DWORD code) {
+        return code;
+    }
+    return 0;
 }
 
-TEST(VolumeIteratorTest, ListsEveryVolumeInSystemOrderIncludingThoseWithoutPath) {
+// Every volume in system order, including those without a path, and the
+// mount points of each; none, or no such volume, is an empty sequence.
+TEST(VolumeIteratorTest, ListsVolumesAndTheirMountPoints) {
     TempMachine machine(nestedMachine());
     std::vector<std::u16string> expected;
-    for (int number = 1; number <= 7; ++number) {
+    for (int number = 1; number <= 8; ++number) {
         expected.push_back(TempMachine::guidName(number));
     }
     EXPECT_EQ(listVolumes(), expected);
+    EXPECT_EQ(listMountPoints(TempMachine::guidName(1)),
+              (std::vector<std::u16string>{u"mnt\\data\\", u"second\\"}));
+    EXPECT_EQ(listMountPoints(TempMachine::guidName(2)), std::vector<std::u16string>{u"inner\\"});
+    EXPECT_TRUE(MountPointIterator::begin(TempMachine::guidName(4)) == MountPointIterator::end());
+    EXPECT_TRUE(listMountPoints(TempMachine::guidName(99)).empty());
 }
 
 TEST(VolumeIteratorTest, CopiesShareOnePosition) {
@@ -74,65 +89,30 @@ TEST(VolumeIteratorTest, CopiesShareOnePosition) {
     other = first;
     ++other;
     EXPECT_EQ(*first, TempMachine::guidName(4));
-}
 
-TEST(VolumeIteratorTest, IteratorNotAtItsEndEqualsNothing) {
-    TempMachine machine(nestedMachine());
-    VolumeIterator it = VolumeIterator::begin();
-    EXPECT_FALSE(it == it);
+    // Iterators are equal only when both are at their end.
+    EXPECT_FALSE(first == first);
     EXPECT_TRUE(VolumeIterator::end() == VolumeIterator::end());
-    EXPECT_TRUE(MountPointIterator::begin(TempMachine::guidName(4)) == MountPointIterator::end());
 }
 
-TEST(VolumeIteratorTest, MountPointsOfEachVolume) {
-    TempMachine machine(nestedMachine());
-    EXPECT_EQ(listMountPoints(TempMachine::guidName(1)),
-              std::vector<std::u16string>{u"mnt\\data\\"});
-    EXPECT_EQ(listMountPoints(TempMachine::guidName(2)), std::vector<std::u16string>{u"inner\\"});
-    // No mount points, or no such volume: an empty sequence, not an error.
-    EXPECT_TRUE(listMountPoints(TempMachine::guidName(4)).empty());
-    EXPECT_TRUE(listMountPoints(TempMachine::guidName(99)).empty());
-}
-
-TEST(VolumeIteratorTest, FailureMidEnumerationThrowsItsCode) {
+// A failing system call in the middle of a listing is thrown as its code;
+// so is a volume function that cannot be bound, even one the iterator does
+// not call.
+TEST(VolumeIteratorTest, FailuresThrowTheirCode) {
     TempMachine machine(nestedMachine());
     sim::injectFault("FindNextVolumeW", os::ERROR_NOT_READY, /*skip=*/1);
-    VolumeIterator it = VolumeIterator::begin();
-    ++it;
-    EXPECT_EQ(*it, TempMachine::guidName(2));
-    try {
-        ++it;
-        ADD_FAILURE() << "the failing FindNextVolumeW was not reported";
-    } catch (os::DWORD code) {
-        EXPECT_EQ(code, os::ERROR_NOT_READY);
-    }
-}
+    VolumeIterator volumes = VolumeIterator::begin();
+    ++volumes;
+    EXPECT_EQ(*volumes, TempMachine::guidName(2));
+    EXPECT_EQ(thrownCode([&] { ++volumes; }), os::ERROR_NOT_READY);
 
-TEST(VolumeIteratorTest, MountPointFailureOtherThanEndThrows) {
-    nlohmann::json description = nestedMachine();
-    description["volumes"].push_back(TempMachine::volume(8, {"C:\\second\\"}));
-    TempMachine machine(description);
     sim::injectFault("FindNextVolumeMountPointW", os::ERROR_NOT_READY);
-    MountPointIterator it = MountPointIterator::begin(TempMachine::guidName(1));
-    EXPECT_EQ(*it, u"mnt\\data\\");
-    try {
-        ++it;
-        ADD_FAILURE() << "the failing FindNextVolumeMountPointW was not reported";
-    } catch (os::DWORD code) {
-        EXPECT_EQ(code, os::ERROR_NOT_READY);
-    }
-}
+    MountPointIterator mountPoints = MountPointIterator::begin(TempMachine::guidName(1));
+    EXPECT_EQ(*mountPoints, u"mnt\\data\\");
+    EXPECT_EQ(thrownCode([&] { ++mountPoints; }), os::ERROR_NOT_READY);
 
-TEST(VolumeIteratorTest, EveryVolumeFunctionMustBeBindable) {
-    TempMachine machine(nestedMachine());
-    // Not called by the iterator, but still required.
     sim::makeUnbindable("kernel32.dll", "GetVolumePathNameW");
-    try {
-        VolumeIterator::begin();
-        ADD_FAILURE() << "begin() bound an incomplete set of volume functions";
-    } catch (os::DWORD code) {
-        EXPECT_EQ(code, os::ERROR_PROC_NOT_FOUND);
-    }
+    EXPECT_EQ(thrownCode([] { VolumeIterator::begin(); }), os::ERROR_PROC_NOT_FOUND);
 }
 
 TEST(VolumeIteratorTest, OlderSystemListsLocalDriveRootsInLetterOrder) {
@@ -141,81 +121,60 @@ TEST(VolumeIteratorTest, OlderSystemListsLocalDriveRootsInLetterOrder) {
     EXPECT_EQ(listVolumes(), (std::vector<std::u16string>{u"C:\\", u"E:\\", u"F:\\"}));
     EXPECT_TRUE(listMountPoints(TempMachine::guidName(1)).empty());
     EXPECT_FALSE(isVolumeApiAvailable());
+    std::u16string name = TempMachine::guidName(1);
+    replaceByVolumePath(name);
+    EXPECT_EQ(name, TempMachine::guidName(1));
 }
 
+// findVolumePath, and replaceByVolumePath with one string for both.
 TEST(VolumeIteratorTest, FindVolumePath) {
     TempMachine machine(nestedMachine());
-    // The mount point step asks the system for the volume behind "<holder's
-    // GUID path><mount point>", which Windows answers like any mount point.
-    const std::u16string below = TempMachine::guidName(1) + u"mnt\\data\\";
-    char16_t buffer[51] = {};
-    EXPECT_TRUE(os::GetVolumeNameForVolumeMountPointW(below.c_str(), buffer, 51))
-        << "the machine does not resolve a mount point below a volume GUID path, error "
-        << os::GetLastError();
-    struct Row {
-        int volume;
-        bool found;
-        std::u16string path;
-    };
+    // clang-format off
+    struct Row { int volume; bool found; std::u16string path; };
     const Row rows[] = {
-        {1, true, u"C:\\"},
-        {2, true, u"C:\\mnt\\data\\"},
-        {3, true, u"C:\\mnt\\data\\inner\\"},
+        {1, true,  u"C:\\"},
+        // A mount point is found by asking for the volume behind "<holder's
+        // GUID path><mount point>".
+        {2, true,  u"C:\\mnt\\data\\"},
+        {3, true,  u"C:\\mnt\\data\\inner\\"},
         // Reachable only through a removable or CD-ROM letter: the drive step
         // looks at fixed drives only, and no mount point leads there.
         {5, false, u"unchanged"},
         {6, false, u"unchanged"},
         {4, false, u"unchanged"},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE("volume " + std::to_string(row.volume));
         std::u16string path = u"unchanged";
         EXPECT_EQ(findVolumePath(TempMachine::guidName(row.volume), path), row.found);
-        EXPECT_EQ(narrow(path), narrow(row.path));
+        EXPECT_EQ(utf8(path), utf8(row.path));
+        // The same search, in place: the name stays when no path is found.
+        std::u16string name = TempMachine::guidName(row.volume);
+        replaceByVolumePath(name);
+        EXPECT_EQ(utf8(name), utf8(row.found ? row.path : TempMachine::guidName(row.volume)));
     }
 }
 
-TEST(VolumeIteratorTest, ReplaceByVolumePath) {
-    TempMachine machine(nestedMachine());
-    std::u16string mounted = TempMachine::guidName(2);
-    replaceByVolumePath(mounted);
-    EXPECT_EQ(narrow(mounted), "C:\\mnt\\data\\");
-
-    std::u16string pathless = TempMachine::guidName(4);
-    replaceByVolumePath(pathless);
-    EXPECT_EQ(pathless, TempMachine::guidName(4));
-}
-
-TEST(VolumeIteratorTest, ReplaceByVolumePathDoesNothingOnOlderSystem) {
-    TempMachine machine(nestedMachine(/*major=*/4));
-    std::u16string name = TempMachine::guidName(1);
-    replaceByVolumePath(name);
-    EXPECT_EQ(name, TempMachine::guidName(1));
-}
-
+// A path becomes its volume's GUID name; before the volume functions existed,
+// its drive root.
 TEST(VolumeIteratorTest, VolumeNameOf) {
-    TempMachine machine(nestedMachine());
-    std::u16string folder = u"C:\\mnt\\data";  // the missing backslash is added
-    EXPECT_TRUE(volumeNameOf(folder));
-    EXPECT_EQ(folder, TempMachine::guidName(2));
-
-    std::u16string unknown = u"Q:\\";
-    EXPECT_FALSE(volumeNameOf(unknown));
-    EXPECT_EQ(narrow(unknown), "Q:\\");
-}
-
-TEST(VolumeIteratorTest, VolumeNameOfOnOlderSystemIsTheDriveRoot) {
-    TempMachine machine(nestedMachine(/*major=*/4));
-    const std::pair<std::u16string, std::u16string> rows[] = {
-        {u"d:", u"d:\\"},
-        {u"D:\\x\\y", u"D:\\"},
-        {u"D:\\", u"D:\\"},
+    // clang-format off
+    struct Row { const char* name; int major; std::u16string path; bool found; std::u16string expected; };
+    const Row rows[] = {
+        {"MountPointWithoutBackslash", 10, u"C:\\mnt\\data", true,  TempMachine::guidName(2)},
+        {"UnknownDrive",               10, u"Q:\\",          false, u"Q:\\"},
+        {"OlderSystemLetterOnly",      4,  u"d:",            true,  u"d:\\"},
+        {"OlderSystemFolder",          4,  u"D:\\x\\y",      true,  u"D:\\"},
+        {"OlderSystemRoot",            4,  u"D:\\",          true,  u"D:\\"},
     };
-    for (const auto& [input, expected] : rows) {
-        SCOPED_TRACE(narrow(input));
-        std::u16string path = input;
-        EXPECT_TRUE(volumeNameOf(path));
-        EXPECT_EQ(narrow(path), narrow(expected));
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        TempMachine machine(nestedMachine(row.major));
+        std::u16string path = row.path;
+        EXPECT_EQ(volumeNameOf(path), row.found);
+        EXPECT_EQ(utf8(path), utf8(row.expected));
     }
 }
 
