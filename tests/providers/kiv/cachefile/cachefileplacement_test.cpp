@@ -12,7 +12,6 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "cachefile_test_support.h"
@@ -21,33 +20,40 @@
 #include "os/sync.h"
 #include "sim/hooks.h"
 #include "support/child_process.h"
-#include "support/log_capture.h"
 #include "support/temp_machine.h"
+#include "support/wide_text.h"
 
 namespace cachefiletest {
 namespace {
 
 using testsupport::TempMachine;
+using testsupport::utf8;
 
 nlohmann::json fixedVolume(int number, std::initializer_list<const char*> paths,
                            std::uint64_t freeBytes, std::uint32_t attributes = 0x1) {
     return TempMachine::volume(number, paths, "fixed", "NTFS", 100 * kGB, freeBytes, attributes);
 }
 
-std::u16string fileOn(int volume, std::uint32_t counter) {
-    const std::string digits = std::to_string(counter);
-    return guid(volume) + u"_tarnKivCacheFile_" + std::u16string(digits.begin(), digits.end()) +
-           u".KIV";
+// A machine of C:\ (volume 1) and volumes 2 to count + 1, each mounted only
+// below C:\ and listed in reverse, so that the machine's order is no answer.
+nlohmann::json mountedVolumes(int count, std::uint64_t (*freeOf)(int number)) {
+    std::vector<nlohmann::json> volumes = {fixedVolume(1, {"C:\\"}, 90 * kGB)};
+    std::vector<std::string> mountPoints(count + 2);
+    for (int number = count + 1; number >= 2; --number) {
+        mountPoints[number] = "C:\\mnt\\v" + std::to_string(number) + "\\";
+        volumes.push_back(fixedVolume(number, {mountPoints[number].c_str()}, freeOf(number)));
+    }
+    return machineWith(volumes);
+}
+
+// The path of cache file `counter` at the root of `volume`.
+std::string fileOn(int volume, std::uint32_t counter) {
+    return utf8(guid(volume)) + "_tarnKivCacheFile_" + std::to_string(counter) + ".KIV";
 }
 
 CacheFileHints hintsWith(std::vector<std::u16string> preferred,
                          std::vector<std::u16string> excluded) {
-    CacheFileHints hints;
-    hints.preferredVolumes = std::move(preferred);
-    hints.excludedVolumes = std::move(excluded);
-    hints.initialCacheFileSizePct = 10;
-    hints.maxCacheFileSizePct = 10;
-    return hints;
+    return {std::move(preferred), std::move(excluded), u"", 0, 0, 10, 10};
 }
 
 // 10 percent of a volume's free space in MB, as the maximum size.
@@ -64,22 +70,12 @@ struct Placement {
 
 Placement place(const std::vector<std::u16string>& targets, const CacheFileHints& hints,
                 std::uint32_t counter = 0) {
-    TestMutex mutex;
+    const os::UniqueHandle mutex = testMutex();
     setCacheFileCounter(counter);
     Placement placement;
     placement.result = placeCacheFiles(mutex.get(), targets, hints, placement.paths,
                                        placement.sizes, &placement.report);
     return placement;
-}
-
-const PlacementCandidate* findCandidate(const std::vector<PlacementCandidate>& candidates,
-                                        const std::u16string& name) {
-    for (const PlacementCandidate& candidate : candidates) {
-        if (candidate.name == name) {
-            return &candidate;
-        }
-    }
-    return nullptr;
 }
 
 std::string describe(const PlacementReport& report) {
@@ -90,22 +86,27 @@ std::string describe(const PlacementReport& report) {
     return text;
 }
 
+// The sizing line the host hears for a cache file on its target's own volume.
+std::string percentagesLine(int volume) {
+    return "1 INFO: cachefileInitSizePercentages are considered to find cachesize for resource " +
+           utf8(guidRoot(volume));
+}
+
 // Fixed V1 (the only target, 10 GB free), V2 and V3 (50 GB free each, V3
 // excluded), a CD-ROM V4, nothing preferred: the fallback leaves only V2.
 TEST(CachePlacementTest, WorkedCaseChoosesTheOnlyUsableOtherVolume) {
     TempMachine machine(machineWith(
         {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
          fixedVolume(3, {"E:\\"}, 50 * kGB), TempMachine::volume(4, {"F:\\"}, "cdrom", "CDFS")}));
-    MessageCapture capture;
+    HostCapture host;
     const Placement placement = place({guid(1)}, hintsWith({}, {u"E:"}));
 
     ASSERT_TRUE(placement.result);
     ASSERT_EQ(placement.paths.size(), 1u);
-    EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(2, 0)));
-    ASSERT_EQ(placement.sizes.size(), 1u);
-    EXPECT_EQ(placement.sizes[0], (CacheFileSizes{0, tenPercentMB(50 * kGB)}));
-    // The cache volume is not the target: no initial-size message.
-    EXPECT_TRUE(capture.messages().empty());
+    EXPECT_EQ(utf8(placement.paths[0]), fileOn(2, 0));
+    EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, {0, tenPercentMB(50 * kGB)}));
+    // The cache volume is not the target, so there is no sizing line either.
+    EXPECT_TRUE(host.lines().empty());
 
     const PlacementReport& report = placement.report;
     SCOPED_TRACE(describe(report));
@@ -130,48 +131,42 @@ TEST(CachePlacementTest, EachSuitabilityTestRemovesAPreferredVolume) {
         PlacementRemoval removal;
         std::uint32_t detail;
     };
-    const std::vector<Row> rows = {
-        {"Raw", TempMachine::volume(3, {"E:\\"}, "fixed", "RAW"), guid(3),
-         PlacementRemoval::kFileSystem, os::ERROR_UNRECOGNIZED_VOLUME},
-        {"Absent", fixedVolume(3, {"E:\\"}, 5 * kGB), guid(99), PlacementRemoval::kFileSystem,
-         os::ERROR_PATH_NOT_FOUND},
-        {"CdRom", TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"), guid(3),
-         PlacementRemoval::kNotFixed, 5},
-        {"Removable", TempMachine::volume(3, {"E:\\"}, "removable", "FAT32"), guid(3),
-         PlacementRemoval::kNotFixed, 2},
-        {"Remote", TempMachine::volume(3, {"E:\\"}, "remote"), guid(3), PlacementRemoval::kNotFixed,
-         4},
-        {"NoPath", TempMachine::volume(3, {}), guid(3), PlacementRemoval::kNoPath, 0},
-        {"DriverClaimed", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x3), guid(3),
-         PlacementRemoval::kDriverAttributes, 0x3},
-        {"DriverDisabled", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x5), guid(3),
-         PlacementRemoval::kDriverAttributes, 0x5},
-        {"DriverSnapshot", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x8), guid(3),
-         PlacementRemoval::kDriverAttributes, 0x8},
-        {"ActiveCacheIsFine", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x11), guid(3),
-         PlacementRemoval::kNone, 0},
+    // clang-format off
+    const Row rows[] = {
+        {"Raw",               TempMachine::volume(3, {"E:\\"}, "fixed", "RAW"),      guid(3),  PlacementRemoval::kFileSystem,       os::ERROR_UNRECOGNIZED_VOLUME},
+        {"Absent",            fixedVolume(3, {"E:\\"}, 5 * kGB),                     guid(99), PlacementRemoval::kFileSystem,       os::ERROR_PATH_NOT_FOUND},
+        {"CdRom",             TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),     guid(3),  PlacementRemoval::kNotFixed,         5},
+        {"Removable",         TempMachine::volume(3, {"E:\\"}, "removable", "FAT32"), guid(3), PlacementRemoval::kNotFixed,         2},
+        {"Remote",            TempMachine::volume(3, {"E:\\"}, "remote"),            guid(3),  PlacementRemoval::kNotFixed,         4},
+        {"NoPath",            TempMachine::volume(3, {}),                            guid(3),  PlacementRemoval::kNoPath,           0},
+        {"DriverClaimed",     fixedVolume(3, {"E:\\"}, 50 * kGB, 0x3),               guid(3),  PlacementRemoval::kDriverAttributes, 0x3},
+        {"DriverDisabled",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x5),               guid(3),  PlacementRemoval::kDriverAttributes, 0x5},
+        {"DriverSnapshot",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x8),               guid(3),  PlacementRemoval::kDriverAttributes, 0x8},
+        {"ActiveCacheIsFine", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x11),              guid(3),  PlacementRemoval::kNone,             0},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         TempMachine machine(machineWith(
             {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB), row.volume}));
         const Placement placement = place({guid(1)}, hintsWith({row.preferredName}, {}));
-        SCOPED_TRACE(describe(placement.report));
+        const PlacementReport& report = placement.report;
+        SCOPED_TRACE(describe(report));
 
         ASSERT_TRUE(placement.result);
-        ASSERT_EQ(placement.report.preferred.size(), 1u);
-        EXPECT_EQ(placement.report.preferred[0].removal, row.removal);
-        EXPECT_EQ(placement.report.preferred[0].detail, row.detail);
+        ASSERT_EQ(report.preferred.size(), 1u);
+        EXPECT_EQ(report.preferred[0].removal, row.removal);
+        EXPECT_EQ(report.preferred[0].detail, row.detail);
         const bool kept = row.removal == PlacementRemoval::kNone;
-        const int chosen = kept ? 3 : 2;
-        EXPECT_EQ(placement.report.outcome,
+        EXPECT_EQ(report.outcome,
                   kept ? PlacementOutcome::kPreferred : PlacementOutcome::kFallback);
         ASSERT_EQ(placement.paths.size(), 1u);
-        EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(chosen, 0)));
+        EXPECT_EQ(utf8(placement.paths[0]), fileOn(kept ? 3 : 2, 0));
         if (!kept && row.preferredName == guid(3)) {
             // The fallback tests it again and drops it for the same reason.
-            const PlacementCandidate* again = findCandidate(placement.report.fallback, guid(3));
-            ASSERT_NE(again, nullptr);
+            const auto again = std::find_if(report.fallback.begin(), report.fallback.end(),
+                                            [](const auto& c) { return c.name == guid(3); });
+            ASSERT_NE(again, report.fallback.end());
             EXPECT_EQ(again->removal, row.removal);
         }
     }
@@ -179,46 +174,35 @@ TEST(CachePlacementTest, EachSuitabilityTestRemovesAPreferredVolume) {
 
 // One spelling of a preferred volume per row. V1 (C:\) is the target; V2 is
 // D:\, V3 is E:\ with the most free space, V4 is mounted at C:\mnt\data\ only.
+// No row prefers V3, so choosing it means the fallback ran. Repeated and
+// empty names: RepeatedAndEmptyPreferredNamesAreEachTested.
 TEST(CachePlacementTest, PreferredNamesInEveryFormFindTheirVolume) {
     struct Row {
-        std::vector<std::u16string> preferred;
+        std::u16string preferred;
         int chosen;
-        PlacementOutcome outcome;
     };
-    const std::vector<Row> rows = {
-        {{u"d:"}, 2, PlacementOutcome::kPreferred},
-        {{u"D:\\"}, 2, PlacementOutcome::kPreferred},
-        {{u"d:\\"}, 2, PlacementOutcome::kPreferred},
-        {{guid(2)}, 2, PlacementOutcome::kPreferred},
-        {{guidRoot(2)}, 2, PlacementOutcome::kPreferred},
-        {{u"C:\\mnt\\data\\"}, 4, PlacementOutcome::kPreferred},
-        {{u"C:\\mnt\\data"}, 4, PlacementOutcome::kPreferred},
-        {{u"d:", u"D:\\", guid(2)}, 2, PlacementOutcome::kPreferred},
+    // clang-format off
+    const Row rows[] = {
+        {u"d:", 2}, {u"D:\\", 2}, {u"d:\\", 2}, {guid(2), 2}, {guidRoot(2), 2},
+        {u"C:\\mnt\\data\\", 4}, {u"C:\\mnt\\data", 4},
         // Names that reach no volume leave the choice to the fallback.
-        {{u"Q:"}, 3, PlacementOutcome::kFallback},
-        {{u"Q:\\"}, 3, PlacementOutcome::kFallback},
-        {{u"q"}, 3, PlacementOutcome::kFallback},
-        {{u""}, 3, PlacementOutcome::kFallback},
-        {{u"", u"d:"}, 2, PlacementOutcome::kPreferred},
+        {u"Q:", 3}, {u"Q:\\", 3}, {u"q", 3},
     };
+    // clang-format on
     for (const Row& row : rows) {
-        std::string label;
-        for (const std::u16string& name : row.preferred) {
-            label += "[" + utf8(name) + "]";
-        }
-        SCOPED_TRACE(label);
+        SCOPED_TRACE(utf8(row.preferred));
         TempMachine machine(machineWith(
             {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB),
              fixedVolume(3, {"E:\\"}, 40 * kGB), fixedVolume(4, {"C:\\mnt\\data\\"}, 30 * kGB)}));
-        const Placement placement = place({guid(1)}, hintsWith(row.preferred, {}));
+        const Placement placement = place({guid(1)}, hintsWith({row.preferred}, {}));
         SCOPED_TRACE(describe(placement.report));
 
         ASSERT_TRUE(placement.result);
-        EXPECT_EQ(placement.report.outcome, row.outcome);
+        EXPECT_EQ(placement.report.outcome,
+                  row.chosen == 3 ? PlacementOutcome::kFallback : PlacementOutcome::kPreferred);
         ASSERT_EQ(placement.paths.size(), 1u);
-        EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(row.chosen, 0)));
-        // Every configured name is a candidate of its own, repeated or empty.
-        EXPECT_EQ(placement.report.preferred.size(), row.preferred.size());
+        EXPECT_EQ(utf8(placement.paths[0]), fileOn(row.chosen, 0));
+        EXPECT_EQ(placement.report.preferred.size(), 1u);
     }
 }
 
@@ -233,32 +217,19 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
         int chosen;
         PlacementOutcome outcome;
     };
-    const std::vector<Row> rows = {
-        {"PreferredBeatsExcluded", {guid(1)}, {u"G:"}, {u"g:\\"}, 5, PlacementOutcome::kPreferred},
-        {"ExcludedSkippedInFallback", {guid(1)}, {}, {u"D:"}, 3, PlacementOutcome::kFallback},
-        {"SeveralExcluded", {guid(1)}, {}, {u"d:\\", u"E:"}, 4, PlacementOutcome::kFallback},
-        {"MostFreeSpaceAmongPreferred",
-         {guid(1)},
-         {u"G:", u"F:"},
-         {},
-         4,
-         PlacementOutcome::kPreferred},
+    // clang-format off
+    const Row rows[] = {
+        {"PreferredBeatsExcluded",      {guid(1)},          {u"G:"},           {u"g:\\"},        5, PlacementOutcome::kPreferred},
+        {"ExcludedSkippedInFallback",   {guid(1)},          {},                {u"D:"},          3, PlacementOutcome::kFallback},
+        {"SeveralExcluded",             {guid(1)},          {},                {u"d:\\", u"E:"}, 4, PlacementOutcome::kFallback},
+        {"MostFreeSpaceAmongPreferred", {guid(1)},          {u"G:", u"F:"},    {},               4, PlacementOutcome::kPreferred},
         // A single target may keep the cache on its own volume if preferred.
-        {"SingleTargetOnItsOwnPreferredVolume",
-         {guid(1)},
-         {u"C:"},
-         {},
-         1,
-         PlacementOutcome::kPreferred},
+        {"SingleTargetOnItsOwnPreferredVolume", {guid(1)},  {u"C:"},           {},               1, PlacementOutcome::kPreferred},
         // With two targets their volumes never hold the shared cache.
-        {"TwoTargetsExhaustThePreferredList",
-         {guid(1), guid(2)},
-         {guid(1), guid(2)},
-         {},
-         3,
-         PlacementOutcome::kFallback},
-        {"TargetsNotInTheFallback", {guid(2), guid(1)}, {}, {}, 3, PlacementOutcome::kFallback},
+        {"TwoTargetsExhaustThePreferredList", {guid(1), guid(2)}, {guid(1), guid(2)}, {},        3, PlacementOutcome::kFallback},
+        {"TargetsNotInTheFallback",     {guid(2), guid(1)}, {},                {},               3, PlacementOutcome::kFallback},
     };
+    // clang-format on
     const std::uint64_t freeOf[] = {0, 90 * kGB, 80 * kGB, 40 * kGB, 30 * kGB, 20 * kGB};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -266,7 +237,7 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
             machineWith({fixedVolume(1, {"C:\\"}, 90 * kGB), fixedVolume(2, {"D:\\"}, 80 * kGB),
                          fixedVolume(3, {"E:\\"}, 40 * kGB), fixedVolume(4, {"F:\\"}, 30 * kGB),
                          fixedVolume(5, {"G:\\"}, 20 * kGB)}));
-        MessageCapture capture;
+        HostCapture host;
         const Placement placement = place(row.targets, hintsWith(row.preferred, row.excluded));
         SCOPED_TRACE(describe(placement.report));
 
@@ -276,27 +247,30 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
         ASSERT_EQ(placement.paths.size(), row.targets.size());
         ASSERT_EQ(placement.sizes.size(), row.targets.size());
         for (std::size_t i = 0; i < row.targets.size(); ++i) {
-            EXPECT_EQ(utf8(placement.paths[i]), utf8(fileOn(row.chosen, i))) << i;
+            EXPECT_EQ(utf8(placement.paths[i]), fileOn(row.chosen, i)) << i;
             const bool ownVolume = row.targets[i] == guid(row.chosen);
             // On its own volume V1: 10 percent of the 10 GB used.
             const std::uint32_t initial = ownVolume ? 1024 : 0;
             const std::uint32_t maximum = tenPercentMB(freeOf[row.chosen]);
             EXPECT_EQ(placement.sizes[i], (CacheFileSizes{initial, maximum})) << i;
         }
-        // The initial-size rule is reported only for a target's own volume.
-        EXPECT_EQ(capture.messages().empty(), row.chosen != 1);
+        // The host hears the initial-size rule for a target's own volume and
+        // no line of the placement's own.
+        const std::vector<std::string> heard = host.lines();
+        EXPECT_EQ(heard,
+                  row.chosen == 1 ? std::vector{percentagesLine(1)} : std::vector<std::string>{});
     }
 }
 
 TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
     TempMachine machine(machineWith({
-        TempMachine::volume(1, {"C:\\"}, "fixed", "NTFS", 100 * kGB, 50 * kGB),
-        TempMachine::volume(2, {"D:\\"}, "fixed", "NTFS", 100 * kGB, 80 * kGB),
+        fixedVolume(1, {"C:\\"}, 50 * kGB),
+        fixedVolume(2, {"D:\\"}, 80 * kGB),
         TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),
         TempMachine::volume(4, {"F:\\"}, "fixed", "RAW"),
         fixedVolume(5, {"G:\\"}, 50 * kGB, 0x5),
     }));
-    MessageCapture capture;
+    HostCapture host;
     const Placement placement = place({guid(1), guid(2)}, hintsWith({u"E:"}, {}), 5);
     SCOPED_TRACE(describe(placement.report));
 
@@ -304,40 +278,40 @@ TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
     EXPECT_EQ(placement.report.outcome, PlacementOutcome::kLastResort);
     EXPECT_TRUE(placement.report.cacheVolume.empty());
     ASSERT_EQ(placement.paths.size(), 2u);
-    EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(1, 5)));
-    EXPECT_EQ(utf8(placement.paths[1]), utf8(fileOn(2, 6)));
+    EXPECT_EQ(utf8(placement.paths[0]), fileOn(1, 5));
+    EXPECT_EQ(utf8(placement.paths[1]), fileOn(2, 6));
     // Own volume: 10 percent of the used space, maximum 10 percent of free.
-    ASSERT_EQ(placement.sizes.size(), 2u);
-    EXPECT_EQ(placement.sizes[0], (CacheFileSizes{5120, 5120}));
-    EXPECT_EQ(placement.sizes[1], (CacheFileSizes{2048, 8192}));
-    ASSERT_EQ(capture.messages().size(), 2u);
-    EXPECT_EQ(utf8(capture.messages()[1].text),
-              "INFO: cachefileInitSizePercentages are considered to find cachesize for resource " +
-                  utf8(guidRoot(2)));
+    EXPECT_EQ(placement.sizes, (std::vector<CacheFileSizes>{{5120, 5120}, {2048, 8192}}));
+    EXPECT_EQ(host.lines(), (std::vector{percentagesLine(1), percentagesLine(2)}));
 }
 
-TEST(CachePlacementTest, EqualFreeSpaceGoesToTheFirstNameForAnyNumberOfVolumes) {
-    for (int count : {2, 3, 33, 40}) {
-        SCOPED_TRACE(count);
-        std::vector<nlohmann::json> volumes = {fixedVolume(1, {"C:\\"}, 90 * kGB)};
-        std::vector<std::string> mountPoints;
-        for (int number = 2; number < 2 + count; ++number) {
-            mountPoints.push_back("C:\\mnt\\v" + std::to_string(number) + "\\");
+// Equal free space goes to the first name for any number of volumes, also
+// when every free-space query fails (each then counts as none, and the
+// maximum size falls to its floor).
+TEST(CachePlacementTest, EqualFreeSpaceGoesToTheFirstName) {
+    // clang-format off
+    const struct {
+        int count;
+        bool queriesFail;
+    } rows[] = {{2, false}, {3, false}, {33, false}, {40, false}, {3, true}};
+    // clang-format on
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.count) + (row.queriesFail ? " failing" : ""));
+        TempMachine machine(mountedVolumes(row.count, [](int) { return 50 * kGB; }));
+        if (row.queriesFail) {
+            sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, 0, sim::kAlways);
         }
-        // Listed in reverse so the machine's own order is not the answer.
-        for (int number = 1 + count; number >= 2; --number) {
-            volumes.push_back(fixedVolume(number, {mountPoints[number - 2].c_str()}, 50 * kGB));
-        }
-        TempMachine machine(machineWith(volumes));
         const Placement placement = place({guid(1)}, hintsWith({}, {}));
 
         ASSERT_TRUE(placement.result);
         EXPECT_EQ(utf8(placement.report.cacheVolume), utf8(guid(2)));
-        ASSERT_EQ(placement.report.order.size(), static_cast<std::size_t>(count));
-        for (int i = 0; i < count; ++i) {
+        ASSERT_EQ(placement.report.order.size(), static_cast<std::size_t>(row.count));
+        for (int i = 0; i < row.count; ++i) {
             EXPECT_EQ(utf8(placement.report.order[i].name), utf8(guid(2 + i))) << i;
-            EXPECT_EQ(placement.report.order[i].freeBytes, 50 * kGB) << i;
+            EXPECT_EQ(placement.report.order[i].freeBytes, row.queriesFail ? 0 : 50 * kGB) << i;
         }
+        const std::uint32_t maximum = row.queriesFail ? 50 : tenPercentMB(50 * kGB);
+        EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, {0, maximum}));
     }
 }
 
@@ -347,16 +321,8 @@ TEST(CachePlacementTest, EqualFreeSpaceGoesToTheFirstNameForAnyNumberOfVolumes) 
 TEST(CachePlacementTest, FreeSpaceChangingDuringTheOrderKeepsEveryVolumeOnce) {
     for (std::uint32_t skip : {0u, 5u, 40u, 90u}) {
         SCOPED_TRACE(skip);
-        std::vector<nlohmann::json> volumes = {fixedVolume(1, {"C:\\"}, 90 * kGB)};
-        std::vector<std::string> mountPoints;
-        for (int number = 2; number <= 41; ++number) {
-            mountPoints.push_back("C:\\mnt\\v" + std::to_string(number) + "\\");
-        }
-        for (int number = 2; number <= 41; ++number) {
-            volumes.push_back(fixedVolume(number, {mountPoints[number - 2].c_str()},
-                                          static_cast<std::uint64_t>(number % 7 + 1) * kGB));
-        }
-        TempMachine machine(machineWith(volumes));
+        TempMachine machine(mountedVolumes(
+            40, [](int number) { return static_cast<std::uint64_t>(number % 7 + 1) * kGB; }));
         sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, skip, 25);
         const Placement placement = place({guid(1)}, hintsWith({}, {}));
 
@@ -384,12 +350,11 @@ TEST(CachePlacementTest, TargetsKeepTheirOrderAndTakeConsecutiveNames) {
     const Placement placement = place({guid(3), guid(1), guid(2)}, hints, 41);
 
     ASSERT_TRUE(placement.result);
-    ASSERT_EQ(placement.paths.size(), 3u);
-    for (std::uint32_t i = 0; i < 3; ++i) {
-        const std::string digits = std::to_string(41 + i);
-        EXPECT_EQ(utf8(placement.paths[i]),
-                  utf8(guid(4)) + "kiv\\cache\\_tarnKivCacheFile_" + digits + ".KIV");
-    }
+    const std::string directory = utf8(guid(4)) + "kiv\\cache\\_tarnKivCacheFile_";
+    EXPECT_EQ(placement.paths,
+              (std::vector<std::u16string>{testsupport::utf16(directory + "41.KIV"),
+                                           testsupport::utf16(directory + "42.KIV"),
+                                           testsupport::utf16(directory + "43.KIV")}));
     EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(3, {0, tenPercentMB(60 * kGB)}));
 }
 
@@ -397,73 +362,22 @@ TEST(CachePlacementTest, EmptyTargetListPlacesNothing) {
     TempMachine machine(machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB)}));
     std::vector<std::u16string> paths = {u"kept"};
     std::vector<CacheFileSizes> sizes = {{1, 2}};
-    TestMutex mutex;
-    EXPECT_TRUE(placeCacheFiles(mutex.get(), {}, hintsWith({}, {}), paths, sizes));
-    EXPECT_EQ(paths.size(), 1u);
-    EXPECT_EQ(sizes.size(), 1u);
+    EXPECT_TRUE(placeCacheFiles(testMutex().get(), {}, hintsWith({}, {}), paths, sizes));
+    EXPECT_EQ(paths, std::vector<std::u16string>{u"kept"});
+    EXPECT_EQ(sizes, (std::vector<CacheFileSizes>{{1, 2}}));
 }
 
-// Holds the provider mutex on its own thread until released.
-class MutexHolder {
-  public:
-    explicit MutexHolder(os::HANDLE mutex) {
-        thread_ = std::thread([this, mutex] {
-            taken_.set_value(os::WaitForSingleObject(mutex, 0));
-            release_.get_future().wait();
-            if (!abandon_) {
-                os::ReleaseMutex(mutex);
-            }
-        });
-        waitResult_ = taken_.get_future().get();
-    }
-    ~MutexHolder() { finish(/*abandon=*/false); }
-    MutexHolder(const MutexHolder&) = delete;
-    MutexHolder& operator=(const MutexHolder&) = delete;
-
-    os::DWORD waitResult() const { return waitResult_; }
-    // Ends the holding thread, releasing the mutex or leaving it abandoned.
-    void finish(bool abandon) {
-        if (thread_.joinable()) {
-            abandon_ = abandon;
-            release_.set_value();
-            thread_.join();
-        }
-    }
-
-  private:
-    std::promise<os::DWORD> taken_;
-    std::promise<void> release_;
-    std::thread thread_;
-    bool abandon_ = false;
-    os::DWORD waitResult_ = os::WAIT_FAILED;
-};
-
-TEST(CachePlacementTest, MutexHeldOrAbandonedMeansNothingPlaced) {
-    for (bool abandoned : {false, true}) {
-        SCOPED_TRACE(abandoned ? "abandoned" : "held");
-        TempMachine machine(
-            machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
-        TestMutex mutex;
-        MutexHolder holder(mutex.get());
-        ASSERT_EQ(holder.waitResult(), os::WAIT_OBJECT_0);
-        if (abandoned) {
-            holder.finish(/*abandon=*/true);
-        }
-        sim::useVirtualClock(true);
-        testsupport::LogCapture log;
-        std::vector<std::u16string> paths;
-        std::vector<CacheFileSizes> sizes;
-        PlacementReport report;
-        const bool result =
-            placeCacheFiles(mutex.get(), {guid(1)}, hintsWith({}, {}), paths, sizes, &report);
-        sim::useVirtualClock(false);
-
-        EXPECT_FALSE(result);
-        EXPECT_TRUE(paths.empty());
-        EXPECT_TRUE(sizes.empty());
-        EXPECT_EQ(report.outcome, PlacementOutcome::kMutexNotObtained);
-        EXPECT_TRUE(log.messages().empty());
-    }
+// Whether another thread can take the mutex at once (it gives it back).
+bool freeForAnotherThread(os::HANDLE mutex) {
+    return std::async(std::launch::async,
+                      [mutex] {
+                          const bool taken = os::WaitForSingleObject(mutex, 0) == os::WAIT_OBJECT_0;
+                          if (taken) {
+                              os::ReleaseMutex(mutex);
+                          }
+                          return taken;
+                      })
+        .get();
 }
 
 TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
@@ -479,9 +393,9 @@ TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
         SCOPED_TRACE(row.unbindable);
         TempMachine machine(
             machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
+        HostCapture host;
         sim::makeUnbindable("kernel32.dll", row.unbindable);
-        TestMutex mutex;
-        testsupport::LogCapture log;
+        const os::UniqueHandle mutex = testMutex();
         std::vector<std::u16string> paths;
         std::vector<CacheFileSizes> sizes;
         std::optional<os::DWORD> thrown;
@@ -490,59 +404,36 @@ TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
         } catch (os::DWORD error) {
             thrown = error;
         }
-        ASSERT_TRUE(thrown.has_value());
-        EXPECT_EQ(*thrown, os::ERROR_PROC_NOT_FOUND);
-        EXPECT_TRUE(log.messages().empty());
+        EXPECT_EQ(thrown, os::ERROR_PROC_NOT_FOUND);
+        EXPECT_TRUE(host.lines().empty());
         EXPECT_TRUE(paths.empty());
         EXPECT_TRUE(sizes.empty());
-        // Another thread gets the mutex at once: the failed placement let go.
-        MutexHolder other(mutex.get());
-        EXPECT_EQ(other.waitResult(), os::WAIT_OBJECT_0);
+        EXPECT_TRUE(freeForAnotherThread(mutex.get()));
     }
 }
 
-TEST(CachePlacementTest, FailedFreeSpaceQueryRanksAVolumeLast) {
-    TempMachine machine(
-        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB),
-                     fixedVolume(3, {"E:\\"}, 40 * kGB)}));
-    // Every query fails: no volume has more space than another, so name
-    // order decides, and the maximum falls to its floor.
-    sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, 0, sim::kAlways);
-    const Placement placement = place({guid(1)}, hintsWith({}, {}));
-    ASSERT_TRUE(placement.result);
-    EXPECT_EQ(utf8(placement.report.cacheVolume), utf8(guid(2)));
-    EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, {0, 50}));
-}
-
-// The explanation of a choice is for our tools: the host hears no line of
-// the placement's own, whichever stage decides.
-TEST(CachePlacementTest, ChoiceIsExplainedInTheReportAndNotToTheHost) {
+// Which stage decided and why is told in the report, for our tools.
+TEST(CachePlacementTest, ChoiceIsExplainedInTheReport) {
     struct Row {
         const char* name;
         std::vector<std::u16string> preferred;
         std::vector<std::u16string> excluded;
         std::string explanation;  // a line of the report
     };
+    // clang-format off
     const Row rows[] = {
-        {"Preferred", {u"d:"}, {}, "cache volume " + utf8(guid(2)) + ": the preferred volume"},
-        {"Fallback",
-         {u"e:"},
-         {},
-         "preferred " + utf8(guid(3)) + " (configured as e:): removed, not a fixed disk"},
-        {"LastResort", {}, {u"D:"}, "each target holds its own cache file"},
+        {"Preferred",  {u"d:"}, {},      "cache volume " + utf8(guid(2)) + ": the preferred volume"},
+        {"Fallback",   {u"e:"}, {},      "preferred " + utf8(guid(3)) + " (configured as e:): removed, not a fixed disk"},
+        {"LastResort", {},      {u"D:"}, "each target holds its own cache file"},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         TempMachine machine(
             machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
                          TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS")}));
-        // Made first, so that the coordinator (which the sizing messages go
-        // through) exists and its own creation trace is not counted.
-        MessageCapture sizingMessages;
-        testsupport::LogCapture log;
         const Placement placement = place({guid(1)}, hintsWith(row.preferred, row.excluded));
         ASSERT_TRUE(placement.result);
-        EXPECT_TRUE(log.messages().empty()) << utf8(log.messages().front().text);
         const std::string why = describe(placement.report);
         EXPECT_NE(why.find(row.explanation), std::string::npos) << why;
     }
@@ -562,9 +453,9 @@ TEST(CachePlacementTest, RepeatedAndEmptyPreferredNamesAreEachTested) {
     // clang-format off
     const Row rows[] = {
         {"OneVolumeThreeSpellings", {u"D:", guid(2), u"d:\\"}, {guid(2), guid(2), guid(2)}, 3, 2},
-        {"SameNameTwice", {u"E:", u"D:", u"E:"}, {guid(2), guid(3), guid(3)}, 3, 3},
-        {"EmptyNameFirst", {u"D:", u""}, {u"", guid(2)}, 1, 2},
-        {"OnlyEmptyNames", {u"", u""}, {u"", u""}, 0, 3},
+        {"SameNameTwice",           {u"E:", u"D:", u"E:"},     {guid(2), guid(3), guid(3)}, 3, 3},
+        {"EmptyNameFirst",          {u"D:", u""},              {u"", guid(2)},              1, 2},
+        {"OnlyEmptyNames",          {u"", u""},                {u"", u""},                  0, 3},
     };
     // clang-format on
     for (const Row& row : rows) {
@@ -591,7 +482,7 @@ TEST(CachePlacementTest, RepeatedAndEmptyPreferredNamesAreEachTested) {
             EXPECT_EQ(probes, row.driverProbes);
         }
         ASSERT_EQ(placement.paths.size(), 1u);
-        EXPECT_EQ(utf8(placement.paths[0]), utf8(fileOn(row.chosen, 0)));
+        EXPECT_EQ(utf8(placement.paths[0]), fileOn(row.chosen, 0));
     }
 }
 
@@ -630,12 +521,8 @@ TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
     hints.initialCacheFileSizeMB = 100;
     hints.maxCacheFileSizeMB = 4294967295u;
     EXPECT_EQ(utf8(formatCacheFileRequest({guid(1), u"C:"}, hints)),
-              "\tTargets\n"
-              "\t\t" +
-                  utf8(guid(1)) +
-                  "\n"
-                  "\t\tC:\n"
-                  "\tHints\n"
+              "\tTargets\n\t\t" + utf8(guid(1)) +
+                  "\n\t\tC:\n\tHints\n"
                   "\t\texcludedVolumes = F:,\n"
                   "\t\tpreferredVolumes = D:,E:\\,\n"
                   "\t\tinitialCacheFileSizeMB = 100\n"
@@ -652,9 +539,6 @@ TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
 // machine and writes "<result> <path> <initial> <maximum>" to the file named
 // by its first argument.
 FIKIV_CHILD_ROLE(placeOneCacheFile) {
-    if (arguments.empty()) {
-        return 1;
-    }
     std::vector<std::u16string> paths;
     std::vector<CacheFileSizes> sizes;
     bool result = false;
@@ -663,7 +547,7 @@ FIKIV_CHILD_ROLE(placeOneCacheFile) {
     } catch (...) {
         return 2;
     }
-    std::ofstream out(arguments[0]);
+    std::ofstream out(arguments.at(0));
     out << (result ? "placed" : "refused");
     if (result && paths.size() == 1 && sizes.size() == 1) {
         out << ' ' << utf8(paths[0]) << ' ' << sizes[0].first << ' ' << sizes[0].second;
@@ -695,7 +579,7 @@ TEST(CachePlacementProcessTest, ConcurrentProcessesBothPlaceAndPickTheSameName) 
     // gone. So neither process sees the other's file, and both pick the same
     // name on the same volume.
     const std::string expected =
-        "placed " + utf8(fileOn(2, 0)) + " 0 " + std::to_string(tenPercentMB(50 * kGB));
+        "placed " + fileOn(2, 0) + " 0 " + std::to_string(tenPercentMB(50 * kGB));
     EXPECT_EQ(readFile(first), expected);
     EXPECT_EQ(readFile(second), expected);
 }

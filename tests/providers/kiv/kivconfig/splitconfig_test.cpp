@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kiv/kivconfig/kivconfig.h"
@@ -27,19 +28,21 @@ struct QuiesceRow {
 };
 FIKIV_PRINT_ROW_NAME(QuiesceRow)
 
+// clang-format off
 const QuiesceRow kQuiesceRows[] = {
-    {"BothKeys", {u"quiesceWait=10", u"quiesceTimeout=30"}, true, 10, 30},
-    {"ReverseOrder", {u"quiesceTimeout=30", u"quiesceWait=10"}, true, 10, 30},
-    {"WaitTwice", {u"quiesceWait=10", u"quiesceWait=20"}, false, 20, 0},
-    {"EmptyValue", {u"quiesceWait=", u"quiesceTimeout=5"}, false, 0, 5},
-    {"ThreeEntries", {u"quiesceWait=1", u"quiesceTimeout=2", u"quiesceWait=3"}, false, 0, 0},
-    {"OneEntry", {u"quiesceWait=1"}, false, 0, 0},
-    {"NoEntries", {}, false, 0, 0},
-    {"KeyIsCaseSensitive", {u"quiesceWait=1", u"quiesceTimeOut=2"}, false, 1, 0},
+    {"BothKeys",           {u"quiesceWait=10", u"quiesceTimeout=30"},                      true,  10, 30},
+    {"ReverseOrder",       {u"quiesceTimeout=30", u"quiesceWait=10"},                      true,  10, 30},
+    {"WaitTwice",          {u"quiesceWait=10", u"quiesceWait=20"},                         false, 20, 0},
+    {"EmptyValue",         {u"quiesceWait=", u"quiesceTimeout=5"},                         false, 0,  5},
+    {"ThreeEntries",       {u"quiesceWait=1", u"quiesceTimeout=2", u"quiesceWait=3"},      false, 0,  0},
+    {"OneEntry",           {u"quiesceWait=1"},                                             false, 0,  0},
+    {"NoEntries",          {},                                                             false, 0,  0},
+    {"KeyIsCaseSensitive", {u"quiesceWait=1", u"quiesceTimeOut=2"},                        false, 1,  0},
     // A value that is not a number is still a value: valid, read as 0.
-    {"UnreadableValue", {u"quiesceWait=soon", u"quiesceTimeout=2"}, true, 0, 2},
-    {"LeadingBlanksAndSuffix", {u"quiesceWait=  15s", u"quiesceTimeout=\t7,5"}, true, 15, 7},
+    {"UnreadableValue",    {u"quiesceWait=soon", u"quiesceTimeout=2"},                     true,  0,  2},
+    {"LeadingBlanksAndSuffix", {u"quiesceWait=  15s", u"quiesceTimeout=\t7,5"},            true,  15, 7},
 };
+// clang-format on
 
 class QuiesceTest : public ConfigFixture, public ::testing::WithParamInterface<QuiesceRow> {};
 
@@ -48,13 +51,39 @@ TEST_P(QuiesceTest, ValidityAndValues) {
     EXPECT_FALSE(config_.isValidQuiesceConfig()) << "before any setting";
     KivConfigTestPeer::storeQuiesceEntries(config_, row.entries);
     EXPECT_EQ(config_.isValidQuiesceConfig(), row.valid);
-    QuiesceConfig values = config_.getQuiesceConfig();
+    const QuiesceConfig values = config_.getQuiesceConfig();
     EXPECT_EQ(values.quiesceWait, row.wait);
     EXPECT_EQ(values.quiesceTimeout, row.timeout);
 }
 
 INSTANTIATE_TEST_SUITE_P(Documents, QuiesceTest, ::testing::ValuesIn(kQuiesceRows),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// The four fields, for comparing whole records.
+auto fields(const SplitConfig& split) {
+    return std::tie(split.snapshotVolumeName, split.cacheFileName, split.initialCacheFileSize,
+                    split.maximumCacheFileSize);
+}
+
+// A selected split document: the four keys in order, with these values (an
+// empty value leaves its key out, ";" sends it without a value), then the
+// extra elements.
+std::u16string splitDoc(const char16_t* volume, const char16_t* file, const char16_t* initial,
+                        const char16_t* maximum, const Elements& extra = {}) {
+    Elements elements;
+    const std::pair<const char16_t*, const char16_t*> pairs[] = {
+        {u"snapshotVolumeName", volume},
+        {u"cacheFileName", file},
+        {u"initialCacheFileSize", initial},
+        {u"maximumCacheFileSize", maximum}};
+    for (const auto& [key, value] : pairs) {
+        if (*value != u'\0') {
+            elements.emplace_back(key, value);
+        }
+    }
+    elements.insert(elements.end(), extra.begin(), extra.end());
+    return selectDocument(elements);
+}
 
 struct SplitRow {
     const char* name;
@@ -64,49 +93,16 @@ struct SplitRow {
 };
 FIKIV_PRINT_ROW_NAME(SplitRow)
 
-SplitConfig split(const char* volume, const char* file, std::uint32_t initial,
-                  std::uint32_t maximum) {
-    return SplitConfig{volume, file, initial, maximum};
-}
-
+// clang-format off
 const SplitRow kSplitRows[] = {
-    {"AllFour",
-     selectDocument({{u"snapshotVolumeName", u"V"},
-                     {u"cacheFileName", u"F"},
-                     {u"initialCacheFileSize", u"100"},
-                     {u"maximumCacheFileSize", u"500"}}),
-     true, split("V", "F", 100, 500)},
-    {"NonAsciiNamesAsUtf8",
-     selectDocument({{u"snapshotVolumeName", u"\u00e9:"},
-                     {u"cacheFileName", u"\u65e5.KIV"},
-                     {u"initialCacheFileSize", u"1"},
-                     {u"maximumCacheFileSize", u"2"}}),
-     true, split("\xc3\xa9:", "\xe6\x97\xa5.KIV", 1, 2)},
-    {"ThreeKeys",
-     selectDocument({{u"snapshotVolumeName", u"V"},
-                     {u"cacheFileName", u"F"},
-                     {u"initialCacheFileSize", u"100"}}),
-     false, split("", "", 0, 0)},
-    {"FiveEntries",
-     selectDocument({{u"snapshotVolumeName", u"V"},
-                     {u"cacheFileName", u"F"},
-                     {u"initialCacheFileSize", u"100"},
-                     {u"maximumCacheFileSize", u"500"},
-                     {u"cacheFileName", u"G"}}),
-     false, split("", "", 0, 0)},
-    {"FourWithOneKeyTwice",
-     selectDocument({{u"snapshotVolumeName", u"V"},
-                     {u"cacheFileName", u"F"},
-                     {u"cacheFileName", u"G"},
-                     {u"maximumCacheFileSize", u"500"}}),
-     false, split("V", "G", 0, 500)},
-    {"EmptyValueDropsEntry",
-     selectDocument({{u"snapshotVolumeName", u";"},
-                     {u"cacheFileName", u"F"},
-                     {u"initialCacheFileSize", u"100"},
-                     {u"maximumCacheFileSize", u"500"}}),
-     false, split("", "", 0, 0)},
+    {"AllFour",              splitDoc(u"V", u"F", u"100", u"500"),                           true,  {"V", "F", 100, 500}},
+    {"NonAsciiNamesAsUtf8",  splitDoc(u"\u00e9:", u"\u65e5.KIV", u"1", u"2"),                true,  {"\xc3\xa9:", "\xe6\x97\xa5.KIV", 1, 2}},
+    {"ThreeKeys",            splitDoc(u"V", u"F", u"100", u""),                              false, {}},
+    {"FiveEntries",          splitDoc(u"V", u"F", u"100", u"500", {{u"cacheFileName", u"G"}}), false, {}},
+    {"FourWithOneKeyTwice",  splitDoc(u"V", u"F", u"", u"500", {{u"cacheFileName", u"G"}}),  false, {"V", "G", 0, 500}},
+    {"EmptyValueDropsEntry", splitDoc(u";", u"F", u"100", u"500"),                           false, {}},
 };
+// clang-format on
 
 class SplitTest : public ConfigFixture, public ::testing::WithParamInterface<SplitRow> {};
 
@@ -115,14 +111,10 @@ TEST_P(SplitTest, ValidityAndValues) {
     EXPECT_FALSE(config_.isValidNodeSplitConfig()) << "before any setting";
     ASSERT_EQ(set(Target::kVolume, Select::kSplit, row.text), 0);
     EXPECT_EQ(config_.isValidNodeSplitConfig(), row.valid);
-    SplitConfig values = config_.getSplitConfig();
-    EXPECT_EQ(values.snapshotVolumeName, row.values.snapshotVolumeName);
-    EXPECT_EQ(values.cacheFileName, row.values.cacheFileName);
-    EXPECT_EQ(values.initialCacheFileSize, row.values.initialCacheFileSize);
-    EXPECT_EQ(values.maximumCacheFileSize, row.values.maximumCacheFileSize);
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
     // Selected values are never replaced by automatic ones.
-    EXPECT_FALSE(config_.setAutoSplitConfig(split("X", "Y", 1, 2)));
-    EXPECT_EQ(config_.getSplitConfig().snapshotVolumeName, row.values.snapshotVolumeName);
+    EXPECT_FALSE(config_.setAutoSplitConfig({"X", "Y", 1, 2}));
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
 }
 
 INSTANTIATE_TEST_SUITE_P(Documents, SplitTest, ::testing::ValuesIn(kSplitRows),
@@ -134,32 +126,28 @@ TEST_F(ConfigFixture, AutomaticSplitValuesAreStoredOnce) {
     ASSERT_EQ(set(Target::kVolume, Select::kSplit, kAuto), 0);
     EXPECT_TRUE(config_.isAutoPrepare());
     EXPECT_TRUE(config_.isValidNodeSplitConfig()) << "valid before the values are computed";
-    SplitConfig pending = config_.getSplitConfig();
-    EXPECT_EQ(pending.snapshotVolumeName, "");
-    EXPECT_EQ(pending.maximumCacheFileSize, 0u);
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(SplitConfig{}));
 
-    ASSERT_TRUE(config_.setAutoSplitConfig(split("V", "F", 100, 500)));
+    const SplitConfig values{"V", "F", 100, 500};
+    ASSERT_TRUE(config_.setAutoSplitConfig(values));
     EXPECT_THAT(config_.splitEntries(),
                 ElementsAre(u"cacheFileName=F", u"initialCacheFileSize=100",
                             u"maximumCacheFileSize=500", u"snapshotVolumeName=V"));
-    SplitConfig stored = config_.getSplitConfig();
-    EXPECT_EQ(stored.snapshotVolumeName, "V");
-    EXPECT_EQ(stored.cacheFileName, "F");
-    EXPECT_EQ(stored.initialCacheFileSize, 100u);
-    EXPECT_EQ(stored.maximumCacheFileSize, 500u);
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(values));
     EXPECT_TRUE(config_.isValidNodeSplitConfig());
 
     // A second preparation keeps the first values.
-    EXPECT_FALSE(config_.setAutoSplitConfig(split("W", "G", 1, 2)));
-    EXPECT_EQ(config_.getSplitConfig().snapshotVolumeName, "V");
+    EXPECT_FALSE(config_.setAutoSplitConfig({"W", "G", 1, 2}));
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(values));
 
     // Clearing ends the automatic mode; values are refused until a new
     // automatic request.
     config_.clearSplitConfig();
-    EXPECT_FALSE(config_.setAutoSplitConfig(split("W", "G", 1, 2)));
+    EXPECT_FALSE(config_.isAutoPrepare());
+    EXPECT_FALSE(config_.setAutoSplitConfig({"W", "G", 1, 2}));
     EXPECT_THAT(config_.splitEntries(), IsEmpty());
     ASSERT_EQ(set(Target::kVolume, Select::kSplit, kAuto), 0);
-    EXPECT_TRUE(config_.setAutoSplitConfig(split("W", "G", 1, 2)));
+    EXPECT_TRUE(config_.setAutoSplitConfig({"W", "G", 1, 2}));
     EXPECT_EQ(config_.getSplitConfig().snapshotVolumeName, "W");
 }
 
@@ -168,38 +156,33 @@ TEST_F(ConfigFixture, AutomaticSplitValuesRoundTrip) {
         SplitConfig values;
         bool valid;
     };
+    // clang-format off
     const Row rows[] = {
-        {split("\\\\?\\Volume{5}", "E:\\kiv\\_tarnKivCacheFile_3.KIV", 0, 4294967295u), true},
-        {split("\xc3\xa9", "\xe6\x97\xa5", 7, 8), true},
+        {{"\\\\?\\Volume{5}", "E:\\kiv\\_tarnKivCacheFile_3.KIV", 0, 4294967295u}, true},
+        {{"\xc3\xa9", "\xe6\x97\xa5", 7, 8}, true},
         // An empty name leaves its entry without a value: invalid.
-        {split("", "F", 1, 2), false},
-        {split("V", "", 1, 2), false},
+        {{"", "F", 1, 2}, false},
+        {{"V", "", 1, 2}, false},
     };
+    // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.values.snapshotVolumeName + "|" + row.values.cacheFileName);
         config_.clearSplitConfig();
         ASSERT_EQ(set(Target::kVolume, Select::kSplit, kAuto), 0);
         ASSERT_TRUE(config_.setAutoSplitConfig(row.values));
         EXPECT_EQ(config_.isValidNodeSplitConfig(), row.valid);
-        SplitConfig read = config_.getSplitConfig();
-        EXPECT_EQ(read.snapshotVolumeName, row.values.snapshotVolumeName);
-        EXPECT_EQ(read.cacheFileName, row.values.cacheFileName);
-        EXPECT_EQ(read.initialCacheFileSize, row.values.initialCacheFileSize);
-        EXPECT_EQ(read.maximumCacheFileSize, row.values.maximumCacheFileSize);
+        EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
     }
 }
 
 TEST_F(ConfigFixture, UpdateOfSelectedSplitReadsDefaultsUntilCleared) {
-    const std::u16string full = selectDocument({{u"snapshotVolumeName", u"V"},
-                                                {u"cacheFileName", u"F"},
-                                                {u"initialCacheFileSize", u"100"},
-                                                {u"maximumCacheFileSize", u"500"}});
+    const std::u16string full = splitDoc(u"V", u"F", u"100", u"500");
     ASSERT_EQ(set(Target::kVolume, Select::kSplit, full), 0);
     ASSERT_TRUE(config_.isValidNodeSplitConfig());
     ASSERT_EQ(update(Target::kVolume, Select::kSplit, full), 0);
     EXPECT_EQ(config_.splitEntries().size(), 8u);
     EXPECT_FALSE(config_.isValidNodeSplitConfig());
-    EXPECT_EQ(config_.getSplitConfig().snapshotVolumeName, "");
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(SplitConfig{}));
     config_.clearSplitConfig();
     ASSERT_EQ(set(Target::kVolume, Select::kSplit, full), 0);
     EXPECT_TRUE(config_.isValidNodeSplitConfig());
@@ -217,14 +200,6 @@ TEST_F(ConfigFixture, QuiesceDocumentReachesTheReader) {
     EXPECT_TRUE(config_.isValidQuiesceConfig());
     EXPECT_EQ(config_.getQuiesceConfig().quiesceWait, 8u);
     EXPECT_EQ(config_.getQuiesceConfig().quiesceTimeout, 5u);
-}
-
-TEST_F(ConfigFixture, QuiesceSettingsOfAVolumeAreNotKept) {
-    ASSERT_EQ(set(Target::kVolume, Select::kQuiesce,
-                  document({{u"quiesceWait", u"10"}, {u"quiesceTimeout", u"30"}})),
-              0);
-    EXPECT_FALSE(config_.isValidQuiesceConfig());
-    EXPECT_EQ(config_.getQuiesceConfig().quiesceWait, 0u);
 }
 
 }  // namespace
