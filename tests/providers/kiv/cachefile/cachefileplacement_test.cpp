@@ -10,7 +10,6 @@
 #include <fstream>
 #include <future>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -32,6 +31,19 @@ using testsupport::utf8;
 nlohmann::json fixedVolume(int number, std::initializer_list<const char*> paths,
                            std::uint64_t freeBytes, std::uint32_t attributes = 0x1) {
     return TempMachine::volume(number, paths, "fixed", "NTFS", 100 * kGB, freeBytes, attributes);
+}
+
+// Fixed volumes 1, 2, ... at C:\, D:\, ... with these free GB, then `more`.
+nlohmann::json drives(std::initializer_list<std::uint64_t> freeGB,
+                      std::vector<nlohmann::json> more = {}) {
+    static const char* const kRoots[] = {"C:\\", "D:\\", "E:\\", "F:\\", "G:\\"};
+    std::vector<nlohmann::json> volumes;
+    for (const std::uint64_t gb : freeGB) {
+        const int number = static_cast<int>(volumes.size()) + 1;
+        volumes.push_back(fixedVolume(number, {kRoots[number - 1]}, gb * kGB));
+    }
+    volumes.insert(volumes.end(), more.begin(), more.end());
+    return machineWith(volumes);
 }
 
 // A machine of C:\ (volume 1) and volumes 2 to count + 1, each mounted only
@@ -63,7 +75,7 @@ std::uint32_t tenPercentMB(std::uint64_t freeBytes) {
 
 struct Placement {
     bool result = false;
-    std::vector<std::u16string> paths;
+    std::vector<std::string> paths;  // as UTF-8
     std::vector<CacheFileSizes> sizes;
     PlacementReport report;
 };
@@ -73,8 +85,12 @@ Placement place(const std::vector<std::u16string>& targets, const CacheFileHints
     const os::UniqueHandle mutex = testMutex();
     setCacheFileCounter(counter);
     Placement placement;
-    placement.result = placeCacheFiles(mutex.get(), targets, hints, placement.paths,
-                                       placement.sizes, &placement.report);
+    std::vector<std::u16string> paths;
+    placement.result =
+        placeCacheFiles(mutex.get(), targets, hints, paths, placement.sizes, &placement.report);
+    for (const std::u16string& path : paths) {
+        placement.paths.push_back(utf8(path));
+    }
     return placement;
 }
 
@@ -86,6 +102,14 @@ std::string describe(const PlacementReport& report) {
     return text;
 }
 
+std::vector<PlacementRemoval> removals(const std::vector<PlacementCandidate>& candidates) {
+    std::vector<PlacementRemoval> removals;
+    for (const PlacementCandidate& candidate : candidates) {
+        removals.push_back(candidate.removal);
+    }
+    return removals;
+}
+
 // The sizing line the host hears for a cache file on its target's own volume.
 std::string percentagesLine(int volume) {
     return "1 INFO: cachefileInitSizePercentages are considered to find cachesize for resource " +
@@ -95,29 +119,23 @@ std::string percentagesLine(int volume) {
 // Fixed V1 (the only target, 10 GB free), V2 and V3 (50 GB free each, V3
 // excluded), a CD-ROM V4, nothing preferred: the fallback leaves only V2.
 TEST(CachePlacementTest, WorkedCaseChoosesTheOnlyUsableOtherVolume) {
-    TempMachine machine(machineWith(
-        {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
-         fixedVolume(3, {"E:\\"}, 50 * kGB), TempMachine::volume(4, {"F:\\"}, "cdrom", "CDFS")}));
+    TempMachine machine(drives({10, 50, 50}, {TempMachine::volume(4, {"F:\\"}, "cdrom", "CDFS")}));
     HostCapture host;
     const Placement placement = place({guid(1)}, hintsWith({}, {u"E:"}));
-
-    ASSERT_TRUE(placement.result);
-    ASSERT_EQ(placement.paths.size(), 1u);
-    EXPECT_EQ(utf8(placement.paths[0]), fileOn(2, 0));
-    EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, {0, tenPercentMB(50 * kGB)}));
-    // The cache volume is not the target, so there is no sizing line either.
-    EXPECT_TRUE(host.lines().empty());
-
     const PlacementReport& report = placement.report;
     SCOPED_TRACE(describe(report));
+
+    ASSERT_TRUE(placement.result);
+    EXPECT_EQ(placement.paths, std::vector{fileOn(2, 0)});
+    EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, {0, tenPercentMB(50 * kGB)}));
+    // The cache volume is not the target, so there is no sizing line either.
+    EXPECT_EQ(host.lines(), std::vector<std::string>{});
     EXPECT_EQ(report.outcome, PlacementOutcome::kFallback);
     EXPECT_TRUE(report.preferred.empty());
-    ASSERT_EQ(report.fallback.size(), 4u);
-    EXPECT_EQ(report.fallback[0].removal, PlacementRemoval::kTarget);
-    EXPECT_EQ(report.fallback[1].removal, PlacementRemoval::kNone);
-    EXPECT_EQ(report.fallback[2].removal, PlacementRemoval::kExcluded);
-    EXPECT_EQ(report.fallback[3].removal, PlacementRemoval::kNotFixed);
-    EXPECT_EQ(report.fallback[3].detail, 5u);
+    EXPECT_EQ(removals(report.fallback),
+              (std::vector{PlacementRemoval::kTarget, PlacementRemoval::kNone,
+                           PlacementRemoval::kExcluded, PlacementRemoval::kNotFixed}));
+    EXPECT_EQ(report.fallback.back().detail, 5u);
     ASSERT_EQ(report.order.size(), 1u);
     EXPECT_EQ(utf8(report.cacheVolume), utf8(guid(2)));
 }
@@ -133,22 +151,21 @@ TEST(CachePlacementTest, EachSuitabilityTestRemovesAPreferredVolume) {
     };
     // clang-format off
     const Row rows[] = {
-        {"Raw",               TempMachine::volume(3, {"E:\\"}, "fixed", "RAW"),      guid(3),  PlacementRemoval::kFileSystem,       os::ERROR_UNRECOGNIZED_VOLUME},
-        {"Absent",            fixedVolume(3, {"E:\\"}, 5 * kGB),                     guid(99), PlacementRemoval::kFileSystem,       os::ERROR_PATH_NOT_FOUND},
-        {"CdRom",             TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),     guid(3),  PlacementRemoval::kNotFixed,         5},
-        {"Removable",         TempMachine::volume(3, {"E:\\"}, "removable", "FAT32"), guid(3), PlacementRemoval::kNotFixed,         2},
-        {"Remote",            TempMachine::volume(3, {"E:\\"}, "remote"),            guid(3),  PlacementRemoval::kNotFixed,         4},
-        {"NoPath",            TempMachine::volume(3, {}),                            guid(3),  PlacementRemoval::kNoPath,           0},
-        {"DriverClaimed",     fixedVolume(3, {"E:\\"}, 50 * kGB, 0x3),               guid(3),  PlacementRemoval::kDriverAttributes, 0x3},
-        {"DriverDisabled",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x5),               guid(3),  PlacementRemoval::kDriverAttributes, 0x5},
-        {"DriverSnapshot",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x8),               guid(3),  PlacementRemoval::kDriverAttributes, 0x8},
-        {"ActiveCacheIsFine", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x11),              guid(3),  PlacementRemoval::kNone,             0},
+        {"Raw",               TempMachine::volume(3, {"E:\\"}, "fixed", "RAW"),       guid(3),  PlacementRemoval::kFileSystem,       os::ERROR_UNRECOGNIZED_VOLUME},
+        {"Absent",            fixedVolume(3, {"E:\\"}, 5 * kGB),                      guid(99), PlacementRemoval::kFileSystem,       os::ERROR_PATH_NOT_FOUND},
+        {"CdRom",             TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),      guid(3),  PlacementRemoval::kNotFixed,         5},
+        {"Removable",         TempMachine::volume(3, {"E:\\"}, "removable", "FAT32"), guid(3),  PlacementRemoval::kNotFixed,         2},
+        {"Remote",            TempMachine::volume(3, {"E:\\"}, "remote"),             guid(3),  PlacementRemoval::kNotFixed,         4},
+        {"NoPath",            TempMachine::volume(3, {}),                             guid(3),  PlacementRemoval::kNoPath,           0},
+        {"DriverClaimed",     fixedVolume(3, {"E:\\"}, 50 * kGB, 0x3),                guid(3),  PlacementRemoval::kDriverAttributes, 0x3},
+        {"DriverDisabled",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x5),                guid(3),  PlacementRemoval::kDriverAttributes, 0x5},
+        {"DriverSnapshot",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x8),                guid(3),  PlacementRemoval::kDriverAttributes, 0x8},
+        {"ActiveCacheIsFine", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x11),               guid(3),  PlacementRemoval::kNone,             0},
     };
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        TempMachine machine(machineWith(
-            {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB), row.volume}));
+        TempMachine machine(drives({10, 20}, {row.volume}));
         const Placement placement = place({guid(1)}, hintsWith({row.preferredName}, {}));
         const PlacementReport& report = placement.report;
         SCOPED_TRACE(describe(report));
@@ -160,8 +177,7 @@ TEST(CachePlacementTest, EachSuitabilityTestRemovesAPreferredVolume) {
         const bool kept = row.removal == PlacementRemoval::kNone;
         EXPECT_EQ(report.outcome,
                   kept ? PlacementOutcome::kPreferred : PlacementOutcome::kFallback);
-        ASSERT_EQ(placement.paths.size(), 1u);
-        EXPECT_EQ(utf8(placement.paths[0]), fileOn(kept ? 3 : 2, 0));
+        EXPECT_EQ(placement.paths, std::vector{fileOn(kept ? 3 : 2, 0)});
         if (!kept && row.preferredName == guid(3)) {
             // The fallback tests it again and drops it for the same reason.
             const auto again = std::find_if(report.fallback.begin(), report.fallback.end(),
@@ -183,25 +199,29 @@ TEST(CachePlacementTest, PreferredNamesInEveryFormFindTheirVolume) {
     };
     // clang-format off
     const Row rows[] = {
-        {u"d:", 2}, {u"D:\\", 2}, {u"d:\\", 2}, {guid(2), 2}, {guidRoot(2), 2},
-        {u"C:\\mnt\\data\\", 4}, {u"C:\\mnt\\data", 4},
+        {u"d:",               2},
+        {u"D:\\",             2},
+        {u"d:\\",             2},
+        {guid(2),             2},
+        {guidRoot(2),         2},
+        {u"C:\\mnt\\data\\",  4},
+        {u"C:\\mnt\\data",    4},
         // Names that reach no volume leave the choice to the fallback.
-        {u"Q:", 3}, {u"Q:\\", 3}, {u"q", 3},
+        {u"Q:",               3},
+        {u"Q:\\",             3},
+        {u"q",                3},
     };
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(utf8(row.preferred));
-        TempMachine machine(machineWith(
-            {fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 20 * kGB),
-             fixedVolume(3, {"E:\\"}, 40 * kGB), fixedVolume(4, {"C:\\mnt\\data\\"}, 30 * kGB)}));
+        TempMachine machine(drives({10, 20, 40}, {fixedVolume(4, {"C:\\mnt\\data\\"}, 30 * kGB)}));
         const Placement placement = place({guid(1)}, hintsWith({row.preferred}, {}));
         SCOPED_TRACE(describe(placement.report));
 
         ASSERT_TRUE(placement.result);
         EXPECT_EQ(placement.report.outcome,
                   row.chosen == 3 ? PlacementOutcome::kFallback : PlacementOutcome::kPreferred);
-        ASSERT_EQ(placement.paths.size(), 1u);
-        EXPECT_EQ(utf8(placement.paths[0]), fileOn(row.chosen, 0));
+        EXPECT_EQ(placement.paths, std::vector{fileOn(row.chosen, 0)});
         EXPECT_EQ(placement.report.preferred.size(), 1u);
     }
 }
@@ -230,13 +250,10 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
         {"TargetsNotInTheFallback",     {guid(2), guid(1)}, {},                {},               3, PlacementOutcome::kFallback},
     };
     // clang-format on
-    const std::uint64_t freeOf[] = {0, 90 * kGB, 80 * kGB, 40 * kGB, 30 * kGB, 20 * kGB};
+    const std::uint64_t freeGB[] = {0, 90, 80, 40, 30, 20};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        TempMachine machine(
-            machineWith({fixedVolume(1, {"C:\\"}, 90 * kGB), fixedVolume(2, {"D:\\"}, 80 * kGB),
-                         fixedVolume(3, {"E:\\"}, 40 * kGB), fixedVolume(4, {"F:\\"}, 30 * kGB),
-                         fixedVolume(5, {"G:\\"}, 20 * kGB)}));
+        TempMachine machine(drives({90, 80, 40, 30, 20}));
         HostCapture host;
         const Placement placement = place(row.targets, hintsWith(row.preferred, row.excluded));
         SCOPED_TRACE(describe(placement.report));
@@ -247,29 +264,23 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
         ASSERT_EQ(placement.paths.size(), row.targets.size());
         ASSERT_EQ(placement.sizes.size(), row.targets.size());
         for (std::size_t i = 0; i < row.targets.size(); ++i) {
-            EXPECT_EQ(utf8(placement.paths[i]), fileOn(row.chosen, i)) << i;
-            const bool ownVolume = row.targets[i] == guid(row.chosen);
+            EXPECT_EQ(placement.paths[i], fileOn(row.chosen, i)) << i;
             // On its own volume V1: 10 percent of the 10 GB used.
-            const std::uint32_t initial = ownVolume ? 1024 : 0;
-            const std::uint32_t maximum = tenPercentMB(freeOf[row.chosen]);
+            const std::uint32_t initial = row.targets[i] == guid(row.chosen) ? 1024 : 0;
+            const std::uint32_t maximum = tenPercentMB(freeGB[row.chosen] * kGB);
             EXPECT_EQ(placement.sizes[i], (CacheFileSizes{initial, maximum})) << i;
         }
         // The host hears the initial-size rule for a target's own volume and
         // no line of the placement's own.
-        const std::vector<std::string> heard = host.lines();
-        EXPECT_EQ(heard,
+        EXPECT_EQ(host.lines(),
                   row.chosen == 1 ? std::vector{percentagesLine(1)} : std::vector<std::string>{});
     }
 }
 
 TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
-    TempMachine machine(machineWith({
-        fixedVolume(1, {"C:\\"}, 50 * kGB),
-        fixedVolume(2, {"D:\\"}, 80 * kGB),
-        TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),
-        TempMachine::volume(4, {"F:\\"}, "fixed", "RAW"),
-        fixedVolume(5, {"G:\\"}, 50 * kGB, 0x5),
-    }));
+    TempMachine machine(drives({50, 80}, {TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),
+                                          TempMachine::volume(4, {"F:\\"}, "fixed", "RAW"),
+                                          fixedVolume(5, {"G:\\"}, 50 * kGB, 0x5)}));
     HostCapture host;
     const Placement placement = place({guid(1), guid(2)}, hintsWith({u"E:"}, {}), 5);
     SCOPED_TRACE(describe(placement.report));
@@ -277,9 +288,7 @@ TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
     ASSERT_TRUE(placement.result);
     EXPECT_EQ(placement.report.outcome, PlacementOutcome::kLastResort);
     EXPECT_TRUE(placement.report.cacheVolume.empty());
-    ASSERT_EQ(placement.paths.size(), 2u);
-    EXPECT_EQ(utf8(placement.paths[0]), fileOn(1, 5));
-    EXPECT_EQ(utf8(placement.paths[1]), fileOn(2, 6));
+    EXPECT_EQ(placement.paths, (std::vector{fileOn(1, 5), fileOn(2, 6)}));
     // Own volume: 10 percent of the used space, maximum 10 percent of free.
     EXPECT_EQ(placement.sizes, (std::vector<CacheFileSizes>{{5120, 5120}, {2048, 8192}}));
     EXPECT_EQ(host.lines(), (std::vector{percentagesLine(1), percentagesLine(2)}));
@@ -289,12 +298,10 @@ TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
 // when every free-space query fails (each then counts as none, and the
 // maximum size falls to its floor).
 TEST(CachePlacementTest, EqualFreeSpaceGoesToTheFirstName) {
-    // clang-format off
     const struct {
         int count;
         bool queriesFail;
     } rows[] = {{2, false}, {3, false}, {33, false}, {40, false}, {3, true}};
-    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE(std::to_string(row.count) + (row.queriesFail ? " failing" : ""));
         TempMachine machine(mountedVolumes(row.count, [](int) { return 50 * kGB; }));
@@ -321,45 +328,38 @@ TEST(CachePlacementTest, EqualFreeSpaceGoesToTheFirstName) {
 TEST(CachePlacementTest, FreeSpaceChangingDuringTheOrderKeepsEveryVolumeOnce) {
     for (std::uint32_t skip : {0u, 5u, 40u, 90u}) {
         SCOPED_TRACE(skip);
-        TempMachine machine(mountedVolumes(
-            40, [](int number) { return static_cast<std::uint64_t>(number % 7 + 1) * kGB; }));
+        TempMachine machine(mountedVolumes(40, [](int number) { return (number % 7 + 1) * kGB; }));
         sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, skip, 25);
         const Placement placement = place({guid(1)}, hintsWith({}, {}));
 
         ASSERT_TRUE(placement.result);
         std::vector<std::string> ordered;
+        std::vector<std::string> expected;
         for (const PlacementRank& rank : placement.report.order) {
             ordered.push_back(utf8(rank.name));
+            expected.push_back(utf8(guid(static_cast<int>(expected.size()) + 2)));
         }
         std::sort(ordered.begin(), ordered.end());
-        std::vector<std::string> expected;
-        for (int number = 2; number <= 41; ++number) {
-            expected.push_back(utf8(guid(number)));
-        }
         EXPECT_EQ(ordered, expected);
+        EXPECT_EQ(expected.size(), 40u);
         EXPECT_EQ(placement.report.cacheVolume, placement.report.order.front().name);
     }
 }
 
 TEST(CachePlacementTest, TargetsKeepTheirOrderAndTakeConsecutiveNames) {
-    TempMachine machine(
-        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 10 * kGB),
-                     fixedVolume(3, {"E:\\"}, 10 * kGB), fixedVolume(4, {"F:\\"}, 60 * kGB)}));
+    TempMachine machine(drives({10, 10, 10, 60}));
     CacheFileHints hints = hintsWith({}, {});
     hints.cacheFileDir = u"kiv\\cache";
     const Placement placement = place({guid(3), guid(1), guid(2)}, hints, 41);
 
     ASSERT_TRUE(placement.result);
-    const std::string directory = utf8(guid(4)) + "kiv\\cache\\_tarnKivCacheFile_";
-    EXPECT_EQ(placement.paths,
-              (std::vector<std::u16string>{testsupport::utf16(directory + "41.KIV"),
-                                           testsupport::utf16(directory + "42.KIV"),
-                                           testsupport::utf16(directory + "43.KIV")}));
+    const std::string files = utf8(guid(4)) + "kiv\\cache\\_tarnKivCacheFile_";
+    EXPECT_EQ(placement.paths, (std::vector{files + "41.KIV", files + "42.KIV", files + "43.KIV"}));
     EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(3, {0, tenPercentMB(60 * kGB)}));
 }
 
 TEST(CachePlacementTest, EmptyTargetListPlacesNothing) {
-    TempMachine machine(machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB)}));
+    TempMachine machine(drives({10}));
     std::vector<std::u16string> paths = {u"kept"};
     std::vector<CacheFileSizes> sizes = {{1, 2}};
     EXPECT_TRUE(placeCacheFiles(testMutex().get(), {}, hintsWith({}, {}), paths, sizes));
@@ -381,18 +381,13 @@ bool freeForAnotherThread(os::HANDLE mutex) {
 }
 
 TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
-    struct Row {
+    const struct {
         const char* unbindable;
         std::vector<std::u16string> preferred;
-    };
-    const Row rows[] = {
-        {"FindFirstVolumeW", {}},
-        {"GetVolumeNameForVolumeMountPointW", {u"D:"}},
-    };
-    for (const Row& row : rows) {
+    } rows[] = {{"FindFirstVolumeW", {}}, {"GetVolumeNameForVolumeMountPointW", {u"D:"}}};
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.unbindable);
-        TempMachine machine(
-            machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
+        TempMachine machine(drives({10, 50}));
         HostCapture host;
         sim::makeUnbindable("kernel32.dll", row.unbindable);
         const os::UniqueHandle mutex = testMutex();
@@ -405,7 +400,7 @@ TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
             thrown = error;
         }
         EXPECT_EQ(thrown, os::ERROR_PROC_NOT_FOUND);
-        EXPECT_TRUE(host.lines().empty());
+        EXPECT_EQ(host.lines(), std::vector<std::string>{});
         EXPECT_TRUE(paths.empty());
         EXPECT_TRUE(sizes.empty());
         EXPECT_TRUE(freeForAnotherThread(mutex.get()));
@@ -429,9 +424,7 @@ TEST(CachePlacementTest, ChoiceIsExplainedInTheReport) {
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        TempMachine machine(
-            machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
-                         TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS")}));
+        TempMachine machine(drives({10, 50}, {TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS")}));
         const Placement placement = place({guid(1)}, hintsWith(row.preferred, row.excluded));
         ASSERT_TRUE(placement.result);
         const std::string why = describe(placement.report);
@@ -460,9 +453,7 @@ TEST(CachePlacementTest, RepeatedAndEmptyPreferredNamesAreEachTested) {
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        TempMachine machine(
-            machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 30 * kGB),
-                         fixedVolume(3, {"E:\\"}, 50 * kGB)}));
+        TempMachine machine(drives({10, 30, 50}));
         const std::uint64_t probesBefore = sim::callCount("KIV_Open");
         const Placement placement = place({guid(1)}, hintsWith(row.preferred, {}));
         const std::uint64_t probes = sim::callCount("KIV_Open") - probesBefore;
@@ -481,8 +472,7 @@ TEST(CachePlacementTest, RepeatedAndEmptyPreferredNamesAreEachTested) {
         if (row.driverProbes > 0) {
             EXPECT_EQ(probes, row.driverProbes);
         }
-        ASSERT_EQ(placement.paths.size(), 1u);
-        EXPECT_EQ(utf8(placement.paths[0]), fileOn(row.chosen, 0));
+        EXPECT_EQ(placement.paths, std::vector{fileOn(row.chosen, 0)});
     }
 }
 
@@ -490,31 +480,28 @@ TEST(CachePlacementTest, RepeatedAndEmptyPreferredNamesAreEachTested) {
 // form "\\.\X:\". The node names a target "C:\", which is not that form, so
 // the fallback does not know C: as the target's volume and may choose it.
 TEST(CachePlacementTest, OldSystemComparesDriveRootsInDeviceForm) {
-    struct Row {
+    const struct {
         std::vector<std::u16string> preferred;
         const char* path;
         CacheFileSizes sizes;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {{u"e:"}, "\\\\.\\E:\\_tarnKivCacheFile_0.KIV", {0, 2048}},
         {{}, "\\\\.\\C:\\_tarnKivCacheFile_0.KIV", {0, 9216}},
     };
-    for (const Row& row : rows) {
-        nlohmann::json description =
-            machineWith({fixedVolume(1, {"C:\\"}, 90 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB),
-                         fixedVolume(3, {"E:\\"}, 20 * kGB)});
+    for (const auto& row : rows) {
+        nlohmann::json description = drives({90, 50, 20});
         description["majorVersion"] = 4;
         TempMachine machine(description);
         const Placement placement = place({u"C:\\"}, hintsWith(row.preferred, {}));
         SCOPED_TRACE(describe(placement.report));
 
         ASSERT_TRUE(placement.result);
-        ASSERT_EQ(placement.paths.size(), 1u);
-        EXPECT_EQ(utf8(placement.paths[0]), row.path);
+        EXPECT_EQ(placement.paths, std::vector<std::string>{row.path});
         EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, row.sizes));
     }
 }
 
+// Empty lists and zero numbers are shown by the node's failure report.
 TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
     CacheFileHints hints = hintsWith({u"D:", u"E:\\"}, {u"F:"});
     hints.cacheFileDir = u"not shown";
@@ -529,45 +516,26 @@ TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
                   "\t\tmaxCacheFileSizeMB = 4294967295\n"
                   "\t\tinitialCacheFileSizePct = 10\n"
                   "\t\tmaxCacheFileSizePct = 10\n");
-    EXPECT_EQ(utf8(formatCacheFileRequest({}, CacheFileHints{})),
-              "\tTargets\n\tHints\n\t\texcludedVolumes = \n\t\tpreferredVolumes = \n"
-              "\t\tinitialCacheFileSizeMB = 0\n\t\tmaxCacheFileSizeMB = 0\n"
-              "\t\tinitialCacheFileSizePct = 0\n\t\tmaxCacheFileSizePct = 0\n");
 }
 
-// A child process that places the cache file of volume 1 on the current
-// machine and writes "<result> <path> <initial> <maximum>" to the file named
-// by its first argument.
+// Places the cache file of volume 1 on the current machine and writes
+// "<path> <initial> <maximum>" to the file named by its argument.
 FIKIV_CHILD_ROLE(placeOneCacheFile) {
     std::vector<std::u16string> paths;
     std::vector<CacheFileSizes> sizes;
-    bool result = false;
-    try {
-        result = placeCacheFiles(ProviderMutex(), {guid(1)}, hintsWith({}, {}), paths, sizes);
-    } catch (...) {
-        return 2;
+    if (!placeCacheFiles(ProviderMutex(), {guid(1)}, hintsWith({}, {}), paths, sizes) ||
+        paths.size() != 1) {
+        return 1;
     }
     std::ofstream out(arguments.at(0));
-    out << (result ? "placed" : "refused");
-    if (result && paths.size() == 1 && sizes.size() == 1) {
-        out << ' ' << utf8(paths[0]) << ' ' << sizes[0].first << ' ' << sizes[0].second;
-    }
-    return out ? 0 : 3;
-}
-
-std::string readFile(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    out << utf8(paths[0]) << ' ' << sizes[0].first << ' ' << sizes[0].second;
+    return out ? 0 : 2;
 }
 
 TEST(CachePlacementProcessTest, ConcurrentProcessesBothPlaceAndPickTheSameName) {
-    TempMachine machine(
-        machineWith({fixedVolume(1, {"C:\\"}, 10 * kGB), fixedVolume(2, {"D:\\"}, 50 * kGB)}));
+    TempMachine machine(drives({10, 50}));
     const std::filesystem::path first = machine.directory() / "first.txt";
     const std::filesystem::path second = machine.directory() / "second.txt";
-
     const pid_t a = testsupport::startChild("placeOneCacheFile", {first.string()});
     const pid_t b = testsupport::startChild("placeOneCacheFile", {second.string()});
     ASSERT_EQ(testsupport::waitChild(a), 0);
@@ -578,10 +546,12 @@ TEST(CachePlacementProcessTest, ConcurrentProcessesBothPlaceAndPickTheSameName) 
     // creates the file only when the snapshot is prepared, after the mutex is
     // gone. So neither process sees the other's file, and both pick the same
     // name on the same volume.
-    const std::string expected =
-        "placed " + fileOn(2, 0) + " 0 " + std::to_string(tenPercentMB(50 * kGB));
-    EXPECT_EQ(readFile(first), expected);
-    EXPECT_EQ(readFile(second), expected);
+    const std::string expected = fileOn(2, 0) + " 0 " + std::to_string(tenPercentMB(50 * kGB));
+    for (const std::filesystem::path& file : {first, second}) {
+        std::string written;
+        std::getline(std::ifstream(file), written);
+        EXPECT_EQ(written, expected);
+    }
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include "kiv/kivconfig/kivconfig.h"
 #include "kivconfig_test_util.h"
 #include "support/row_name.h"
-#include "tarn/msgcatalog.h"
 
 namespace kivconfigtest {
 namespace {
@@ -88,8 +87,7 @@ TEST_P(InfoTest, DocumentIsExactAndReused) {
     EXPECT_EQ(info(row), row.expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Requests, InfoTest, ::testing::ValuesIn(kInfoRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Requests, InfoTest, ::testing::ValuesIn(kInfoRows), kRowName);
 
 TEST_F(ConfigFixture, InfoWithoutBufferAnswersOutOfMemoryAndKeepsText) {
     tarn_config_request r = request(Select::kQuiesce, kUntouched);
@@ -97,41 +95,6 @@ TEST_F(ConfigFixture, InfoWithoutBufferAnswersOutOfMemoryAndKeepsText) {
     EXPECT_EQ(config_.getConfigInfo(&groupRecord_, nullptr, &r), 5);
     tarn_test_fail_alloc(0, 0);
     EXPECT_EQ(handedBack(r), kUntouched);
-}
-
-// The key lists behind the documents carry the catalogue's help texts, fetched
-// under each key's own id; the directory key has none.
-TEST_F(ConfigFixture, HelpTextsComeFromTheActiveCatalogue) {
-    struct Group {
-        const std::vector<ConfigKeyDescriptor>& keys;
-        std::vector<const char*> ids;  // null: no help text
-    };
-    KivFiCoordinator::instance().initCatalogues(nullptr);
-    tarp_MsgCatalog* catalogue = activeCatalogue();
-    ASSERT_NE(catalogue, nullptr);
-    KivConfig config;
-    const Group groups[] = {
-        {config.splitKeys(),
-         {"MSG_CFGHELPTEXT_SNAPSHOTVOLUMENAME", "MSG_CFGHELPTXT_CACHEFILENAME",
-          "MSG_CFGHELPTXT_INITIALCACHEFILESIZE", "MSG_CFGHELPTXT_MAXCACHEFILESIZE"}},
-        {config.quiesceKeys(), {"MSG_CFGHELPTXT_QUIESCEWAITTIME", "MSG_CFGHELPTXT_QUIESCETIMEOUT"}},
-        {config.cacheKeys(),
-         {"MSG_CFGHELPTXT_CACHEFILEALLOWEDVOLS", "MSG_CFGHELPTXT_CACHEFILEEXCLUDEDVOLS",
-          "MSG_CFGHELPTXT_CACHEFILEINITSIZEMB", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEMB",
-          "MSG_CFGHELPTXT_CACHEFILEINITSIZEPCT", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEPCT", nullptr}},
-    };
-    for (const Group& group : groups) {
-        ASSERT_EQ(group.keys.size(), group.ids.size());
-        for (std::size_t i = 0; i < group.ids.size(); ++i) {
-            const char* id = group.ids[i];
-            SCOPED_TRACE(id != nullptr ? id : "no id");
-            const char16_t* expected = id != nullptr ? catalogue->getCachedMsg(id, false) : nullptr;
-            EXPECT_EQ(group.keys[i].helpText, expected);
-            if (id != nullptr) {
-                EXPECT_NE(expected, nullptr) << "the catalogue lacks the help text";
-            }
-        }
-    }
 }
 
 }  // namespace

@@ -104,8 +104,7 @@ TEST_P(SetTest, StoresOnlyWhatTheRequestSelects) {
     EXPECT_EQ(config_.isAutoPrepare(), row.stored.autoPrepare);
 }
 
-INSTANTIATE_TEST_SUITE_P(Requests, SetTest, ::testing::ValuesIn(kSetRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Requests, SetTest, ::testing::ValuesIn(kSetRows), kRowName);
 
 // A group takes one set; a second is refused and changes nothing; update
 // appends; after a clear the group takes a set again.
@@ -162,8 +161,7 @@ TEST_P(GroupLifeTest, SetOnceThenUpdateThenClear) {
     EXPECT_EQ(entries(), secondEntries);
 }
 
-INSTANTIATE_TEST_SUITE_P(Groups, GroupLifeTest, ::testing::ValuesIn(kGroupRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Groups, GroupLifeTest, ::testing::ValuesIn(kGroupRows), kRowName);
 
 TEST_F(ConfigFixture, SetSplitGroupRefusesEveryLaterVolumeSet) {
     ASSERT_EQ(set(Target::kVolume, Select::kSplit, kAutoText), 0);
@@ -227,8 +225,7 @@ TEST_P(GetTest, HandsBackTheAcceptedText) {
     EXPECT_EQ(get(row.target, row.select), row.expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Requests, GetTest, ::testing::ValuesIn(kGetRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Requests, GetTest, ::testing::ValuesIn(kGetRows), kRowName);
 
 TEST_F(ConfigFixture, GetWithoutBufferAnswersOutOfMemoryAndKeepsText) {
     ASSERT_EQ(set(Target::kGroup, Select::kQuiesce, kQuiesceDoc), 0);
@@ -240,13 +237,12 @@ TEST_F(ConfigFixture, GetWithoutBufferAnswersOutOfMemoryAndKeepsText) {
     EXPECT_EQ(get(Target::kGroup, Select::kQuiesce), kQuiesceDoc);
 }
 
-// One row per key: the key read back through its reader, and a value that
-// cannot be read.
+// One row per cache key: set through a settings document, read back through
+// the cache placement request, updated, cleared, and a value that cannot be
+// read. (The quiesce and split keys have their rows in splitconfig_test.)
 struct KeyRow {
     const char* name;
     std::u16string key;
-    Target target;
-    Select select;
     std::u16string value;
     std::u16string invalid;  // empty: every value is valid
 };
@@ -254,24 +250,18 @@ FIKIV_PRINT_ROW_NAME(KeyRow)
 
 // clang-format off
 const KeyRow kKeyRows[] = {
-    {"SnapshotVolumeName",   u"snapshotVolumeName",          Target::kVolume, Select::kSplit,   u"V:",       u""},
-    {"CacheFileName",        u"cacheFileName",               Target::kVolume, Select::kSplit,   u"F:\\x.KIV", u""},
-    {"InitialCacheFileSize", u"initialCacheFileSize",        Target::kVolume, Select::kSplit,   u"123",      u"abc"},
-    {"MaximumCacheFileSize", u"maximumCacheFileSize",        Target::kVolume, Select::kSplit,   u"456",      u"x1"},
-    {"QuiesceWait",          u"quiesceWait",                 Target::kGroup,  Select::kQuiesce, u"11",       u"abc"},
-    {"QuiesceTimeout",       u"quiesceTimeout",              Target::kGroup,  Select::kQuiesce, u"22",       u"-"},
-    {"AllowedVolumes",       u"cachefileAllowedVolumes",     Target::kGroup,  Select::kSplit,   u"g:\\",     u""},
-    {"DisallowedVolumes",    u"cachefileDisallowedVolumes",  Target::kGroup,  Select::kSplit,   u"h:\\",     u""},
-    {"InitSizeMB",           u"cachefileInitSizeinMB",       Target::kGroup,  Select::kSplit,   u"33",       u"abc"},
-    {"MaxSizeMB",            u"cachefileMaxSizeInMB",        Target::kGroup,  Select::kSplit,   u"44",       u"abc"},
-    {"InitSizePct",          u"cachefileInitSizePercentage", Target::kGroup,  Select::kSplit,   u"5",        u"%"},
-    {"MaxSizePct",           u"cachefileMaxSizePercentage",  Target::kGroup,  Select::kSplit,   u"6",        u"+"},
-    {"CacheDir",             u"cachefileDir",                Target::kGroup,  Select::kSplit,   u"kivcache", u""},
+    {"AllowedVolumes",    u"cachefileAllowedVolumes",     u"g:\\",     u""},
+    {"DisallowedVolumes", u"cachefileDisallowedVolumes",  u"h:\\",     u""},
+    {"InitSizeMB",        u"cachefileInitSizeinMB",       u"33",       u"abc"},
+    {"MaxSizeMB",         u"cachefileMaxSizeInMB",        u"44",       u"abc"},
+    {"InitSizePct",       u"cachefileInitSizePercentage", u"5",        u"%"},
+    {"MaxSizePct",        u"cachefileMaxSizePercentage",  u"6",        u"+"},
+    {"CacheDir",          u"cachefileDir",                u"kivcache", u""},
 };
 // clang-format on
 
-// The value of `key` as its reader reports it, in text; list items joined
-// by "|".
+// The value of cache key `key` as the placement request carries it, in text;
+// list items joined by "|".
 std::u16string readBack(const KivConfig& config, const std::u16string& key) {
     auto number = [](std::uint32_t n) { return utf16(std::to_string(n)); };
     auto join = [](const std::vector<std::u16string>& list) {
@@ -281,16 +271,8 @@ std::u16string readBack(const KivConfig& config, const std::u16string& key) {
         }
         return text;
     };
-    const SplitConfig split = config.getSplitConfig();
-    const QuiesceConfig quiesce = config.getQuiesceConfig();
     const CacheFileHints hints = config.getCacheFileHints();
     const std::map<std::u16string, std::u16string> values = {
-        {u"snapshotVolumeName", utf16(split.snapshotVolumeName)},
-        {u"cacheFileName", utf16(split.cacheFileName)},
-        {u"initialCacheFileSize", number(split.initialCacheFileSize)},
-        {u"maximumCacheFileSize", number(split.maximumCacheFileSize)},
-        {u"quiesceWait", number(quiesce.quiesceWait)},
-        {u"quiesceTimeout", number(quiesce.quiesceTimeout)},
         {u"cachefileAllowedVolumes", join(hints.preferredVolumes)},
         {u"cachefileDisallowedVolumes", join(hints.excludedVolumes)},
         {u"cachefileInitSizeinMB", number(hints.initialCacheFileSizeMB)},
@@ -302,57 +284,30 @@ std::u16string readBack(const KivConfig& config, const std::u16string& key) {
     return values.at(key);
 }
 
-// A document with `key`=`value` that makes its group complete: the split and
-// quiesce readers only read a group holding one entry per key.
-std::u16string completeDocument(const KeyRow& row, const std::u16string& value) {
-    if (row.target == Target::kGroup && row.select == Select::kSplit) {
-        return document({{row.key, value}});
-    }
-    const std::vector<std::u16string> keys =
-        row.select == Select::kQuiesce
-            ? std::vector<std::u16string>{u"quiesceWait", u"quiesceTimeout"}
-            : std::vector<std::u16string>{u"snapshotVolumeName", u"cacheFileName",
-                                          u"initialCacheFileSize", u"maximumCacheFileSize"};
-    Elements elements;
-    for (const std::u16string& key : keys) {
-        elements.emplace_back(key, key == row.key ? value : u"1");
-    }
-    return row.select == Select::kQuiesce ? document(elements) : selectDocument(elements);
-}
-
 class KeyTest : public ConfigFixture, public ::testing::WithParamInterface<KeyRow> {};
 
 TEST_P(KeyTest, SetReadUpdateClear) {
     const KeyRow& row = GetParam();
     const std::u16string defaultValue = readBack(config_, row.key);
-
-    const std::u16string text = completeDocument(row, row.value);
-    ASSERT_EQ(set(row.target, row.select, text), 0);
+    const std::u16string text = document({{row.key, row.value}});
+    ASSERT_EQ(set(Target::kGroup, Select::kSplit, text), 0);
     EXPECT_EQ(readBack(config_, row.key), row.value);
-    EXPECT_EQ(get(row.target, row.select), text);
+    EXPECT_EQ(get(Target::kGroup, Select::kSplit), text);
 
-    // Updating the complete group again: the cache reader takes the later
-    // value (lists add up), the other groups read defaults once they hold
-    // more entries than keys.
-    ASSERT_EQ(update(row.target, row.select, text), 0);
-    if (row.target == Target::kGroup && row.select == Select::kSplit) {
-        const bool isList = row.key.ends_with(u"Volumes");
-        EXPECT_EQ(readBack(config_, row.key), isList ? row.value + u"|" + row.value : row.value);
-    } else {
-        EXPECT_EQ(readBack(config_, row.key), defaultValue);
-    }
+    // The same entry again: lists add up, a later number or directory wins.
+    ASSERT_EQ(update(Target::kGroup, Select::kSplit, text), 0);
+    const bool isList = row.key.ends_with(u"Volumes");
+    EXPECT_EQ(readBack(config_, row.key), isList ? row.value + u"|" + row.value : row.value);
 
     config_.clearAll();
     EXPECT_EQ(readBack(config_, row.key), defaultValue);
-
     if (!row.invalid.empty()) {
-        ASSERT_EQ(set(row.target, row.select, completeDocument(row, row.invalid)), 0);
+        ASSERT_EQ(set(Target::kGroup, Select::kSplit, document({{row.key, row.invalid}})), 0);
         EXPECT_EQ(readBack(config_, row.key), defaultValue);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Keys, KeyTest, ::testing::ValuesIn(kKeyRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Keys, KeyTest, ::testing::ValuesIn(kKeyRows), kRowName);
 
 struct HintsRow {
     const char* name;
@@ -396,62 +351,34 @@ TEST_P(HintsTest, ReadsTheCacheGroup) {
     EXPECT_EQ(fields(actual), fields(row.expected));
 }
 
-INSTANTIATE_TEST_SUITE_P(Entries, HintsTest, ::testing::ValuesIn(kHintsRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Entries, HintsTest, ::testing::ValuesIn(kHintsRows), kRowName);
 
 // Numbers are read as formatted stream extraction reads an unsigned 32-bit
-// integer; where that extraction succeeds both must agree, and where it fails
-// the field keeps its earlier value.
-struct NumberRow {
-    const char* text;
-    bool read;
-    std::uint32_t value;  // when read
-};
-
-// clang-format off
-const NumberRow kNumberRows[] = {
-    {"0", true, 0},
-    {"42", true, 42},
-    {"  \t\n\v\f\r17", true, 17},
-    {"50%", true, 50},
-    {"12 34", true, 12},
-    {"0x10", true, 0},
-    {"+7", true, 7},
-    {"0000000000000000000000000000012", true, 12},
-    {"4294967295", true, 4294967295u},
-    {"-5", true, 4294967291u},
-    {"-0", true, 0},
-    {"-4294967295", true, 1},
-    {"4294967296", false, 0},
-    {"-4294967296", false, 0},
-    {"99999999999999999999", false, 0},
-    {"", false, 0},
-    {"   ", false, 0},
-    {"abc", false, 0},
-    {"+", false, 0},
-    {"- 5", false, 0},
-    {"--5", false, 0},
-    {"\xc2\xa0" "5", false, 0},  // no-break space is not white space here
-};
-// clang-format on
-
+// integer ("50%" reads 50, "-5" reads 4294967291, "4294967296" fails): the
+// stream is the judge of each text, and where it fails the field keeps its
+// earlier value.
 TEST(ExtractUnsigned32, MatchesStreamExtraction) {
-    for (const NumberRow& row : kNumberRows) {
-        SCOPED_TRACE(row.text);
-        std::istringstream stream(row.text);
-        std::uint32_t streamValue = 0;
-        stream >> streamValue;
-        ASSERT_EQ(!stream.fail(), row.read) << "the table disagrees with the stream";
-        if (row.read) {
-            ASSERT_EQ(streamValue, row.value) << "the table disagrees with the stream";
-        }
+    // clang-format off
+    const char* const texts[] = {
+        "0", "42", "  \t\n\v\f\r17", "50%", "12 34", "0x10", "+7", "0000000000000000000000000000012",
+        "4294967295", "-5", "-0", "-4294967295", "4294967296", "-4294967296", "99999999999999999999",
+        "", "   ", "abc", "+", "- 5", "--5",
+        "\xc2\xa0" "5",  // no-break space is not white space here
+    };
+    // clang-format on
+    for (const char* text : texts) {
+        SCOPED_TRACE(text);
+        std::istringstream stream(text);
+        std::uint32_t value = 0;
+        stream >> value;
+        const bool read = !stream.fail();
         const std::uint32_t earlier = 777;
         std::uint32_t narrow = earlier;
-        EXPECT_EQ(extractUnsigned32(std::string_view(row.text), narrow), row.read);
-        EXPECT_EQ(narrow, row.read ? row.value : earlier);
+        EXPECT_EQ(extractUnsigned32(std::string_view(text), narrow), read);
+        EXPECT_EQ(narrow, read ? value : earlier);
         std::uint32_t wide = earlier;
-        EXPECT_EQ(extractUnsigned32(utf16(row.text), wide), row.read);
-        EXPECT_EQ(wide, row.read ? row.value : earlier);
+        EXPECT_EQ(extractUnsigned32(utf16(text), wide), read);
+        EXPECT_EQ(wide, read ? value : earlier);
     }
 }
 

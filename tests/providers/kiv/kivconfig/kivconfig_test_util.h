@@ -28,6 +28,9 @@ inline tarn_config_request request(Select select, const char16_t* text) {
     return request;
 }
 
+// Names each instance of a table-driven suite after its row.
+inline constexpr auto kRowName = [](const auto& info) { return std::string(info.param.name); };
+
 using Elements = std::vector<std::pair<std::u16string, std::u16string>>;
 
 // A settings document with one element per (key, value), after a mode

@@ -39,7 +39,8 @@ const QuiesceRow kQuiesceRows[] = {
     {"NoEntries",          {},                                                             false, 0,  0},
     {"KeyIsCaseSensitive", {u"quiesceWait=1", u"quiesceTimeOut=2"},                        false, 1,  0},
     // A value that is not a number is still a value: valid, read as 0.
-    {"UnreadableValue",    {u"quiesceWait=soon", u"quiesceTimeout=2"},                     true,  0,  2},
+    {"UnreadableWait",     {u"quiesceWait=soon", u"quiesceTimeout=2"},                     true,  0,  2},
+    {"UnreadableTimeout",  {u"quiesceWait=3", u"quiesceTimeout=-"},                        true,  3,  0},
     {"LeadingBlanksAndSuffix", {u"quiesceWait=  15s", u"quiesceTimeout=\t7,5"},            true,  15, 7},
 };
 // clang-format on
@@ -56,8 +57,7 @@ TEST_P(QuiesceTest, ValidityAndValues) {
     EXPECT_EQ(values.quiesceTimeout, row.timeout);
 }
 
-INSTANTIATE_TEST_SUITE_P(Documents, QuiesceTest, ::testing::ValuesIn(kQuiesceRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Documents, QuiesceTest, ::testing::ValuesIn(kQuiesceRows), kRowName);
 
 // The four fields, for comparing whole records.
 auto fields(const SplitConfig& split) {
@@ -100,6 +100,8 @@ const SplitRow kSplitRows[] = {
     {"ThreeKeys",            splitDoc(u"V", u"F", u"100", u""),                              false, {}},
     {"FiveEntries",          splitDoc(u"V", u"F", u"100", u"500", {{u"cacheFileName", u"G"}}), false, {}},
     {"FourWithOneKeyTwice",  splitDoc(u"V", u"F", u"", u"500", {{u"cacheFileName", u"G"}}),  false, {"V", "G", 0, 500}},
+    // Sizes that are not numbers are still values: valid, read as 0.
+    {"UnreadableSizes",      splitDoc(u"V", u"F", u"abc", u"x1"),                            true,  {"V", "F", 0, 0}},
     {"EmptyValueDropsEntry", splitDoc(u";", u"F", u"100", u"500"),                           false, {}},
 };
 // clang-format on
@@ -117,8 +119,7 @@ TEST_P(SplitTest, ValidityAndValues) {
     EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
 }
 
-INSTANTIATE_TEST_SUITE_P(Documents, SplitTest, ::testing::ValuesIn(kSplitRows),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Documents, SplitTest, ::testing::ValuesIn(kSplitRows), kRowName);
 
 const std::u16string kAuto = document({}, u"TARN_CFS_AUTO_PREP");
 
@@ -173,33 +174,6 @@ TEST_F(ConfigFixture, AutomaticSplitValuesRoundTrip) {
         EXPECT_EQ(config_.isValidNodeSplitConfig(), row.valid);
         EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
     }
-}
-
-TEST_F(ConfigFixture, UpdateOfSelectedSplitReadsDefaultsUntilCleared) {
-    const std::u16string full = splitDoc(u"V", u"F", u"100", u"500");
-    ASSERT_EQ(set(Target::kVolume, Select::kSplit, full), 0);
-    ASSERT_TRUE(config_.isValidNodeSplitConfig());
-    ASSERT_EQ(update(Target::kVolume, Select::kSplit, full), 0);
-    EXPECT_EQ(config_.splitEntries().size(), 8u);
-    EXPECT_FALSE(config_.isValidNodeSplitConfig());
-    EXPECT_EQ(fields(config_.getSplitConfig()), fields(SplitConfig{}));
-    config_.clearSplitConfig();
-    ASSERT_EQ(set(Target::kVolume, Select::kSplit, full), 0);
-    EXPECT_TRUE(config_.isValidNodeSplitConfig());
-}
-
-TEST_F(ConfigFixture, QuiesceDocumentReachesTheReader) {
-    // An element with no value is dropped on the way in, so the group lacks
-    // a key.
-    ASSERT_EQ(set(Target::kGroup, Select::kQuiesce,
-                  document({{u"quiesceWait", u";"}, {u"quiesceTimeout", u"5"}})),
-              0);
-    EXPECT_FALSE(config_.isValidQuiesceConfig());
-    EXPECT_EQ(config_.getQuiesceConfig().quiesceTimeout, 0u);
-    ASSERT_EQ(update(Target::kGroup, Select::kQuiesce, document({{u"quiesceWait", u"8"}})), 0);
-    EXPECT_TRUE(config_.isValidQuiesceConfig());
-    EXPECT_EQ(config_.getQuiesceConfig().quiesceWait, 8u);
-    EXPECT_EQ(config_.getQuiesceConfig().quiesceTimeout, 5u);
 }
 
 }  // namespace
