@@ -140,33 +140,50 @@ TEST(CachePlacementTest, WorkedCaseChoosesTheOnlyUsableOtherVolume) {
     EXPECT_EQ(utf8(report.cacheVolume), utf8(guid(2)));
 }
 
-// A preferred volume V3 with one fault; V1 is the target, V2 the fallback.
-TEST(CachePlacementTest, EachSuitabilityTestRemovesAPreferredVolume) {
+// One preferred name: each spelling finds its volume, each suitability test
+// removes a faulty V3. V1 (C:\) is the target, V2 is D:\ (20 GB free), V4 is
+// mounted at C:\mnt\data\ only (30 GB), V3 is E:\ (40 GB unless the row says).
+TEST(CachePlacementTest, OnePreferredNameIsFoundOrRemoved) {
     struct Row {
         const char* name;
-        nlohmann::json volume;
-        std::u16string preferredName;
+        nlohmann::json volume3;
+        std::u16string preferred;
         PlacementRemoval removal;
         std::uint32_t detail;
+        int chosen;
     };
+    const nlohmann::json fixedE = fixedVolume(3, {"E:\\"}, 40 * kGB);
+    using enum PlacementRemoval;
     // clang-format off
     const Row rows[] = {
-        {"Raw",               TempMachine::volume(3, {"E:\\"}, "fixed", "RAW"),       guid(3),  PlacementRemoval::kFileSystem,       os::ERROR_UNRECOGNIZED_VOLUME},
-        {"Absent",            fixedVolume(3, {"E:\\"}, 5 * kGB),                      guid(99), PlacementRemoval::kFileSystem,       os::ERROR_PATH_NOT_FOUND},
-        {"CdRom",             TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),      guid(3),  PlacementRemoval::kNotFixed,         5},
-        {"Removable",         TempMachine::volume(3, {"E:\\"}, "removable", "FAT32"), guid(3),  PlacementRemoval::kNotFixed,         2},
-        {"Remote",            TempMachine::volume(3, {"E:\\"}, "remote"),             guid(3),  PlacementRemoval::kNotFixed,         4},
-        {"NoPath",            TempMachine::volume(3, {}),                             guid(3),  PlacementRemoval::kNoPath,           0},
-        {"DriverClaimed",     fixedVolume(3, {"E:\\"}, 50 * kGB, 0x3),                guid(3),  PlacementRemoval::kDriverAttributes, 0x3},
-        {"DriverDisabled",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x5),                guid(3),  PlacementRemoval::kDriverAttributes, 0x5},
-        {"DriverSnapshot",    fixedVolume(3, {"E:\\"}, 50 * kGB, 0x8),                guid(3),  PlacementRemoval::kDriverAttributes, 0x8},
-        {"ActiveCacheIsFine", fixedVolume(3, {"E:\\"}, 50 * kGB, 0x11),               guid(3),  PlacementRemoval::kNone,             0},
+        {"DriveLetter",         fixedE, u"d:",                kNone, 0, 2},
+        {"DriveRoot",           fixedE, u"D:\\",              kNone, 0, 2},
+        {"LowerCaseDriveRoot",  fixedE, u"d:\\",              kNone, 0, 2},
+        {"GuidName",            fixedE, guid(2),              kNone, 0, 2},
+        {"GuidNameNoBackslash", fixedE, guidRoot(2),          kNone, 0, 2},
+        {"MountPoint",          fixedE, u"C:\\mnt\\data\\",   kNone, 0, 4},
+        {"MountPointNoBackslash", fixedE, u"C:\\mnt\\data",   kNone, 0, 4},
+        // Names that reach no volume leave the choice to the fallback.
+        {"NoSuchDrive",         fixedE, u"Q:",                kFileSystem, os::ERROR_PATH_NOT_FOUND, 3},
+        {"NoSuchDriveRoot",     fixedE, u"Q:\\",              kFileSystem, os::ERROR_PATH_NOT_FOUND, 3},
+        {"NoDriveAtAll",        fixedE, u"q",                 kFileSystem, os::ERROR_PATH_NOT_FOUND, 3},
+        {"NoSuchGuid",          fixedVolume(3, {"E:\\"}, 5 * kGB),                      guid(99), kFileSystem,       os::ERROR_PATH_NOT_FOUND, 4},
+        {"Raw",                 TempMachine::volume(3, {"E:\\"}, "fixed", "RAW"),       guid(3),  kFileSystem,       os::ERROR_UNRECOGNIZED_VOLUME, 4},
+        {"CdRom",               TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS"),      guid(3),  kNotFixed,         5,   4},
+        {"Removable",           TempMachine::volume(3, {"E:\\"}, "removable", "FAT32"), guid(3),  kNotFixed,         2,   4},
+        {"Remote",              TempMachine::volume(3, {"E:\\"}, "remote"),             guid(3),  kNotFixed,         4,   4},
+        {"NoPath",              TempMachine::volume(3, {}),                             guid(3),  kNoPath,           0,   4},
+        {"DriverClaimed",       fixedVolume(3, {"E:\\"}, 50 * kGB, 0x3),                guid(3),  kDriverAttributes, 0x3, 4},
+        {"DriverDisabled",      fixedVolume(3, {"E:\\"}, 50 * kGB, 0x5),                guid(3),  kDriverAttributes, 0x5, 4},
+        {"DriverSnapshot",      fixedVolume(3, {"E:\\"}, 50 * kGB, 0x8),                guid(3),  kDriverAttributes, 0x8, 4},
+        {"ActiveCacheIsFine",   fixedVolume(3, {"E:\\"}, 50 * kGB, 0x11),               guid(3),  kNone,             0,   3},
     };
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        TempMachine machine(drives({10, 20}, {row.volume}));
-        const Placement placement = place({guid(1)}, hintsWith({row.preferredName}, {}));
+        TempMachine machine(
+            drives({10, 20}, {row.volume3, fixedVolume(4, {"C:\\mnt\\data\\"}, 30 * kGB)}));
+        const Placement placement = place({guid(1)}, hintsWith({row.preferred}, {}));
         const PlacementReport& report = placement.report;
         SCOPED_TRACE(describe(report));
 
@@ -174,55 +191,16 @@ TEST(CachePlacementTest, EachSuitabilityTestRemovesAPreferredVolume) {
         ASSERT_EQ(report.preferred.size(), 1u);
         EXPECT_EQ(report.preferred[0].removal, row.removal);
         EXPECT_EQ(report.preferred[0].detail, row.detail);
-        const bool kept = row.removal == PlacementRemoval::kNone;
-        EXPECT_EQ(report.outcome,
-                  kept ? PlacementOutcome::kPreferred : PlacementOutcome::kFallback);
-        EXPECT_EQ(placement.paths, std::vector{fileOn(kept ? 3 : 2, 0)});
-        if (!kept && row.preferredName == guid(3)) {
+        EXPECT_EQ(report.outcome, row.removal == kNone ? PlacementOutcome::kPreferred
+                                                       : PlacementOutcome::kFallback);
+        EXPECT_EQ(placement.paths, std::vector{fileOn(row.chosen, 0)});
+        if (row.removal != kNone && row.preferred == guid(3)) {
             // The fallback tests it again and drops it for the same reason.
             const auto again = std::find_if(report.fallback.begin(), report.fallback.end(),
                                             [](const auto& c) { return c.name == guid(3); });
             ASSERT_NE(again, report.fallback.end());
             EXPECT_EQ(again->removal, row.removal);
         }
-    }
-}
-
-// One spelling of a preferred volume per row. V1 (C:\) is the target; V2 is
-// D:\, V3 is E:\ with the most free space, V4 is mounted at C:\mnt\data\ only.
-// No row prefers V3, so choosing it means the fallback ran. Repeated and
-// empty names: RepeatedAndEmptyPreferredNamesAreEachTested.
-TEST(CachePlacementTest, PreferredNamesInEveryFormFindTheirVolume) {
-    struct Row {
-        std::u16string preferred;
-        int chosen;
-    };
-    // clang-format off
-    const Row rows[] = {
-        {u"d:",               2},
-        {u"D:\\",             2},
-        {u"d:\\",             2},
-        {guid(2),             2},
-        {guidRoot(2),         2},
-        {u"C:\\mnt\\data\\",  4},
-        {u"C:\\mnt\\data",    4},
-        // Names that reach no volume leave the choice to the fallback.
-        {u"Q:",               3},
-        {u"Q:\\",             3},
-        {u"q",                3},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(utf8(row.preferred));
-        TempMachine machine(drives({10, 20, 40}, {fixedVolume(4, {"C:\\mnt\\data\\"}, 30 * kGB)}));
-        const Placement placement = place({guid(1)}, hintsWith({row.preferred}, {}));
-        SCOPED_TRACE(describe(placement.report));
-
-        ASSERT_TRUE(placement.result);
-        EXPECT_EQ(placement.report.outcome,
-                  row.chosen == 3 ? PlacementOutcome::kFallback : PlacementOutcome::kPreferred);
-        EXPECT_EQ(placement.paths, std::vector{fileOn(row.chosen, 0)});
-        EXPECT_EQ(placement.report.preferred.size(), 1u);
     }
 }
 

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -175,15 +174,20 @@ TEST_F(ConfigFixture, SetSplitGroupRefusesEveryLaterVolumeSet) {
     EXPECT_THAT(config_.quiesceEntries(), IsEmpty());
 }
 
+// Clearing one group leaves the others; clearAll empties all three.
 TEST_F(ConfigFixture, GroupsAreIndependent) {
     ASSERT_EQ(set(Target::kGroup, Select::kQuiesce, kQuiesceDoc), 0);
     ASSERT_EQ(set(Target::kGroup, Select::kSplit, kCacheDoc), 0);
+    ASSERT_EQ(set(Target::kVolume, Select::kSplit, kSplitDoc), 0);
     config_.clearCacheConfig();
-    EXPECT_EQ(config_.quiesceEntries().size(), 2u);
-    EXPECT_EQ(get(Target::kGroup, Select::kQuiesce), kQuiesceDoc);
+    EXPECT_EQ(config_.quiesceEntries(), kQuiesceEntries);
+    EXPECT_EQ(config_.splitEntries(), kSplitEntries);
     EXPECT_EQ(get(Target::kGroup, Select::kSplit), kUntouched);
+    ASSERT_EQ(set(Target::kGroup, Select::kSplit, kCacheDoc), 0);
     config_.clearAll();
     EXPECT_EQ(get(Target::kGroup, Select::kQuiesce), kUntouched);
+    EXPECT_EQ(get(Target::kGroup, Select::kSplit), kUntouched);
+    EXPECT_EQ(get(Target::kVolume, Select::kSplit), kUntouched);
 }
 
 struct GetRow {
@@ -237,78 +241,6 @@ TEST_F(ConfigFixture, GetWithoutBufferAnswersOutOfMemoryAndKeepsText) {
     EXPECT_EQ(get(Target::kGroup, Select::kQuiesce), kQuiesceDoc);
 }
 
-// One row per cache key: set through a settings document, read back through
-// the cache placement request, updated, cleared, and a value that cannot be
-// read. (The quiesce and split keys have their rows in splitconfig_test.)
-struct KeyRow {
-    const char* name;
-    std::u16string key;
-    std::u16string value;
-    std::u16string invalid;  // empty: every value is valid
-};
-FIKIV_PRINT_ROW_NAME(KeyRow)
-
-// clang-format off
-const KeyRow kKeyRows[] = {
-    {"AllowedVolumes",    u"cachefileAllowedVolumes",     u"g:\\",     u""},
-    {"DisallowedVolumes", u"cachefileDisallowedVolumes",  u"h:\\",     u""},
-    {"InitSizeMB",        u"cachefileInitSizeinMB",       u"33",       u"abc"},
-    {"MaxSizeMB",         u"cachefileMaxSizeInMB",        u"44",       u"abc"},
-    {"InitSizePct",       u"cachefileInitSizePercentage", u"5",        u"%"},
-    {"MaxSizePct",        u"cachefileMaxSizePercentage",  u"6",        u"+"},
-    {"CacheDir",          u"cachefileDir",                u"kivcache", u""},
-};
-// clang-format on
-
-// The value of cache key `key` as the placement request carries it, in text;
-// list items joined by "|".
-std::u16string readBack(const KivConfig& config, const std::u16string& key) {
-    auto number = [](std::uint32_t n) { return utf16(std::to_string(n)); };
-    auto join = [](const std::vector<std::u16string>& list) {
-        std::u16string text;
-        for (const std::u16string& item : list) {
-            text += (text.empty() ? u"" : u"|") + item;
-        }
-        return text;
-    };
-    const CacheFileHints hints = config.getCacheFileHints();
-    const std::map<std::u16string, std::u16string> values = {
-        {u"cachefileAllowedVolumes", join(hints.preferredVolumes)},
-        {u"cachefileDisallowedVolumes", join(hints.excludedVolumes)},
-        {u"cachefileInitSizeinMB", number(hints.initialCacheFileSizeMB)},
-        {u"cachefileMaxSizeInMB", number(hints.maxCacheFileSizeMB)},
-        {u"cachefileInitSizePercentage", number(hints.initialCacheFileSizePct)},
-        {u"cachefileMaxSizePercentage", number(hints.maxCacheFileSizePct)},
-        {u"cachefileDir", hints.cacheFileDir},
-    };
-    return values.at(key);
-}
-
-class KeyTest : public ConfigFixture, public ::testing::WithParamInterface<KeyRow> {};
-
-TEST_P(KeyTest, SetReadUpdateClear) {
-    const KeyRow& row = GetParam();
-    const std::u16string defaultValue = readBack(config_, row.key);
-    const std::u16string text = document({{row.key, row.value}});
-    ASSERT_EQ(set(Target::kGroup, Select::kSplit, text), 0);
-    EXPECT_EQ(readBack(config_, row.key), row.value);
-    EXPECT_EQ(get(Target::kGroup, Select::kSplit), text);
-
-    // The same entry again: lists add up, a later number or directory wins.
-    ASSERT_EQ(update(Target::kGroup, Select::kSplit, text), 0);
-    const bool isList = row.key.ends_with(u"Volumes");
-    EXPECT_EQ(readBack(config_, row.key), isList ? row.value + u"|" + row.value : row.value);
-
-    config_.clearAll();
-    EXPECT_EQ(readBack(config_, row.key), defaultValue);
-    if (!row.invalid.empty()) {
-        ASSERT_EQ(set(Target::kGroup, Select::kSplit, document({{row.key, row.invalid}})), 0);
-        EXPECT_EQ(readBack(config_, row.key), defaultValue);
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Keys, KeyTest, ::testing::ValuesIn(kKeyRows), kRowName);
-
 struct HintsRow {
     const char* name;
     std::vector<std::u16string> entries;  // cache entries, as stored
@@ -327,8 +259,10 @@ const HintsRow kHintsRows[] = {
     {"ListOfSeparatorsOnly",          {u"cachefileAllowedVolumes=, ,\t,"},                                     {}},
     {"AllSevenKeys",                  kSevenEntries,                                                           {{u"g:\\"}, {u"c:\\"}, u"kiv", 10, 20, 30, 40}},
     {"EightEntriesGiveDefaults",      std::vector<std::u16string>(8, u"cachefileInitSizeinMB=10"),            {}},
-    {"RepeatedKeysAddAndReplace",     {u"cachefileAllowedVolumes=g:\\", u"cachefileAllowedVolumes=h:\\", u"cachefileDir=x", u"cachefileDir=y", u"cachefileMaxSizeInMB=5", u"cachefileMaxSizeInMB=7"},
-                                                                                                               {{u"g:\\", u"h:\\"}, {}, u"y", 0, 7, 0, 0}},
+    {"RepeatedListsAddUp",            {u"cachefileAllowedVolumes=g:\\", u"cachefileAllowedVolumes=h:\\", u"cachefileDisallowedVolumes=c:\\", u"cachefileDisallowedVolumes=d:\\"}, {{u"g:\\", u"h:\\"}, {u"c:\\", u"d:\\"}, u"", 0, 0, 0, 0}},
+    {"LaterSizesWin",                 {u"cachefileInitSizeinMB=1", u"cachefileInitSizeinMB=2", u"cachefileMaxSizeInMB=5", u"cachefileMaxSizeInMB=7"}, {{}, {}, u"", 2, 7, 0, 0}},
+    {"LaterPercentagesAndDirectoryWin", {u"cachefileInitSizePercentage=1", u"cachefileInitSizePercentage=3", u"cachefileMaxSizePercentage=5", u"cachefileMaxSizePercentage=6", u"cachefileDir=x", u"cachefileDir=y"}, {{}, {}, u"y", 0, 0, 3, 6}},
+    {"UnreadableNumbersReadNothing",  {u"cachefileInitSizeinMB=abc", u"cachefileMaxSizeInMB=abc", u"cachefileInitSizePercentage=%", u"cachefileMaxSizePercentage=+"}, {}},
     {"UnreadableNumberKeepsEarlierValue", {u"cachefileMaxSizeInMB=abc", u"cachefileInitSizeinMB=12", u"cachefileInitSizeinMB=x"}, {{}, {}, u"", 12, 0, 0, 0}},
     {"PercentSignIgnored",            {u"cachefileMaxSizePercentage=50%"},                                      {{}, {}, u"", 0, 0, 0, 50}},
     {"PrefixAloneIsSkipped",          {u"cachefileDir=", u"cachefileAllowedVolumes=", u"cachefileMaxSizeInMB="}, {}},
