@@ -385,31 +385,6 @@ TEST(CachePlacementTest, SystemErrorPropagatesAndReleasesTheMutex) {
     }
 }
 
-// Which stage decided and why is told in the report, for our tools.
-TEST(CachePlacementTest, ChoiceIsExplainedInTheReport) {
-    struct Row {
-        const char* name;
-        std::vector<std::u16string> preferred;
-        std::vector<std::u16string> excluded;
-        std::string explanation;  // a line of the report
-    };
-    // clang-format off
-    const Row rows[] = {
-        {"Preferred",  {u"d:"}, {},      "cache volume " + utf8(guid(2)) + ": the preferred volume"},
-        {"Fallback",   {u"e:"}, {},      "preferred " + utf8(guid(3)) + " (configured as e:): removed, not a fixed disk"},
-        {"LastResort", {},      {u"D:"}, "each target holds its own cache file"},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        TempMachine machine(drives({10, 50}, {TempMachine::volume(3, {"E:\\"}, "cdrom", "CDFS")}));
-        const Placement placement = place({guid(1)}, hintsWith(row.preferred, row.excluded));
-        ASSERT_TRUE(placement.result);
-        const std::string why = describe(placement.report);
-        EXPECT_NE(why.find(row.explanation), std::string::npos) << why;
-    }
-}
-
 // Preferred names are sorted, not thinned: every entry is a candidate of its
 // own and goes through the tests, an empty one too. V1 is the target, V2 (D:)
 // and V3 (E:) are usable.

@@ -125,30 +125,30 @@ FIKIV_CHILD_ROLE(dieHoldingMutex) {
 }
 
 // Places the cache file of volume 1 on the virtual clock; the argument says
-// what must happen: "placed", "timeout" (nothing placed after the whole 10 s
+// what must happen: "placed" (the first name of a process, on the target's
+// own volume, the only one), "timeout" (nothing placed after the whole 10 s
 // wait) or "abandoned" (nothing placed, no wait).
 FIKIV_CHILD_ROLE(placeUnderMutex) {
     sim::useVirtualClock(true);
     const std::string expected = arguments.at(0);
+    const std::u16string target = TempMachine::guidName(1);
     std::vector<std::u16string> paths;
     std::vector<CacheFileSizes> sizes;
     PlacementReport report;
-    const bool placed = placeCacheFiles(ProviderMutex(), {TempMachine::guidName(1)},
-                                        CacheFileHints{}, paths, sizes, &report);
+    const bool placed =
+        placeCacheFiles(ProviderMutex(), {target}, CacheFileHints{}, paths, sizes, &report);
+    const std::vector<std::uint32_t> waits = sim::recordedWaits();
     ChildChecks checks;
     if (expected == "placed") {
-        FIKIV_CHILD_FAIL_IF(checks, !placed || paths.size() != 1 || sizes.size() != 1);
+        FIKIV_CHILD_FAIL_IF(checks, !placed || sizes.size() != 1);
+        FIKIV_CHILD_FAIL_IF(checks, paths != std::vector{target + u"_tarnKivCacheFile_0.KIV"});
         return checks.failures();
     }
-    FIKIV_CHILD_FAIL_IF(checks, placed);
-    FIKIV_CHILD_FAIL_IF(checks, !paths.empty() || !sizes.empty());
+    FIKIV_CHILD_FAIL_IF(checks, placed || !paths.empty() || !sizes.empty());
     FIKIV_CHILD_FAIL_IF(checks, report.outcome != PlacementOutcome::kMutexNotObtained);
-    const std::vector<std::uint32_t> waits = sim::recordedWaits();
-    if (expected == "timeout") {
-        FIKIV_CHILD_FAIL_IF(checks, waits != std::vector<std::uint32_t>{kProviderMutexWaitMs});
-    } else {
-        FIKIV_CHILD_FAIL_IF(checks, !waits.empty());
-    }
+    const std::vector<std::uint32_t> expectedWaits =
+        expected == "timeout" ? std::vector{kProviderMutexWaitMs} : std::vector<std::uint32_t>{};
+    FIKIV_CHILD_FAIL_IF(checks, waits != expectedWaits);
     return checks.failures();
 }
 
@@ -172,15 +172,17 @@ TEST(KivApiTest, ConcurrentFirstUsesBuildTheTableOnce) {
 }
 
 TEST(ProviderMutexTest, NameFollowsTheSystemVersion) {
+    // clang-format off
     const struct {
         int major;
         const char* name;
         const char* other;
     } rows[] = {
-        {4, "tarn_kiv_mutex", "Global\\tarn_kiv_mutex"},
-        {5, "Global\\tarn_kiv_mutex", "tarn_kiv_mutex"},
+        {4,  "tarn_kiv_mutex",         "Global\\tarn_kiv_mutex"},
+        {5,  "Global\\tarn_kiv_mutex", "tarn_kiv_mutex"},
         {10, "Global\\tarn_kiv_mutex", "tarn_kiv_mutex"},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE("major version " + std::to_string(row.major));
         TempMachine machine(machineOfVersion(row.major));

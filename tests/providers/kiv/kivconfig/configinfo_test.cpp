@@ -89,13 +89,5 @@ TEST_P(InfoTest, DocumentIsExactAndReused) {
 
 INSTANTIATE_TEST_SUITE_P(Requests, InfoTest, ::testing::ValuesIn(kInfoRows), kRowName);
 
-TEST_F(ConfigFixture, InfoWithoutBufferAnswersOutOfMemoryAndKeepsText) {
-    tarn_config_request r = request(Select::kQuiesce, kUntouched);
-    tarn_test_fail_alloc(/*skip=*/0, /*count=*/1);
-    EXPECT_EQ(config_.getConfigInfo(&groupRecord_, nullptr, &r), 5);
-    tarn_test_fail_alloc(0, 0);
-    EXPECT_EQ(handedBack(r), kUntouched);
-}
-
 }  // namespace
 }  // namespace kivconfigtest

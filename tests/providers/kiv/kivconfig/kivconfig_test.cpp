@@ -231,13 +231,16 @@ TEST_P(GetTest, HandsBackTheAcceptedText) {
 
 INSTANTIATE_TEST_SUITE_P(Requests, GetTest, ::testing::ValuesIn(kGetRows), kRowName);
 
-TEST_F(ConfigFixture, GetWithoutBufferAnswersOutOfMemoryAndKeepsText) {
+// When no buffer can be had for the host: 5, and the request's text stays.
+TEST_F(ConfigFixture, HandOverWithoutBufferAnswersOutOfMemoryAndKeepsText) {
     ASSERT_EQ(set(Target::kGroup, Select::kQuiesce, kQuiesceDoc), 0);
-    tarn_config_request r = request(Select::kQuiesce, kUntouched);
-    tarn_test_fail_alloc(/*skip=*/0, /*count=*/1);
-    EXPECT_EQ(config_.get(&groupRecord_, nullptr, &r), 5);
-    tarn_test_fail_alloc(0, 0);
-    EXPECT_EQ(handedBack(r), kUntouched);
+    for (auto operation : {&KivConfig::get, &KivConfig::getConfigInfo}) {
+        tarn_config_request r = request(Select::kQuiesce, kUntouched);
+        tarn_test_fail_alloc(/*skip=*/0, /*count=*/1);
+        EXPECT_EQ((config_.*operation)(&groupRecord_, nullptr, &r), 5);
+        tarn_test_fail_alloc(0, 0);
+        EXPECT_EQ(handedBack(r), kUntouched);
+    }
     EXPECT_EQ(get(Target::kGroup, Select::kQuiesce), kQuiesceDoc);
 }
 
