@@ -75,6 +75,21 @@ class HostCapture {
     testsupport::LogCapture log_;
 };
 
+// The sizing messages as HostCapture hears them; "%V" stands for the volume.
+inline const std::string kAbsolute =
+    "1 INFO: Absolute value for cachevolume size is considered for resource %V";
+inline const std::string kPercentages =
+    "1 INFO: cachefileInitSizePercentages are considered to find cachesize for resource %V";
+inline const std::string kLowSpace =
+    "2 WARNING: Freespace of cachevolume is less than 50MB for resource %V";
+inline std::string ninetyFive(const std::string& sizeMB, const std::string& freeMB) {
+    return "1 INFO: 95% [" + sizeMB + " MB] of Cache volume Freespace [" + freeMB +
+           " MB] is considered for resource %V";
+}
+inline std::string onVolume(std::string message, const std::u16string& volume) {
+    return message.replace(message.find("%V"), 2, testsupport::utf8(volume));
+}
+
 // The provider mutex of the current machine, opened for one test.
 inline os::UniqueHandle testMutex() {
     return os::UniqueHandle(os::CreateMutexW(nullptr, os::FALSE, providerMutexName(10)));

@@ -137,19 +137,6 @@ CacheFileHints hintsOf(std::uint32_t initialMB, std::uint32_t maxMB, std::uint32
     return {{}, {}, u"", initialMB, maxMB, initialPct, maxPct};
 }
 
-// The sizing messages as the host hears them; "%V" stands for the volume.
-const std::string kAbsolute =
-    "1 INFO: Absolute value for cachevolume size is considered for resource %V";
-const std::string kPercentages =
-    "1 INFO: cachefileInitSizePercentages are considered to find cachesize for resource %V";
-const std::string kLowSpace =
-    "2 WARNING: Freespace of cachevolume is less than 50MB for resource %V";
-
-std::string ninetyFive(const std::string& sizeMB, const std::string& freeMB) {
-    return "1 INFO: 95% [" + sizeMB + " MB] of Cache volume Freespace [" + freeMB +
-           " MB] is considered for resource %V";
-}
-
 // Sizes and the messages the host hears, one machine per row. Volume 2 is the
 // cache volume; volume 1 is another volume used as the target when the
 // cache file does not live on the snapshotted volume.
@@ -201,8 +188,8 @@ TEST(CacheFileSizesTest, RulesClampsFloorsAndMessages) {
 
         EXPECT_EQ(computeCacheFileSizes(target, cacheVolume, row.hints), row.expected);
         std::vector<std::string> expected;
-        for (std::string message : row.messages) {
-            expected.push_back(message.replace(message.find("%V"), 2, utf8(target)));
+        for (const std::string& message : row.messages) {
+            expected.push_back(onVolume(message, target));
         }
         EXPECT_EQ(host.lines(), expected);
     }

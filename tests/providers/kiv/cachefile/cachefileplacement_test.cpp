@@ -102,20 +102,6 @@ std::string describe(const PlacementReport& report) {
     return text;
 }
 
-std::vector<PlacementRemoval> removals(const std::vector<PlacementCandidate>& candidates) {
-    std::vector<PlacementRemoval> removals;
-    for (const PlacementCandidate& candidate : candidates) {
-        removals.push_back(candidate.removal);
-    }
-    return removals;
-}
-
-// The sizing line the host hears for a cache file on its target's own volume.
-std::string percentagesLine(int volume) {
-    return "1 INFO: cachefileInitSizePercentages are considered to find cachesize for resource " +
-           utf8(guidRoot(volume));
-}
-
 // Fixed V1 (the only target, 10 GB free), V2 and V3 (50 GB free each, V3
 // excluded), a CD-ROM V4, nothing preferred: the fallback leaves only V2.
 TEST(CachePlacementTest, WorkedCaseChoosesTheOnlyUsableOtherVolume) {
@@ -132,10 +118,12 @@ TEST(CachePlacementTest, WorkedCaseChoosesTheOnlyUsableOtherVolume) {
     EXPECT_EQ(host.lines(), std::vector<std::string>{});
     EXPECT_EQ(report.outcome, PlacementOutcome::kFallback);
     EXPECT_TRUE(report.preferred.empty());
-    EXPECT_EQ(removals(report.fallback),
-              (std::vector{PlacementRemoval::kTarget, PlacementRemoval::kNone,
-                           PlacementRemoval::kExcluded, PlacementRemoval::kNotFixed}));
-    EXPECT_EQ(report.fallback.back().detail, 5u);
+    ASSERT_EQ(report.fallback.size(), 4u);
+    EXPECT_EQ(report.fallback[0].removal, PlacementRemoval::kTarget);
+    EXPECT_EQ(report.fallback[1].removal, PlacementRemoval::kNone);
+    EXPECT_EQ(report.fallback[2].removal, PlacementRemoval::kExcluded);
+    EXPECT_EQ(report.fallback[3].removal, PlacementRemoval::kNotFixed);
+    EXPECT_EQ(report.fallback[3].detail, 5u);
     ASSERT_EQ(report.order.size(), 1u);
     EXPECT_EQ(utf8(report.cacheVolume), utf8(guid(2)));
 }
@@ -250,8 +238,8 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
         }
         // The host hears the initial-size rule for a target's own volume and
         // no line of the placement's own.
-        EXPECT_EQ(host.lines(),
-                  row.chosen == 1 ? std::vector{percentagesLine(1)} : std::vector<std::string>{});
+        EXPECT_EQ(host.lines(), row.chosen == 1 ? std::vector{onVolume(kPercentages, guidRoot(1))}
+                                                : std::vector<std::string>{});
     }
 }
 
@@ -269,7 +257,8 @@ TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
     EXPECT_EQ(placement.paths, (std::vector{fileOn(1, 5), fileOn(2, 6)}));
     // Own volume: 10 percent of the used space, maximum 10 percent of free.
     EXPECT_EQ(placement.sizes, (std::vector<CacheFileSizes>{{5120, 5120}, {2048, 8192}}));
-    EXPECT_EQ(host.lines(), (std::vector{percentagesLine(1), percentagesLine(2)}));
+    EXPECT_EQ(host.lines(), (std::vector{onVolume(kPercentages, guidRoot(1)),
+                                         onVolume(kPercentages, guidRoot(2))}));
 }
 
 // Equal free space goes to the first name for any number of volumes, also

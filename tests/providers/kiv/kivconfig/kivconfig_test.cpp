@@ -26,26 +26,20 @@ using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 using testsupport::utf16;
 
+// clang-format off
 const std::u16string kQuiesceDoc = document({{u"quiesceWait", u"10"}, {u"quiesceTimeout", u"30"}});
-const std::u16string kCacheDoc =
-    document({{u"cachefileAllowedVolumes", u"g:\\"}, {u"cachefileInitSizeinMB", u"64"}});
-const std::u16string kSplitDoc = selectDocument({{u"snapshotVolumeName", u"\\\\.\\Snap1:"},
-                                                 {u"cacheFileName", u"F:\\c.KIV"},
-                                                 {u"initialCacheFileSize", u"100"},
-                                                 {u"maximumCacheFileSize", u"500"}});
+const std::u16string kCacheDoc = document({{u"cachefileAllowedVolumes", u"g:\\"}, {u"cachefileInitSizeinMB", u"64"}});
+const std::u16string kSplitDoc = selectDocument({{u"snapshotVolumeName", u"\\\\.\\Snap1:"}, {u"cacheFileName", u"F:\\c.KIV"}, {u"initialCacheFileSize", u"100"}, {u"maximumCacheFileSize", u"500"}});
 const std::u16string kAutoText = document({}, u"TARN_CFS_AUTO_PREP");
 const std::u16string kBothModes = selectDocument({{u"cs_flags", u"TARN_CFS_AUTO_PREP"}});
 const std::u16string kNoMode = document({{u"cacheFileName", u"F"}});
 const std::u16string kLowerCaseMode = document({}, u"tarn_cfs_auto_prep");
-const std::u16string kNoListEnd =
-    u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_SELECT_PREP />";
+const std::u16string kNoListEnd = u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_SELECT_PREP />";
 
 const std::vector<std::u16string> kQuiesceEntries = {u"quiesceWait=10", u"quiesceTimeout=30"};
-const std::vector<std::u16string> kCacheEntries = {u"cachefileAllowedVolumes=g:\\",
-                                                   u"cachefileInitSizeinMB=64"};
-const std::vector<std::u16string> kSplitEntries = {
-    u"snapshotVolumeName=\\\\.\\Snap1:", u"cacheFileName=F:\\c.KIV", u"initialCacheFileSize=100",
-    u"maximumCacheFileSize=500"};
+const std::vector<std::u16string> kCacheEntries = {u"cachefileAllowedVolumes=g:\\", u"cachefileInitSizeinMB=64"};
+const std::vector<std::u16string> kSplitEntries = {u"snapshotVolumeName=\\\\.\\Snap1:", u"cacheFileName=F:\\c.KIV", u"initialCacheFileSize=100", u"maximumCacheFileSize=500"};
+// clang-format on
 
 // What a set stored, group by group.
 struct Stored {
@@ -201,8 +195,6 @@ FIKIV_PRINT_ROW_NAME(GetRow)
 
 // clang-format off
 const GetRow kGetRows[] = {
-    {"GroupQuiesce",        true,  Target::kGroup,  Select::kQuiesce, kQuiesceDoc},
-    {"GroupCache",          true,  Target::kGroup,  Select::kSplit,   kCacheDoc},
     {"GroupNoSelector",     true,  Target::kGroup,  Select::kNone,    kUntouched},
     {"GroupBothSelectors",  true,  Target::kGroup,  Select::kBoth,    kUntouched},
     {"VolumeSplit",         true,  Target::kVolume, Select::kSplit,   kAutoText},

@@ -16,7 +16,6 @@
 namespace kivconfigtest {
 namespace {
 
-using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 struct QuiesceRow {
@@ -121,60 +120,55 @@ TEST_P(SplitTest, ValidityAndValues) {
 
 INSTANTIATE_TEST_SUITE_P(Documents, SplitTest, ::testing::ValuesIn(kSplitRows), kRowName);
 
-const std::u16string kAuto = document({}, u"TARN_CFS_AUTO_PREP");
+// Values stored once in automatic preparation, as the node computes them.
+struct AutoRow {
+    const char* name;
+    SplitConfig values;
+    std::vector<std::u16string> entries;  // as stored, in this order
+    bool valid;
+};
+FIKIV_PRINT_ROW_NAME(AutoRow)
 
-TEST_F(ConfigFixture, AutomaticSplitValuesAreStoredOnce) {
-    ASSERT_EQ(set(Target::kVolume, Select::kSplit, kAuto), 0);
+// clang-format off
+const AutoRow kAutoRows[] = {
+    {"Plain",        {"V", "F", 100, 500},                                           {u"cacheFileName=F", u"initialCacheFileSize=100", u"maximumCacheFileSize=500", u"snapshotVolumeName=V"}, true},
+    {"LongNameAndLimits", {"\\\\?\\Volume{5}", "E:\\kiv\\_tarnKivCacheFile_3.KIV", 0, 4294967295u}, {u"cacheFileName=E:\\kiv\\_tarnKivCacheFile_3.KIV", u"initialCacheFileSize=0", u"maximumCacheFileSize=4294967295", u"snapshotVolumeName=\\\\?\\Volume{5}"}, true},
+    {"Utf8Names",    {"\xc3\xa9", "\xe6\x97\xa5", 7, 8},                             {u"cacheFileName=\u65e5", u"initialCacheFileSize=7", u"maximumCacheFileSize=8", u"snapshotVolumeName=\u00e9"}, true},
+    // An empty name leaves its entry without a value: invalid.
+    {"EmptyVolumeName", {"", "F", 1, 2},                                             {u"cacheFileName=F", u"initialCacheFileSize=1", u"maximumCacheFileSize=2", u"snapshotVolumeName="}, false},
+    {"EmptyFileName",   {"V", "", 1, 2},                                             {u"cacheFileName=", u"initialCacheFileSize=1", u"maximumCacheFileSize=2", u"snapshotVolumeName=V"}, false},
+};
+// clang-format on
+
+class AutoSplitTest : public ConfigFixture, public ::testing::WithParamInterface<AutoRow> {};
+
+TEST_P(AutoSplitTest, ValuesAreStoredOnce) {
+    const AutoRow& row = GetParam();
+    const std::u16string automatic = document({}, u"TARN_CFS_AUTO_PREP");
+    ASSERT_EQ(set(Target::kVolume, Select::kSplit, automatic), 0);
     EXPECT_TRUE(config_.isAutoPrepare());
     EXPECT_TRUE(config_.isValidNodeSplitConfig()) << "valid before the values are computed";
     EXPECT_EQ(fields(config_.getSplitConfig()), fields(SplitConfig{}));
 
-    const SplitConfig values{"V", "F", 100, 500};
-    ASSERT_TRUE(config_.setAutoSplitConfig(values));
-    EXPECT_THAT(config_.splitEntries(),
-                ElementsAre(u"cacheFileName=F", u"initialCacheFileSize=100",
-                            u"maximumCacheFileSize=500", u"snapshotVolumeName=V"));
-    EXPECT_EQ(fields(config_.getSplitConfig()), fields(values));
-    EXPECT_TRUE(config_.isValidNodeSplitConfig());
-
+    ASSERT_TRUE(config_.setAutoSplitConfig(row.values));
+    EXPECT_EQ(config_.splitEntries(), row.entries);
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
+    EXPECT_EQ(config_.isValidNodeSplitConfig(), row.valid);
     // A second preparation keeps the first values.
     EXPECT_FALSE(config_.setAutoSplitConfig({"W", "G", 1, 2}));
-    EXPECT_EQ(fields(config_.getSplitConfig()), fields(values));
+    EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
 
     // Clearing ends the automatic mode; values are refused until a new
     // automatic request.
     config_.clearSplitConfig();
     EXPECT_FALSE(config_.isAutoPrepare());
-    EXPECT_FALSE(config_.setAutoSplitConfig({"W", "G", 1, 2}));
+    EXPECT_FALSE(config_.setAutoSplitConfig(row.values));
     EXPECT_THAT(config_.splitEntries(), IsEmpty());
-    ASSERT_EQ(set(Target::kVolume, Select::kSplit, kAuto), 0);
-    EXPECT_TRUE(config_.setAutoSplitConfig({"W", "G", 1, 2}));
-    EXPECT_EQ(config_.getSplitConfig().snapshotVolumeName, "W");
+    ASSERT_EQ(set(Target::kVolume, Select::kSplit, automatic), 0);
+    EXPECT_TRUE(config_.setAutoSplitConfig(row.values));
 }
 
-TEST_F(ConfigFixture, AutomaticSplitValuesRoundTrip) {
-    struct Row {
-        SplitConfig values;
-        bool valid;
-    };
-    // clang-format off
-    const Row rows[] = {
-        {{"\\\\?\\Volume{5}", "E:\\kiv\\_tarnKivCacheFile_3.KIV", 0, 4294967295u}, true},
-        {{"\xc3\xa9", "\xe6\x97\xa5", 7, 8}, true},
-        // An empty name leaves its entry without a value: invalid.
-        {{"", "F", 1, 2}, false},
-        {{"V", "", 1, 2}, false},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.values.snapshotVolumeName + "|" + row.values.cacheFileName);
-        config_.clearSplitConfig();
-        ASSERT_EQ(set(Target::kVolume, Select::kSplit, kAuto), 0);
-        ASSERT_TRUE(config_.setAutoSplitConfig(row.values));
-        EXPECT_EQ(config_.isValidNodeSplitConfig(), row.valid);
-        EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Values, AutoSplitTest, ::testing::ValuesIn(kAutoRows), kRowName);
 
 }  // namespace
 }  // namespace kivconfigtest
