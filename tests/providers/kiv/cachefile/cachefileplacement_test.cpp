@@ -6,19 +6,16 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cachefile_test_support.h"
-#include "kiv/cachefile/providermutex.h"
 #include "os/error.h"
+#include "os/file.h"
 #include "os/sync.h"
 #include "sim/hooks.h"
-#include "support/child_process.h"
 #include "support/temp_machine.h"
 #include "support/wide_text.h"
 
@@ -26,6 +23,7 @@ namespace cachefiletest {
 namespace {
 
 using testsupport::TempMachine;
+using testsupport::utf16;
 using testsupport::utf8;
 
 nlohmann::json fixedVolume(int number, std::initializer_list<const char*> paths,
@@ -313,6 +311,8 @@ TEST(CachePlacementTest, FreeSpaceChangingDuringTheOrderKeepsEveryVolumeOnce) {
     }
 }
 
+// The placement makes the cache directory, never a cache file: the driver
+// creates the files when the snapshot is prepared.
 TEST(CachePlacementTest, TargetsKeepTheirOrderAndTakeConsecutiveNames) {
     TempMachine machine(drives({10, 10, 10, 60}));
     CacheFileHints hints = hintsWith({}, {});
@@ -323,6 +323,10 @@ TEST(CachePlacementTest, TargetsKeepTheirOrderAndTakeConsecutiveNames) {
     const std::string files = utf8(guid(4)) + "kiv\\cache\\_tarnKivCacheFile_";
     EXPECT_EQ(placement.paths, (std::vector{files + "41.KIV", files + "42.KIV", files + "43.KIV"}));
     EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(3, {0, tenPercentMB(60 * kGB)}));
+    EXPECT_EQ(os::GetFileAttributesW(u"F:\\kiv\\cache"), os::FILE_ATTRIBUTE_DIRECTORY);
+    for (const std::string& path : placement.paths) {
+        EXPECT_EQ(os::GetFileAttributesW(utf16(path).c_str()), os::INVALID_FILE_ATTRIBUTES);
+    }
 }
 
 TEST(CachePlacementTest, EmptyTargetListPlacesNothing) {
@@ -458,42 +462,6 @@ TEST(CachePlacementTest, RequestTextListsTargetsAndHints) {
                   "\t\tmaxCacheFileSizeMB = 4294967295\n"
                   "\t\tinitialCacheFileSizePct = 10\n"
                   "\t\tmaxCacheFileSizePct = 10\n");
-}
-
-// Places the cache file of volume 1 on the current machine and writes
-// "<path> <initial> <maximum>" to the file named by its argument.
-FIKIV_CHILD_ROLE(placeOneCacheFile) {
-    std::vector<std::u16string> paths;
-    std::vector<CacheFileSizes> sizes;
-    if (!placeCacheFiles(ProviderMutex(), {guid(1)}, hintsWith({}, {}), paths, sizes) ||
-        paths.size() != 1) {
-        return 1;
-    }
-    std::ofstream out(arguments.at(0));
-    out << utf8(paths[0]) << ' ' << sizes[0].first << ' ' << sizes[0].second;
-    return out ? 0 : 2;
-}
-
-TEST(CachePlacementProcessTest, ConcurrentProcessesBothPlaceAndPickTheSameName) {
-    TempMachine machine(drives({10, 50}));
-    const std::filesystem::path first = machine.directory() / "first.txt";
-    const std::filesystem::path second = machine.directory() / "second.txt";
-    const pid_t a = testsupport::startChild("placeOneCacheFile", {first.string()});
-    const pid_t b = testsupport::startChild("placeOneCacheFile", {second.string()});
-    ASSERT_EQ(testsupport::waitChild(a), 0);
-    ASSERT_EQ(testsupport::waitChild(b), 0);
-
-    // The mutex makes the two choices one after the other, but it does not
-    // reserve names: each process starts its own counter at 0, and the driver
-    // creates the file only when the snapshot is prepared, after the mutex is
-    // gone. So neither process sees the other's file, and both pick the same
-    // name on the same volume.
-    const std::string expected = fileOn(2, 0) + " 0 " + std::to_string(tenPercentMB(50 * kGB));
-    for (const std::filesystem::path& file : {first, second}) {
-        std::string written;
-        std::getline(std::ifstream(file), written);
-        EXPECT_EQ(written, expected);
-    }
 }
 
 }  // namespace

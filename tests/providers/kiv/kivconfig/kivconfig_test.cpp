@@ -315,37 +315,31 @@ TEST(ExtractUnsigned32, MatchesStreamExtraction) {
 // with entry and exit lines under their own name and this module's source
 // name; the others write nothing.
 TEST_F(ConfigFixture, TracedOperationsNameThemselves) {
-    struct Row {
-        std::u16string name;  // empty: not traced
-        std::function<void()> call;
-    };
-    const Row rows[] = {
+    const std::pair<std::u16string, std::function<void()>> rows[] = {
         {u"KivConfig::set", [this] { set(Target::kGroup, Select::kQuiesce, kQuiesceDoc); }},
         {u"KivConfig::get", [this] { get(Target::kGroup, Select::kQuiesce); }},
         {u"KivConfig::getQuiesceConfig", [this] { config_.getQuiesceConfig(); }},
         {u"KivConfig::isValidQuiesceConfig", [this] { config_.isValidQuiesceConfig(); }},
         {u"KivConfig::getSplitConfig", [this] { config_.getSplitConfig(); }},
         {u"KivConfig::isValidNodeSplitConfig", [this] { config_.isValidNodeSplitConfig(); }},
+        // Not traced:
         {u"", [this] { update(Target::kGroup, Select::kSplit, kQuiesceDoc); }},
         {u"", [this] { config_.getCacheFileHints(); }},
         {u"", [this] { config_.setAutoSplitConfig(SplitConfig{}); }},
         {u"", [this] { config_.clearAll(); }},
     };
     const std::u16string source = u", providers\\kiv\\kivconfig]\n";
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name.empty() ? "untraced" : testsupport::utf8(row.name));
+    for (const auto& [name, call] : rows) {
+        SCOPED_TRACE(name.empty() ? "untraced" : testsupport::utf8(name));
         testsupport::LogCapture capture;
-        row.call();
+        call();
         const std::vector<std::u16string> lines = capture.texts(kLogTrace);
-        if (row.name.empty()) {
-            EXPECT_THAT(lines, IsEmpty());
-            continue;
+        ASSERT_EQ(lines.size(), name.empty() ? 0u : 2u);
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            const std::u16string word = i == 0 ? u" Entering" : u" Exiting";
+            EXPECT_NE(lines[i].find(word + u" Function " + name + u"["), std::u16string::npos);
+            EXPECT_TRUE(lines[i].ends_with(source));
         }
-        ASSERT_EQ(lines.size(), 2u);
-        EXPECT_NE(lines[0].find(u" Entering Function " + row.name + u"["), std::u16string::npos);
-        EXPECT_NE(lines[1].find(u" Exiting Function " + row.name + u"["), std::u16string::npos);
-        EXPECT_TRUE(lines[0].ends_with(source));
-        EXPECT_TRUE(lines[1].ends_with(source));
     }
 }
 

@@ -64,29 +64,15 @@ auto fields(const SplitConfig& split) {
                     split.maximumCacheFileSize);
 }
 
-// A selected split document: the four keys in order, with these values (an
-// empty value leaves its key out, ";" sends it without a value), then the
-// extra elements.
-std::u16string splitDoc(const char16_t* volume, const char16_t* file, const char16_t* initial,
-                        const char16_t* maximum, const Elements& extra = {}) {
-    Elements elements;
-    const std::pair<const char16_t*, const char16_t*> pairs[] = {
-        {u"snapshotVolumeName", volume},
-        {u"cacheFileName", file},
-        {u"initialCacheFileSize", initial},
-        {u"maximumCacheFileSize", maximum}};
-    for (const auto& [key, value] : pairs) {
-        if (*value != u'\0') {
-            elements.emplace_back(key, value);
-        }
-    }
-    elements.insert(elements.end(), extra.begin(), extra.end());
-    return selectDocument(elements);
-}
+// The split keys, for writing documents.
+const std::u16string kVolume = u"snapshotVolumeName";
+const std::u16string kFile = u"cacheFileName";
+const std::u16string kInitial = u"initialCacheFileSize";
+const std::u16string kMaximum = u"maximumCacheFileSize";
 
 struct SplitRow {
     const char* name;
-    std::u16string text;
+    Elements elements;  // of a selected split document
     bool valid;
     SplitConfig values;
 };
@@ -94,14 +80,14 @@ FIKIV_PRINT_ROW_NAME(SplitRow)
 
 // clang-format off
 const SplitRow kSplitRows[] = {
-    {"AllFour",              splitDoc(u"V", u"F", u"100", u"500"),                           true,  {"V", "F", 100, 500}},
-    {"NonAsciiNamesAsUtf8",  splitDoc(u"\u00e9:", u"\u65e5.KIV", u"1", u"2"),                true,  {"\xc3\xa9:", "\xe6\x97\xa5.KIV", 1, 2}},
-    {"ThreeKeys",            splitDoc(u"V", u"F", u"100", u""),                              false, {}},
-    {"FiveEntries",          splitDoc(u"V", u"F", u"100", u"500", {{u"cacheFileName", u"G"}}), false, {}},
-    {"FourWithOneKeyTwice",  splitDoc(u"V", u"F", u"", u"500", {{u"cacheFileName", u"G"}}),  false, {"V", "G", 0, 500}},
+    {"AllFour",              {{kVolume, u"V"}, {kFile, u"F"}, {kInitial, u"100"}, {kMaximum, u"500"}},                    true,  {"V", "F", 100, 500}},
+    {"NonAsciiNamesAsUtf8",  {{kVolume, u"\u00e9:"}, {kFile, u"\u65e5.KIV"}, {kInitial, u"1"}, {kMaximum, u"2"}},         true,  {"\xc3\xa9:", "\xe6\x97\xa5.KIV", 1, 2}},
+    {"ThreeKeys",            {{kVolume, u"V"}, {kFile, u"F"}, {kInitial, u"100"}},                                        false, {}},
+    {"FiveEntries",          {{kVolume, u"V"}, {kFile, u"F"}, {kInitial, u"100"}, {kMaximum, u"500"}, {kFile, u"G"}},     false, {}},
+    {"FourWithOneKeyTwice",  {{kVolume, u"V"}, {kFile, u"F"}, {kFile, u"G"}, {kMaximum, u"500"}},                         false, {"V", "G", 0, 500}},
     // Sizes that are not numbers are still values: valid, read as 0.
-    {"UnreadableSizes",      splitDoc(u"V", u"F", u"abc", u"x1"),                            true,  {"V", "F", 0, 0}},
-    {"EmptyValueDropsEntry", splitDoc(u";", u"F", u"100", u"500"),                           false, {}},
+    {"UnreadableSizes",      {{kVolume, u"V"}, {kFile, u"F"}, {kInitial, u"abc"}, {kMaximum, u"x1"}},                     true,  {"V", "F", 0, 0}},
+    {"EmptyValueDropsEntry", {{kVolume, u";"}, {kFile, u"F"}, {kInitial, u"100"}, {kMaximum, u"500"}},                    false, {}},
 };
 // clang-format on
 
@@ -110,7 +96,7 @@ class SplitTest : public ConfigFixture, public ::testing::WithParamInterface<Spl
 TEST_P(SplitTest, ValidityAndValues) {
     const SplitRow& row = GetParam();
     EXPECT_FALSE(config_.isValidNodeSplitConfig()) << "before any setting";
-    ASSERT_EQ(set(Target::kVolume, Select::kSplit, row.text), 0);
+    ASSERT_EQ(set(Target::kVolume, Select::kSplit, selectDocument(row.elements)), 0);
     EXPECT_EQ(config_.isValidNodeSplitConfig(), row.valid);
     EXPECT_EQ(fields(config_.getSplitConfig()), fields(row.values));
     // Selected values are never replaced by automatic ones.
