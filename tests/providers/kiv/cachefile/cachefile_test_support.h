@@ -30,6 +30,26 @@ inline nlohmann::json machineWith(const std::vector<nlohmann::json>& volumes) {
     return {{"majorVersion", 10}, {"volumes", volumes}};
 }
 
+// A fixed volume of 100 GB with this much free.
+inline nlohmann::json fixedVolume(int number, std::initializer_list<const char*> paths,
+                                  std::uint64_t freeBytes, std::uint32_t attributes = 0x1) {
+    return testsupport::TempMachine::volume(number, paths, "fixed", "NTFS", 100 * kGB, freeBytes,
+                                            attributes);
+}
+
+// Fixed volumes 1, 2, ... at C:\, D:\, ... with these free GB, then `more`.
+inline nlohmann::json drives(std::initializer_list<std::uint64_t> freeGB,
+                             std::vector<nlohmann::json> more = {}) {
+    static const char* const kRoots[] = {"C:\\", "D:\\", "E:\\", "F:\\", "G:\\"};
+    std::vector<nlohmann::json> volumes;
+    for (const std::uint64_t gb : freeGB) {
+        const int number = static_cast<int>(volumes.size()) + 1;
+        volumes.push_back(fixedVolume(number, {kRoots[number - 1]}, gb * kGB));
+    }
+    volumes.insert(volumes.end(), more.begin(), more.end());
+    return machineWith(volumes);
+}
+
 // "\\?\Volume{...NN}\" and the same without the trailing backslash.
 inline std::u16string guid(int number) {
     return testsupport::TempMachine::guidName(number);
@@ -57,8 +77,6 @@ class HostCapture {
   public:
     HostCapture() { coordinator_.setFrameworkContext(log_.context()); }
     ~HostCapture() { coordinator_.setFrameworkContext(previous_); }
-    HostCapture(const HostCapture&) = delete;
-    HostCapture& operator=(const HostCapture&) = delete;
 
     std::vector<std::string> lines() {
         std::vector<std::string> lines;

@@ -19,10 +19,6 @@ namespace {
 using testsupport::TempMachine;
 using testsupport::utf8;
 
-nlohmann::json twoVolumeMachine() {
-    return machineWith({TempMachine::volume(1, {"C:\\"}), TempMachine::volume(2, {"D:\\"})});
-}
-
 // What is at `path`, as the plug-in would see it: "directory", "file" or
 // "absent".
 std::string kindOf(const std::u16string& path) {
@@ -31,17 +27,6 @@ std::string kindOf(const std::u16string& path) {
         return "absent";
     }
     return (attributes & os::FILE_ATTRIBUTE_DIRECTORY) != 0 ? "directory" : "file";
-}
-
-TEST(CacheFileNameTest, ExistingNameIsSkippedAndCounterAdvancesByTwo) {
-    TempMachine machine(twoVolumeMachine());
-    setCacheFileCounter(0);
-    createFileAt(u"D:\\_tarnKivCacheFile_0.KIV");
-
-    EXPECT_EQ(utf8(makeCacheFilePath(u"D:\\", u"")), "D:\\_tarnKivCacheFile_1.KIV");
-    EXPECT_EQ(cacheFileCounter(), 2u);
-    // The next name follows on without reusing a skipped value.
-    EXPECT_EQ(utf8(makeCacheFilePath(u"D:\\", u"")), "D:\\_tarnKivCacheFile_2.KIV");
 }
 
 TEST(CacheFileNameTest, SeparatorsAreSingleAndTheCounterAdvances) {
@@ -64,7 +49,7 @@ TEST(CacheFileNameTest, SeparatorsAreSingleAndTheCounterAdvances) {
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(utf8(row.root) + " + " + utf8(row.directory));
-        TempMachine machine(twoVolumeMachine());
+        TempMachine machine(drives({50, 50}));
         setCacheFileCounter(row.counter);
         EXPECT_EQ(utf8(makeCacheFilePath(row.root, row.directory)), row.expected);
         EXPECT_EQ(cacheFileCounter(), row.next);
@@ -75,7 +60,7 @@ TEST(CacheFileNameTest, SeparatorsAreSingleAndTheCounterAdvances) {
 }
 
 TEST(CacheFileNameTest, CreatesMissingParentsAndStopsOnImpossiblePaths) {
-    TempMachine machine(twoVolumeMachine());
+    TempMachine machine(drives({50, 50}));
     EXPECT_TRUE(createDirectoryPath(u"D:\\level1\\level2\\"));
     EXPECT_EQ(kindOf(u"D:\\level1\\level2"), "directory");
     // Existing directories are fine, with or without the trailing separator.
@@ -91,7 +76,7 @@ TEST(CacheFileNameTest, CreatesMissingParentsAndStopsOnImpossiblePaths) {
 }
 
 TEST(CacheFileNameTest, FileInTheWayFailsWithAlreadyExistsButPathIsReturned) {
-    TempMachine machine(twoVolumeMachine());
+    TempMachine machine(drives({50, 50}));
     createFileAt(u"D:\\blocker");
     for (const char16_t* directory : {u"D:\\blocker\\", u"D:\\blocker\\below\\"}) {
         SCOPED_TRACE(utf8(directory));
@@ -104,31 +89,35 @@ TEST(CacheFileNameTest, FileInTheWayFailsWithAlreadyExistsButPathIsReturned) {
     EXPECT_EQ(kindOf(u"D:\\blocker"), "file");
 }
 
-TEST(CacheFileNameTest, PathsOverTwoHundredSixtyCharactersNeverExist) {
-    // The volume GUID form may name longer paths, as placement does; the
-    // path is "\\?\Volume{...}\" (49) + directory + "\" + the file name (23).
+// An existing cache file is skipped, and the counter advances past it; a
+// path over 260 characters never exists, so its name is handed out again.
+// The volume GUID form may name such paths, as placement does: "\\?\Volume{
+// ...}\" (49) + directory + "\" + the file name (23).
+TEST(CacheFileNameTest, ExistingNamesAreSkippedUnlessThePathIsTooLong) {
     const struct {
         std::size_t directoryLength;
         bool exists;
-    } rows[] = {{187, true}, {188, false}};
-    for (const auto& [directoryLength, exists] : rows) {
-        SCOPED_TRACE(directoryLength);
-        TempMachine machine(twoVolumeMachine());
-        const std::u16string directory = guid(2) + std::u16string(directoryLength, u'd');
+        const char16_t* chosen;
+        std::uint32_t next;
+    } rows[] = {{187, true, u"\\_tarnKivCacheFile_1.KIV", 2},
+                {188, false, u"\\_tarnKivCacheFile_0.KIV", 1}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.directoryLength);
+        TempMachine machine(drives({50, 50}));
+        const std::u16string directory = guid(2) + std::u16string(row.directoryLength, u'd');
         ASSERT_TRUE(createDirectoryPath(directory));
         const std::u16string file = directory + u"\\_tarnKivCacheFile_0.KIV";
-        ASSERT_EQ(file.size(), 73 + directoryLength);  // 260, then 261
+        ASSERT_EQ(file.size(), 73 + row.directoryLength);  // 260, then 261
         createFileAt(file);
 
-        EXPECT_EQ(fileExists(file), exists);
+        EXPECT_EQ(fileExists(file), row.exists);
         // The directory itself is short enough and counts as existing.
         EXPECT_TRUE(fileExists(directory));
-        // A cache file behind a long path is not seen, so its name is handed
-        // out again.
         setCacheFileCounter(0);
         const std::u16string path =
-            makeCacheFilePath(guidRoot(2), std::u16string(directoryLength, u'd'));
-        EXPECT_EQ(utf8(path), utf8(exists ? directory + u"\\_tarnKivCacheFile_1.KIV" : file));
+            makeCacheFilePath(guidRoot(2), std::u16string(row.directoryLength, u'd'));
+        EXPECT_EQ(utf8(path), utf8(directory + row.chosen));
+        EXPECT_EQ(cacheFileCounter(), row.next);
     }
 }
 
@@ -196,7 +185,7 @@ TEST(CacheFileSizesTest, RulesClampsFloorsAndMessages) {
 }
 
 TEST(CacheFileSizesTest, TrailingSeparatorDoesNotHideTheOwnVolume) {
-    TempMachine machine(twoVolumeMachine());
+    TempMachine machine(drives({50, 50}));
     const CacheFileHints hints = hintsOf(0, 0, 10, 10);
     // 50 GB used and free: 10 percent each is 5,120 MB.
     EXPECT_EQ(computeCacheFileSizes(guid(2), guidRoot(2), hints), (CacheFileSizes{5120, 5120}));

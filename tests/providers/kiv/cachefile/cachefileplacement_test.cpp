@@ -26,24 +26,6 @@ using testsupport::TempMachine;
 using testsupport::utf16;
 using testsupport::utf8;
 
-nlohmann::json fixedVolume(int number, std::initializer_list<const char*> paths,
-                           std::uint64_t freeBytes, std::uint32_t attributes = 0x1) {
-    return TempMachine::volume(number, paths, "fixed", "NTFS", 100 * kGB, freeBytes, attributes);
-}
-
-// Fixed volumes 1, 2, ... at C:\, D:\, ... with these free GB, then `more`.
-nlohmann::json drives(std::initializer_list<std::uint64_t> freeGB,
-                      std::vector<nlohmann::json> more = {}) {
-    static const char* const kRoots[] = {"C:\\", "D:\\", "E:\\", "F:\\", "G:\\"};
-    std::vector<nlohmann::json> volumes;
-    for (const std::uint64_t gb : freeGB) {
-        const int number = static_cast<int>(volumes.size()) + 1;
-        volumes.push_back(fixedVolume(number, {kRoots[number - 1]}, gb * kGB));
-    }
-    volumes.insert(volumes.end(), more.begin(), more.end());
-    return machineWith(volumes);
-}
-
 // A machine of C:\ (volume 1) and volumes 2 to count + 1, each mounted only
 // below C:\ and listed in reverse, so that the machine's order is no answer.
 nlohmann::json mountedVolumes(int count, std::uint64_t (*freeOf)(int number)) {
@@ -98,32 +80,6 @@ std::string describe(const PlacementReport& report) {
         text += utf8(line) + "\n";
     }
     return text;
-}
-
-// Fixed V1 (the only target, 10 GB free), V2 and V3 (50 GB free each, V3
-// excluded), a CD-ROM V4, nothing preferred: the fallback leaves only V2.
-TEST(CachePlacementTest, WorkedCaseChoosesTheOnlyUsableOtherVolume) {
-    TempMachine machine(drives({10, 50, 50}, {TempMachine::volume(4, {"F:\\"}, "cdrom", "CDFS")}));
-    HostCapture host;
-    const Placement placement = place({guid(1)}, hintsWith({}, {u"E:"}));
-    const PlacementReport& report = placement.report;
-    SCOPED_TRACE(describe(report));
-
-    ASSERT_TRUE(placement.result);
-    EXPECT_EQ(placement.paths, std::vector{fileOn(2, 0)});
-    EXPECT_EQ(placement.sizes, std::vector<CacheFileSizes>(1, {0, tenPercentMB(50 * kGB)}));
-    // The cache volume is not the target, so there is no sizing line either.
-    EXPECT_EQ(host.lines(), std::vector<std::string>{});
-    EXPECT_EQ(report.outcome, PlacementOutcome::kFallback);
-    EXPECT_TRUE(report.preferred.empty());
-    ASSERT_EQ(report.fallback.size(), 4u);
-    EXPECT_EQ(report.fallback[0].removal, PlacementRemoval::kTarget);
-    EXPECT_EQ(report.fallback[1].removal, PlacementRemoval::kNone);
-    EXPECT_EQ(report.fallback[2].removal, PlacementRemoval::kExcluded);
-    EXPECT_EQ(report.fallback[3].removal, PlacementRemoval::kNotFixed);
-    EXPECT_EQ(report.fallback[3].detail, 5u);
-    ASSERT_EQ(report.order.size(), 1u);
-    EXPECT_EQ(utf8(report.cacheVolume), utf8(guid(2)));
 }
 
 // One preferred name: each spelling finds its volume, each suitability test
@@ -191,7 +147,8 @@ TEST(CachePlacementTest, OnePreferredNameIsFoundOrRemoved) {
 }
 
 // V1 and V2 may be targets; V3 (40 GB free), V4 (30 GB) and V5 (20 GB) are
-// further fixed volumes.
+// further fixed volumes, V6 a CD-ROM. A row without fallback verdicts is
+// decided among the preferred volumes.
 TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
     struct Row {
         const char* name;
@@ -199,32 +156,41 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
         std::vector<std::u16string> preferred;
         std::vector<std::u16string> excluded;
         int chosen;
-        PlacementOutcome outcome;
+        std::vector<PlacementRemoval> fallback;  // verdicts on V1 to V6
     };
+    using enum PlacementRemoval;
     // clang-format off
     const Row rows[] = {
-        {"PreferredBeatsExcluded",      {guid(1)},          {u"G:"},           {u"g:\\"},        5, PlacementOutcome::kPreferred},
-        {"ExcludedSkippedInFallback",   {guid(1)},          {},                {u"D:"},          3, PlacementOutcome::kFallback},
-        {"SeveralExcluded",             {guid(1)},          {},                {u"d:\\", u"E:"}, 4, PlacementOutcome::kFallback},
-        {"MostFreeSpaceAmongPreferred", {guid(1)},          {u"G:", u"F:"},    {},               4, PlacementOutcome::kPreferred},
+        {"PreferredBeatsExcluded",      {guid(1)},          {u"G:"},           {u"g:\\"},        5, {}},
+        {"ExcludedSkippedInFallback",   {guid(1)},          {},                {u"D:"},          3, {kTarget, kExcluded, kNone, kNone, kNone, kNotFixed}},
+        {"SeveralExcluded",             {guid(1)},          {},                {u"d:\\", u"E:"}, 4, {kTarget, kExcluded, kExcluded, kNone, kNone, kNotFixed}},
+        {"MostFreeSpaceAmongPreferred", {guid(1)},          {u"G:", u"F:"},    {},               4, {}},
         // A single target may keep the cache on its own volume if preferred.
-        {"SingleTargetOnItsOwnPreferredVolume", {guid(1)},  {u"C:"},           {},               1, PlacementOutcome::kPreferred},
+        {"SingleTargetOnItsOwnPreferredVolume", {guid(1)},  {u"C:"},           {},               1, {}},
         // With two targets their volumes never hold the shared cache.
-        {"TwoTargetsExhaustThePreferredList", {guid(1), guid(2)}, {guid(1), guid(2)}, {},        3, PlacementOutcome::kFallback},
-        {"TargetsNotInTheFallback",     {guid(2), guid(1)}, {},                {},               3, PlacementOutcome::kFallback},
+        {"TwoTargetsExhaustThePreferredList", {guid(1), guid(2)}, {guid(1), guid(2)}, {},        3, {kTarget, kTarget, kNone, kNone, kNone, kNotFixed}},
+        {"TargetsNotInTheFallback",     {guid(2), guid(1)}, {},                {},               3, {kTarget, kTarget, kNone, kNone, kNone, kNotFixed}},
     };
     // clang-format on
     const std::uint64_t freeGB[] = {0, 90, 80, 40, 30, 20};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        TempMachine machine(drives({90, 80, 40, 30, 20}));
+        TempMachine machine(
+            drives({90, 80, 40, 30, 20}, {TempMachine::volume(6, {"H:\\"}, "cdrom", "CDFS")}));
         HostCapture host;
         const Placement placement = place(row.targets, hintsWith(row.preferred, row.excluded));
-        SCOPED_TRACE(describe(placement.report));
+        const PlacementReport& report = placement.report;
+        SCOPED_TRACE(describe(report));
 
         ASSERT_TRUE(placement.result);
-        EXPECT_EQ(placement.report.outcome, row.outcome);
-        EXPECT_EQ(utf8(placement.report.cacheVolume), utf8(guid(row.chosen)));
+        EXPECT_EQ(report.outcome, row.fallback.empty() ? PlacementOutcome::kPreferred
+                                                       : PlacementOutcome::kFallback);
+        std::vector<PlacementRemoval> verdicts;
+        for (const PlacementCandidate& candidate : report.fallback) {
+            verdicts.push_back(candidate.removal);
+        }
+        EXPECT_EQ(verdicts, row.fallback);
+        EXPECT_EQ(utf8(report.cacheVolume), utf8(guid(row.chosen)));
         ASSERT_EQ(placement.paths.size(), row.targets.size());
         ASSERT_EQ(placement.sizes.size(), row.targets.size());
         for (std::size_t i = 0; i < row.targets.size(); ++i) {

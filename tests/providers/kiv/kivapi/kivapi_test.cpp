@@ -39,13 +39,11 @@ nlohmann::json machineOfVersion(int major) {
 os::DWORD bindingError() {
     try {
         const KivApi& api = *kivApi();
-        auto bound = [](auto entry) { return entry != nullptr; };
-        const bool complete = bound(api.open) && bound(api.close) && bound(api.deviceIoControl) &&
-                              bound(api.read) && bound(api.prepare) && bound(api.create) &&
-                              bound(api.destroy) && bound(api.getAsyncResult) &&
-                              bound(api.cancelAsyncOperation) && bound(api.getVolumeInformation) &&
-                              bound(api.generateVolumeName) && bound(api.getCacheMap) &&
-                              bound(api.freeResource) && api.module != nullptr;
+        const bool complete = api.open && api.close && api.deviceIoControl && api.read &&
+                              api.prepare && api.create && api.destroy && api.getAsyncResult &&
+                              api.cancelAsyncOperation && api.getVolumeInformation &&
+                              api.generateVolumeName && api.getCacheMap && api.freeResource &&
+                              api.module != nullptr;
         return complete ? 0 : 0xFFFFFFFF;
     } catch (os::DWORD code) {
         return code;
@@ -75,16 +73,15 @@ FIKIV_CHILD_ROLE(bindWithout) {
 // Many threads ask for the table at once: it is built once, from one load.
 FIKIV_CHILD_ROLE(concurrentFirstUse) {
     std::vector<KivApi*> seen(32, nullptr);
-    std::vector<std::thread> threads;
-    std::latch start(static_cast<std::ptrdiff_t>(seen.size()));
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        threads.emplace_back([&seen, &start, i] {
-            start.arrive_and_wait();
-            seen[i] = kivApi();
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
+    {
+        std::latch start(static_cast<std::ptrdiff_t>(seen.size()));
+        std::vector<std::jthread> threads;
+        for (KivApi*& api : seen) {
+            threads.emplace_back([&api, &start] {
+                start.arrive_and_wait();
+                api = kivApi();
+            });
+        }
     }
     ChildChecks checks;
     for (KivApi* api : seen) {
