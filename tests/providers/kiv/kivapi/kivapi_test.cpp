@@ -6,9 +6,7 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <latch>
 #include <string>
 #include <thread>
@@ -16,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "kiv/cachefile/cachefileplacement.h"
 #include "kiv/cachefile/providermutex.h"
 #include "os/error.h"
 #include "os/handle.h"
@@ -24,73 +23,48 @@
 #include "sim/hooks.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
+#include "support/wide_text.h"
 
 namespace {
 
+using testsupport::ChildChecks;
 using testsupport::TempMachine;
 
 nlohmann::json machineOfVersion(int major) {
     return {{"majorVersion", major}, {"volumes", {TempMachine::volume(1, {"C:\\"})}}};
 }
 
-// The code kivApi() throws, or 0 when it builds the table.
+// The code kivApi() throws, or 0 when it builds a table with every entry
+// point (also the ones the plug-in never calls) and the library handle.
 os::DWORD bindingError() {
     try {
-        KivApi* api = kivApi();
-        return api != nullptr && api->module != nullptr ? 0 : 0xFFFFFFFF;
+        const KivApi& api = *kivApi();
+        const bool complete = api.open && api.close && api.deviceIoControl && api.read &&
+                              api.prepare && api.create && api.destroy && api.getAsyncResult &&
+                              api.cancelAsyncOperation && api.getVolumeInformation &&
+                              api.generateVolumeName && api.getCacheMap && api.freeResource &&
+                              api.module != nullptr;
+        return complete ? 0 : 0xFFFFFFFF;
     } catch (os::DWORD code) {
         return code;
     }
 }
 
-bool tableComplete(const KivApi& api) {
-    const void* entries[] = {
-        reinterpret_cast<const void*>(api.open),
-        reinterpret_cast<const void*>(api.close),
-        reinterpret_cast<const void*>(api.deviceIoControl),
-        reinterpret_cast<const void*>(api.read),
-        reinterpret_cast<const void*>(api.prepare),
-        reinterpret_cast<const void*>(api.create),
-        reinterpret_cast<const void*>(api.destroy),
-        reinterpret_cast<const void*>(api.getAsyncResult),
-        reinterpret_cast<const void*>(api.cancelAsyncOperation),
-        reinterpret_cast<const void*>(api.getVolumeInformation),
-        reinterpret_cast<const void*>(api.generateVolumeName),
-        reinterpret_cast<const void*>(api.getCacheMap),
-        reinterpret_cast<const void*>(api.freeResource),
-    };
-    for (const void* entry : entries) {
-        if (entry == nullptr) {
-            return false;
-        }
+// Makes the library (no argument) or one of its exports (the argument)
+// unavailable: the first use throws the code LoadLibraryW or GetProcAddress
+// left, a second use tries again and fails the same way, and once the fault
+// is gone the table is built.
+FIKIV_CHILD_ROLE(bindWithout) {
+    ChildChecks checks;
+    os::DWORD expected = os::ERROR_MOD_NOT_FOUND;
+    if (arguments.empty()) {
+        sim::makeLibraryMissing("kivapi.dll");
+    } else {
+        sim::makeUnbindable("kivapi.dll", arguments[0]);
+        expected = os::ERROR_PROC_NOT_FOUND;
     }
-    return api.module != nullptr;
-}
-
-using testsupport::publishFile;
-using testsupport::waitForFile;
-
-// --- child roles ------------------------------------------------------------
-
-// The library is missing, then comes back: the first use throws the code
-// LoadLibraryW left, the next one loads it.
-FIKIV_CHILD_ROLE(missingLibrary) {
-    testsupport::ChildChecks checks;
-    sim::makeLibraryMissing("kivapi.dll");
-    FIKIV_CHILD_FAIL_IF(checks, bindingError() != os::ERROR_MOD_NOT_FOUND);
-    FIKIV_CHILD_FAIL_IF(checks,
-                        bindingError() != os::ERROR_MOD_NOT_FOUND);  // tried again, still missing
-    sim::clearFaults();
-    FIKIV_CHILD_FAIL_IF(checks, bindingError() != 0);
-    FIKIV_CHILD_FAIL_IF(checks, !tableComplete(*kivApi()));
-    return checks.failures();
-}
-
-// One export missing, even one that is never called: no table.
-FIKIV_CHILD_ROLE(unbindableExport) {
-    testsupport::ChildChecks checks;
-    sim::makeUnbindable("kivapi.dll", arguments.at(0));
-    FIKIV_CHILD_FAIL_IF(checks, bindingError() != os::ERROR_PROC_NOT_FOUND);
+    FIKIV_CHILD_FAIL_IF(checks, bindingError() != expected);
+    FIKIV_CHILD_FAIL_IF(checks, bindingError() != expected);
     sim::clearFaults();
     FIKIV_CHILD_FAIL_IF(checks, bindingError() != 0);
     return checks.failures();
@@ -99,18 +73,17 @@ FIKIV_CHILD_ROLE(unbindableExport) {
 // Many threads ask for the table at once: it is built once, from one load.
 FIKIV_CHILD_ROLE(concurrentFirstUse) {
     std::vector<KivApi*> seen(32, nullptr);
-    std::vector<std::thread> threads;
-    std::latch start(static_cast<std::ptrdiff_t>(seen.size()));
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        threads.emplace_back([&seen, &start, i] {
-            start.arrive_and_wait();
-            seen[i] = kivApi();
-        });
+    {
+        std::latch start(static_cast<std::ptrdiff_t>(seen.size()));
+        std::vector<std::jthread> threads;
+        for (KivApi*& api : seen) {
+            threads.emplace_back([&api, &start] {
+                start.arrive_and_wait();
+                api = kivApi();
+            });
+        }
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    testsupport::ChildChecks checks;
+    ChildChecks checks;
     for (KivApi* api : seen) {
         FIKIV_CHILD_FAIL_IF(checks, api == nullptr || api != seen.front());
     }
@@ -118,16 +91,17 @@ FIKIV_CHILD_ROLE(concurrentFirstUse) {
     return checks.failures();
 }
 
-// Opens the provider mutex, then checks under which name it exists.
+// Opens the provider mutex, then checks that it exists under the first name
+// and not under the second.
 FIKIV_CHILD_ROLE(mutexName) {
-    testsupport::ChildChecks checks;
-    const std::u16string expected(arguments.at(0).begin(), arguments.at(0).end());
-    const std::u16string other(arguments.at(1).begin(), arguments.at(1).end());
+    ChildChecks checks;
     FIKIV_CHILD_FAIL_IF(checks, ProviderMutex() == nullptr);
     FIKIV_CHILD_FAIL_IF(checks, ProviderMutex() != ProviderMutex());  // one handle per process
-    os::UniqueHandle same(os::CreateMutexW(nullptr, os::FALSE, expected.c_str()));
+    os::UniqueHandle same(
+        os::CreateMutexW(nullptr, os::FALSE, testsupport::utf16(arguments.at(0)).c_str()));
     FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_ALREADY_EXISTS);
-    os::UniqueHandle unrelated(os::CreateMutexW(nullptr, os::FALSE, other.c_str()));
+    os::UniqueHandle other(
+        os::CreateMutexW(nullptr, os::FALSE, testsupport::utf16(arguments.at(1)).c_str()));
     FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_SUCCESS);
     return checks.failures();
 }
@@ -135,8 +109,8 @@ FIKIV_CHILD_ROLE(mutexName) {
 // Holds the provider mutex until told to let go.
 FIKIV_CHILD_ROLE(holdMutex) {
     ProviderMutexLock lock(ProviderMutex());
-    publishFile(arguments.at(0));
-    return waitForFile(arguments.at(1)) ? 0 : 1;
+    testsupport::publishFile(arguments.at(0));
+    return testsupport::waitForFile(arguments.at(1)) ? 0 : 1;
 }
 
 // Takes the provider mutex and ends without releasing it.
@@ -147,50 +121,45 @@ FIKIV_CHILD_ROLE(dieHoldingMutex) {
     _exit(0);
 }
 
-// Tries the lock on the virtual clock; argument "timeout", "abandoned" or
-// "free" says what must happen.
-FIKIV_CHILD_ROLE(tryMutex) {
+// Places the cache file of volume 1 on the virtual clock; the argument says
+// what must happen: "placed" (the first name of a process, on the target's
+// own volume, the only one), "timeout" (nothing placed after the whole 10 s
+// wait) or "abandoned" (nothing placed, no wait).
+FIKIV_CHILD_ROLE(placeUnderMutex) {
     sim::useVirtualClock(true);
     const std::string expected = arguments.at(0);
-    bool obtained = false;
-    try {
-        ProviderMutexLock lock(ProviderMutex());
-        obtained = true;
-    } catch (bool value) {
-        if (value) {
-            return 1;  // the failure signal is false, always
-        }
-    }
-    if (expected == "free") {
-        return obtained ? 0 : 1;
-    }
-    if (obtained) {
-        return 1;
-    }
+    const std::u16string target = TempMachine::guidName(1);
+    std::vector<std::u16string> paths;
+    std::vector<CacheFileSizes> sizes;
+    PlacementReport report;
+    const bool placed =
+        placeCacheFiles(ProviderMutex(), {target}, CacheFileHints{}, paths, sizes, &report);
     const std::vector<std::uint32_t> waits = sim::recordedWaits();
-    if (expected == "timeout") {
-        // The whole 10 s were waited, on the virtual clock.
-        return waits == std::vector<std::uint32_t>{kProviderMutexWaitMs} ? 0 : 1;
+    ChildChecks checks;
+    if (expected == "placed") {
+        FIKIV_CHILD_FAIL_IF(checks, !placed || sizes.size() != 1);
+        FIKIV_CHILD_FAIL_IF(checks, paths != std::vector{target + u"_tarnKivCacheFile_0.KIV"});
+        return checks.failures();
     }
-    return waits.empty() ? 0 : 1;  // abandonment is reported without waiting
+    FIKIV_CHILD_FAIL_IF(checks, placed || !paths.empty() || !sizes.empty());
+    FIKIV_CHILD_FAIL_IF(checks, report.outcome != PlacementOutcome::kMutexNotObtained);
+    const std::vector<std::uint32_t> expectedWaits =
+        expected == "timeout" ? std::vector{kProviderMutexWaitMs} : std::vector<std::uint32_t>{};
+    FIKIV_CHILD_FAIL_IF(checks, waits != expectedWaits);
+    return checks.failures();
 }
 
 int runChild(const std::string& role, const std::vector<std::string>& arguments = {}) {
     return testsupport::waitChild(testsupport::startChild(role, arguments));
 }
 
-// --- tests ------------------------------------------------------------------
-
-TEST(KivApiTest, MissingLibraryThrowsItsCodeAndIsRetried) {
+TEST(KivApiTest, MissingLibraryOrExportThrowsItsCodeAndIsRetried) {
     TempMachine machine(machineOfVersion(10));
-    EXPECT_EQ(runChild("missingLibrary"), 0);
-}
-
-TEST(KivApiTest, LibraryLackingOneExportIsNotBound) {
-    TempMachine machine(machineOfVersion(10));
-    for (const char* name : {"KIV_Open", "KIV_GetCacheMap", "KIV_FreeResource"}) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(runChild("unbindableExport", {name}), 0);
+    const std::vector<std::string> rows[] = {
+        {}, {"KIV_Open"}, {"KIV_GetCacheMap"}, {"KIV_FreeResource"}};
+    for (const std::vector<std::string>& missing : rows) {
+        SCOPED_TRACE(missing.empty() ? "kivapi.dll" : missing[0]);
+        EXPECT_EQ(runChild("bindWithout", missing), 0);
     }
 }
 
@@ -199,42 +168,18 @@ TEST(KivApiTest, ConcurrentFirstUsesBuildTheTableOnce) {
     EXPECT_EQ(runChild("concurrentFirstUse"), 0);
 }
 
-TEST(KivApiTest, ForwardingCallsReachTheDriver) {
-    TempMachine machine(machineOfVersion(10));
-    KivApi* api = kivApi();
-    ASSERT_TRUE(tableComplete(*api));
-    EXPECT_EQ(kivApi(), api);
-
-    char* name = nullptr;
-    ASSERT_EQ(KIV_GenerateVolumeName(api, 2, &name), 0u);
-    ASSERT_NE(name, nullptr);
-    EXPECT_STREQ(name, "GLOBALROOT\\Device\\KivSnapshot1");
-    EXPECT_EQ(KIV_FreeResource(api, &name), 0u);
-    EXPECT_EQ(name, nullptr);
-
-    KivHandle volume = kInvalidKivHandle;
-    ASSERT_EQ(KIV_Open(api, "C:", 3, 128, 3, 1000, &volume), 0u);
-    KivVolumeInformation information{};
-    EXPECT_EQ(KIV_GetVolumeInformation(api, volume, sizeof(information), &information), 0u);
-    EXPECT_EQ(information.attributes, 0x1u);
-    KIV_Close(api, &volume);
-
-    // Scripted driver answers come through unchanged.
-    sim::injectFault("KIV_Destroy", 5);
-    KivHandle none = kInvalidKivHandle;
-    EXPECT_EQ(KIV_Destroy(api, &none, 1), 5u);
-}
-
 TEST(ProviderMutexTest, NameFollowsTheSystemVersion) {
+    // clang-format off
     const struct {
         int major;
         const char* name;
         const char* other;
     } rows[] = {
-        {4, "tarn_kiv_mutex", "Global\\tarn_kiv_mutex"},
-        {5, "Global\\tarn_kiv_mutex", "tarn_kiv_mutex"},
+        {4,  "tarn_kiv_mutex",         "Global\\tarn_kiv_mutex"},
+        {5,  "Global\\tarn_kiv_mutex", "tarn_kiv_mutex"},
         {10, "Global\\tarn_kiv_mutex", "tarn_kiv_mutex"},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SCOPED_TRACE("major version " + std::to_string(row.major));
         TempMachine machine(machineOfVersion(row.major));
@@ -242,28 +187,28 @@ TEST(ProviderMutexTest, NameFollowsTheSystemVersion) {
     }
 }
 
-TEST(ProviderMutexTest, HolderInAnotherProcessMakesTheLockFail) {
+TEST(ProviderMutexTest, PlacementFailsWhileAnotherProcessHoldsTheMutex) {
     TempMachine machine(machineOfVersion(10));
     const std::filesystem::path ready = machine.directory() / "holding";
     const std::filesystem::path release = machine.directory() / "release";
     const pid_t holder = testsupport::startChild("holdMutex", {ready.string(), release.string()});
-    ASSERT_TRUE(waitForFile(ready));
-    EXPECT_EQ(runChild("tryMutex", {"timeout"}), 0);
-    publishFile(release);
+    ASSERT_TRUE(testsupport::waitForFile(ready));
+    EXPECT_EQ(runChild("placeUnderMutex", {"timeout"}), 0);
+    testsupport::publishFile(release);
     EXPECT_EQ(testsupport::waitChild(holder), 0);
-    EXPECT_EQ(runChild("tryMutex", {"free"}), 0);
+    EXPECT_EQ(runChild("placeUnderMutex", {"placed"}), 0);
 }
 
-TEST(ProviderMutexTest, AbandonedMutexMakesTheLockFailOnce) {
+TEST(ProviderMutexTest, PlacementFailsOnceOnAnAbandonedMutex) {
     TempMachine machine(machineOfVersion(10));
     // Keeps the mutex alive across the processes, as a second provider
     // process would.
     os::UniqueHandle keeper(os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex"));
     ASSERT_TRUE(keeper.valid());
     ASSERT_EQ(runChild("dieHoldingMutex"), 0);
-    EXPECT_EQ(runChild("tryMutex", {"abandoned"}), 0);
+    EXPECT_EQ(runChild("placeUnderMutex", {"abandoned"}), 0);
     // The failed placement handed the mutex back, so the next one gets it.
-    EXPECT_EQ(runChild("tryMutex", {"free"}), 0);
+    EXPECT_EQ(runChild("placeUnderMutex", {"placed"}), 0);
 }
 
 }  // namespace

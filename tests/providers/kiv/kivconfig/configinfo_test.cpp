@@ -7,7 +7,6 @@
 
 #include "kiv/kivconfig/kivconfig.h"
 #include "kivconfig_test_util.h"
-#include "tarn/msgcatalog.h"
 #include "support/row_name.h"
 
 namespace kivconfigtest {
@@ -55,90 +54,40 @@ struct InfoRow {
 };
 FIKIV_PRINT_ROW_NAME(InfoRow)
 
+// clang-format off
 const InfoRow kInfoRows[] = {
-    {"GroupQuiesce", Target::kGroup, Select::kQuiesce, 0, kQuiesceInfo},
-    {"GroupCache", Target::kGroup, Select::kSplit, 0, kCacheInfo},
-    {"VolumeSplit", Target::kVolume, Select::kSplit, 0, kSplitInfo},
-    {"VolumeQuiesce", Target::kVolume, Select::kQuiesce, 0, u"<null>"},
-    {"GroupNoSelector", Target::kGroup, Select::kNone, 3, u"<untouched>"},
-    {"GroupBothSelectors", Target::kGroup, Select::kBoth, 3, u"<untouched>"},
-    {"VolumeNoSelector", Target::kVolume, Select::kNone, 3, u"<untouched>"},
-    {"VolumeBothSelectors", Target::kVolume, Select::kBoth, 3, u"<untouched>"},
+    {"GroupQuiesce",        Target::kGroup,  Select::kQuiesce, 0, kQuiesceInfo},
+    {"GroupCache",          Target::kGroup,  Select::kSplit,   0, kCacheInfo},
+    {"VolumeSplit",         Target::kVolume, Select::kSplit,   0, kSplitInfo},
+    {"VolumeQuiesce",       Target::kVolume, Select::kQuiesce, 0, u"<null>"},
+    {"GroupNoSelector",     Target::kGroup,  Select::kNone,    3, kUntouched},
+    {"GroupBothSelectors",  Target::kGroup,  Select::kBoth,    3, kUntouched},
+    {"VolumeNoSelector",    Target::kVolume, Select::kNone,    3, kUntouched},
+    {"VolumeBothSelectors", Target::kVolume, Select::kBoth,    3, kUntouched},
 };
+// clang-format on
 
 class InfoTest : public ConfigFixture, public ::testing::WithParamInterface<InfoRow> {
   protected:
-    // The document getConfigInfo hands over, or "<null>" / "<untouched>".
-    std::u16string info(Target target, Select select, std::int32_t expectedResult) {
-        static const char16_t kSentinel[] = u"<untouched>";
-        tarn_config_request r = request(select, kSentinel);
-        EXPECT_EQ(config_.getConfigInfo(record(target), nullptr, &r), expectedResult);
-        if (r.text == nullptr) {
-            return u"<null>";
-        }
-        if (r.text == kSentinel) {
-            return kSentinel;
-        }
-        return takeText(r);
+    // The document getConfigInfo hands over (see handedBack).
+    std::u16string info(const InfoRow& row) {
+        tarn_config_request r = request(row.select, kUntouched);
+        EXPECT_EQ(config_.getConfigInfo(record(row.target), nullptr, &r), row.result);
+        return handedBack(r);
     }
 };
 
 TEST_P(InfoTest, DocumentIsExactAndReused) {
     const InfoRow& row = GetParam();
-    EXPECT_EQ(info(row.target, row.select, row.result), row.expected);
+    EXPECT_EQ(info(row), row.expected);
     // The second request gets an equal copy of the kept document.
-    EXPECT_EQ(info(row.target, row.select, row.result), row.expected);
+    EXPECT_EQ(info(row), row.expected);
     // Clearing the settings does not touch the documents.
     config_.clearAll();
-    EXPECT_EQ(info(row.target, row.select, row.result), row.expected);
+    EXPECT_EQ(info(row), row.expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Requests, InfoTest, ::testing::ValuesIn(kInfoRows),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(ConfigFixture, InfoWithoutBufferAnswersOutOfMemoryAndKeepsText) {
-    const char16_t sentinel[] = u"before";
-    tarn_config_request r = request(Select::kQuiesce, sentinel);
-    tarn_test_fail_alloc(/*skip=*/0, /*count=*/1);
-    EXPECT_EQ(config_.getConfigInfo(&groupRecord_, nullptr, &r), 5);
-    tarn_test_fail_alloc(0, 0);
-    EXPECT_EQ(r.text, sentinel);
-}
-
-// The key lists behind the documents carry the catalogue's help texts, fetched
-// under each key's own id; the directory key has none.
-TEST_F(ConfigFixture, HelpTextsComeFromTheActiveCatalogue) {
-    struct Expected {
-        const std::vector<ConfigKeyDescriptor>& keys;
-        std::vector<const char*> ids;
-    };
-    KivFiCoordinator::instance().initCatalogues(nullptr);
-    tarp_MsgCatalog* catalogue = activeCatalogue();
-    ASSERT_NE(catalogue, nullptr);
-    KivConfig config;
-    const Expected groups[] = {
-        {config.splitKeys(),
-         {"MSG_CFGHELPTEXT_SNAPSHOTVOLUMENAME", "MSG_CFGHELPTXT_CACHEFILENAME",
-          "MSG_CFGHELPTXT_INITIALCACHEFILESIZE", "MSG_CFGHELPTXT_MAXCACHEFILESIZE"}},
-        {config.quiesceKeys(), {"MSG_CFGHELPTXT_QUIESCEWAITTIME", "MSG_CFGHELPTXT_QUIESCETIMEOUT"}},
-        {config.cacheKeys(),
-         {"MSG_CFGHELPTXT_CACHEFILEALLOWEDVOLS", "MSG_CFGHELPTXT_CACHEFILEEXCLUDEDVOLS",
-          "MSG_CFGHELPTXT_CACHEFILEINITSIZEMB", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEMB",
-          "MSG_CFGHELPTXT_CACHEFILEINITSIZEPCT", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEPCT", nullptr}},
-    };
-    for (const Expected& group : groups) {
-        ASSERT_EQ(group.keys.size(), group.ids.size());
-        for (std::size_t i = 0; i < group.ids.size(); ++i) {
-            const char* id = group.ids[i];
-            SCOPED_TRACE(id != nullptr ? id : "no id");
-            const char16_t* expected = id != nullptr ? catalogue->getCachedMsg(id, false) : nullptr;
-            EXPECT_EQ(group.keys[i].helpText, expected);
-            if (id != nullptr) {
-                EXPECT_NE(expected, nullptr) << "the catalogue lacks the help text";
-            }
-        }
-    }
-}
+INSTANTIATE_TEST_SUITE_P(Requests, InfoTest, ::testing::ValuesIn(kInfoRows), kRowName);
 
 }  // namespace
 }  // namespace kivconfigtest

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,10 +20,6 @@ namespace kivconfigtest {
 enum class Target { kGroup, kVolume };
 enum class Select { kSplit, kQuiesce, kNone, kBoth };
 
-inline const char* targetName(Target target) {
-    return target == Target::kGroup ? "group" : "volume";
-}
-
 inline tarn_config_request request(Select select, const char16_t* text) {
     tarn_config_request request{};
     request.split_selector = (select == Select::kSplit || select == Select::kBoth) ? 0x10 : 0;
@@ -33,10 +28,14 @@ inline tarn_config_request request(Select select, const char16_t* text) {
     return request;
 }
 
-// A settings document with one element per (key, value).
-inline std::u16string document(
-    std::initializer_list<std::pair<std::u16string, std::u16string>> elements,
-    const std::u16string& mode = u"") {
+// Names each instance of a table-driven suite after its row.
+inline constexpr auto kRowName = [](const auto& info) { return std::string(info.param.name); };
+
+using Elements = std::vector<std::pair<std::u16string, std::u16string>>;
+
+// A settings document with one element per (key, value), after a mode
+// element when `mode` is given.
+inline std::u16string document(const Elements& elements, const std::u16string& mode = u"") {
     std::u16string text = u"<SET_CONFIG_INFO_LIST> ";
     if (!mode.empty()) {
         text += u"<SET_CONFIG_INFO key=cs_flags value=" + mode + u" /> ";
@@ -47,15 +46,23 @@ inline std::u16string document(
     return text + u"</SET_CONFIG_INFO_LIST>";
 }
 
-inline std::u16string selectDocument(
-    std::initializer_list<std::pair<std::u16string, std::u16string>> elements) {
+inline std::u16string selectDocument(const Elements& elements) {
     return document(elements, u"TARN_CFS_SELECT_PREP");
 }
 
-// Takes over a buffer handed to the host: returns its text and frees it with
-// the size the host assumes (2 x (length + 1) bytes), which the framework
-// library checks against the allocation.
-inline std::u16string takeText(tarn_config_request& request) {
+// The text of a request made with kUntouched: "<untouched>" when the
+// operation left it, "<null>" when it cleared it, else the text of the
+// buffer handed to the host, which is then freed with the size the host
+// assumes (2 x (length + 1) bytes; the framework library checks it).
+inline constexpr char16_t kUntouched[] = u"<untouched>";
+
+inline std::u16string handedBack(tarn_config_request& request) {
+    if (request.text == nullptr) {
+        return u"<null>";
+    }
+    if (request.text == kUntouched) {
+        return kUntouched;
+    }
     std::u16string text(request.text);
     tarn_free_buf(request.text, 2 * (text.size() + 1));
     request.text = nullptr;
@@ -81,8 +88,9 @@ class KivConfigTestPeer {
 
 namespace kivconfigtest {
 
-// A fixture with one configuration and the two kinds of records; makes sure
-// the coordinator (which knows the group object) exists.
+// One configuration and the two kinds of records; makes sure the coordinator
+// (which knows the group object) exists, and that every buffer handed to the
+// host was taken with the right size.
 class ConfigFixture : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { KivFiCoordinator::instance(); }
@@ -114,18 +122,11 @@ class ConfigFixture : public ::testing::Test {
         tarn_config_request r = request(select, text.c_str());
         return config_.update(record(target), &r);
     }
-    // The text get hands back, or "<untouched>" / "<null>".
+    // What get hands back (see handedBack); get always answers 0.
     std::u16string get(Target target, Select select) {
-        static const char16_t kSentinel[] = u"<untouched>";
-        tarn_config_request r = request(select, kSentinel);
+        tarn_config_request r = request(select, kUntouched);
         EXPECT_EQ(config_.get(record(target), nullptr, &r), 0);
-        if (r.text == nullptr) {
-            return u"<null>";
-        }
-        if (r.text == kSentinel) {
-            return kSentinel;
-        }
-        return takeText(r);
+        return handedBack(r);
     }
 
     tarn_node groupRecord_{};
