@@ -51,75 +51,45 @@ void printLine(const host::HostMessage& message) {
     }
 }
 
-int fail(const char* step, std::int32_t status) {
-    std::fprintf(stderr, "exit_host: %s answered %d\n", step, status);
-    return 3;
+// Ends the run with exit code 3 when a step did not answer as expected.
+void require(const char* step, std::int32_t status, std::int32_t expected = 0) {
+    if (status != expected) {
+        std::fprintf(stderr, "exit_host: %s answered %d\n", step, status);
+        std::_Exit(3);
+    }
 }
 
 // A node for `volume`, interposed first as a host would. The record stays
 // with the node until the plug-in goes.
-int attachVolume(const char16_t* volume, host::HostNode** record) {
+host::HostNode* attachVolume(const char16_t* volume) {
     host::HostNode source(volume);
     tarn_objid* identity = nullptr;
     tarn_objid** groups = nullptr;
     std::uint32_t count = 0;
-    if (std::int32_t status = plugin->interpose(source.record(), &identity, &groups, &count);
-        status != 1) {
-        return fail("interpose", status);
-    }
-    *record = new host::HostNode(identity);
-    if (std::int32_t status = plugin->init_node((*record)->record(), nullptr, 0, nullptr);
-        status != 0) {
-        return fail("initNode", status);
-    }
-    return 0;
+    require("interpose", plugin->interpose(source.record(), &identity, &groups, &count), 1);
+    auto* record = new host::HostNode(identity);
+    require("initNode", plugin->init_node(record->record(), nullptr, 0, nullptr));
+    return record;
 }
 
-int init() {
-    tarn_version version{};
-    if (std::int32_t status = plugin->init(context->context(), &version); status != 0) {
-        return fail("init", status);
-    }
-    return 0;
-}
-
-int askForAutomaticPreparation(host::HostNode* volume) {
-    std::u16string document =
-        u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_AUTO_PREP /> "
-        u"</SET_CONFIG_INFO_LIST>";
-    tarn_config_request request{};
-    request.split_selector = 1;
-    request.text = document.data();
-    if (std::int32_t status = plugin->config(volume->record(), 2, nullptr, &request); status != 0) {
-        return fail("config", status);
-    }
-    return 0;
-}
-
-// C: and E: prepared together: the volume nodes hold their source volumes'
-// handles and C:'s node the snapshot set's.
-int prepareTwoVolumes() {
+// C: and E: prepared together, their caches placed automatically: the volume
+// nodes hold their source volumes' handles and C:'s node the snapshot set's.
+void prepareTwoVolumes() {
     group = new host::HostNode(u"kiv-cow-snapshot-group");
-    if (std::int32_t status = plugin->init_node(group->record(), nullptr, 0, nullptr);
-        status != 0) {
-        return fail("initNode", status);
-    }
-    if (int result = attachVolume(u"C:", &node); result != 0) {
-        return result;
-    }
-    if (int result = attachVolume(u"E:", &secondNode); result != 0) {
-        return result;
-    }
+    require("initNode", plugin->init_node(group->record(), nullptr, 0, nullptr));
+    node = attachVolume(u"C:");
+    secondNode = attachVolume(u"E:");
     for (host::HostNode* volume : {node, secondNode}) {
-        if (int result = askForAutomaticPreparation(volume); result != 0) {
-            return result;
-        }
+        std::u16string document =
+            u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_AUTO_PREP /> "
+            u"</SET_CONFIG_INFO_LIST>";
+        tarn_config_request request{};
+        request.split_selector = 1;
+        request.text = document.data();
+        require("config", plugin->config(volume->record(), 2, nullptr, &request));
     }
     tarn_fi_entry* entries[] = {node->fiEntries().front(), secondNode->fiEntries().front()};
-    if (std::int32_t status = plugin->prepare(entries[0], nullptr, entries, 2, 0); status != 0) {
-        return fail("prepare", status);
-    }
-    return 0;
+    require("prepare", plugin->prepare(entries[0], nullptr, entries, 2, 0));
 }
 
 }  // namespace
@@ -141,12 +111,12 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "exit_host: %s\n", status.toString().c_str());
         return 3;
     }
-    if (int result = init(); result != 0) {
-        return result;
-    }
-    int result = mode == "prepare" ? prepareTwoVolumes() : attachVolume(u"C:", &node);
-    if (result != 0) {
-        return result;
+    tarn_version version{};
+    require("init", plugin->init(context->context(), &version));
+    if (mode == "prepare") {
+        prepareTwoVolumes();
+    } else {
+        node = attachVolume(u"C:");
     }
     if (mode == "unload") {
         // The record keeps the fi list the plug-in attached to it: only
