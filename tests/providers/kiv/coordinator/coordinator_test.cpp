@@ -75,31 +75,18 @@ TEST_F(CoordinatorTest, InitAnswersByItsArgumentsAndTheDriver) {
             EXPECT_EQ(interposed.identity, nullptr);
             EXPECT_EQ(interposed.groups, nullptr);
             EXPECT_EQ(interposed.count, 42u);
-            std::uint32_t flag = 7;
-            int argument = 0;
-            EXPECT_EQ(plugin_.claim(volume.objid(), &argument, &flag), 0);
-            EXPECT_EQ(flag, 7u);
         }
+        // G: carries the claim attribute: only an initialised provider claims it.
+        HostNode claimed(TempMachine::guidName(5));
+        std::uint32_t flag = 7;
+        int argument = 0;
+        EXPECT_EQ(plugin_.claim(claimed.objid(), &argument, &flag), row.takesVolumes ? 1 : 0);
+        EXPECT_EQ(flag, 7u);
         TearDown();
     }
 }
 
-TEST_F(CoordinatorTest, ClaimBeforeInitOrWithNullArgumentsAnswersZero) {
-    startPlugin(testMachine());
-    HostNode volume(TempMachine::guidName(5));
-    std::uint32_t flag = 7;
-    int argument = 0;
-    EXPECT_EQ(plugin_.claim(volume.objid(), &argument, &flag), 0);
-    ASSERT_EQ(init(), 0);
-    EXPECT_EQ(plugin_.claim(nullptr, &argument, &flag), 0);
-    EXPECT_EQ(plugin_.claim(volume.objid(), nullptr, &flag), 0);
-    EXPECT_EQ(plugin_.claim(volume.objid(), &argument, nullptr), 0);
-    EXPECT_EQ(flag, 7u);
-}
-
-TEST_F(CoordinatorTest, ClaimFollowsDriverAttributesAndTag) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, ClaimFollowsDriverAttributesAndTag) {
     struct Row {
         const char* name;
         std::u16string object;
@@ -118,12 +105,15 @@ TEST_F(CoordinatorTest, ClaimFollowsDriverAttributesAndTag) {
         int argument = 0;
         EXPECT_EQ(plugin_.claim(object.objid(), &argument, &flag), row.expected);
         EXPECT_EQ(flag, row.expectedFlag);
+        // Any null argument: 0, nothing written.
+        EXPECT_EQ(plugin_.claim(nullptr, &argument, &flag), 0);
+        EXPECT_EQ(plugin_.claim(object.objid(), nullptr, &flag), 0);
+        EXPECT_EQ(plugin_.claim(object.objid(), &argument, nullptr), 0);
+        EXPECT_EQ(flag, row.expectedFlag);
     }
 }
 
-TEST_F(CoordinatorTest, CheckNodeExistenceReportsTheTag) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, CheckNodeExistenceReportsTheTag) {
     HostNode tagged(u"<kiv>" + TempMachine::guidName(1));
     HostNode plain(TempMachine::guidName(1));
     std::uint32_t exists = 7;
@@ -280,7 +270,7 @@ TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
 // Interpositions that end early or cannot hand their answer over: the host
 // hears exactly the lines of the steps that ran, and the driver is asked
 // whenever the name gets that far.
-TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
+TEST_F(StartedCoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
     struct Row {
         const char* name;
         std::u16string object;
@@ -301,8 +291,6 @@ TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
           "KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED]"}},
     };
     // clang-format on
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         context_->takeMessages();
@@ -330,9 +318,7 @@ TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
     }
 }
 
-TEST_F(CoordinatorTest, FixedAnswersNeedNoNode) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, FixedAnswersNeedNoNode) {
     int a = 0;
     int b = 0;
     tarn_tree_record emptyTree{};
@@ -370,9 +356,7 @@ TEST_F(CoordinatorTest, FixedAnswersNeedNoNode) {
     EXPECT_EQ(plugin_.objctl(nullptr, nullptr, nullptr, nullptr), 0);
 }
 
-TEST_F(CoordinatorTest, RecordsWithoutNodeAreInvalidRequests) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, RecordsWithoutNodeAreInvalidRequests) {
     HostNode bare(u"C:");
     tarn_fi_entry entry{"kiv-cow-snapshot", bare.record(), nullptr};
     tarn_access_record access{bare.record()};
@@ -400,9 +384,7 @@ TEST_F(CoordinatorTest, RecordsWithoutNodeAreInvalidRequests) {
     EXPECT_EQ(bare.record()->fi_list, nullptr);
 }
 
-TEST_F(CoordinatorTest, ReloadStartsUninitialisedAgain) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, ReloadStartsUninitialisedAgain) {
     HostNode volume(u"C:");
     ASSERT_EQ(interpose(plugin_, volume).answer, 1);
 

@@ -10,13 +10,7 @@ namespace {
 
 const std::u16string kAutomatic = u"TARN_CFS_AUTO_PREP";
 
-class NodeRegistryTest : public CoordinatorTest {
-  protected:
-    void SetUp() override {
-        startPlugin(testMachine());
-        ASSERT_EQ(init(), 0);
-    }
-};
+using NodeRegistryTest = StartedCoordinatorTest;
 
 TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
     HostNode& volume = attach(u"<kiv>C:");

@@ -153,6 +153,15 @@ class CoordinatorTest : public ::testing::Test {
     std::vector<std::unique_ptr<HostNode>> records_;
 };
 
+// The plug-in started on testMachine().
+class StartedCoordinatorTest : public CoordinatorTest {
+  protected:
+    void SetUp() override {
+        startPlugin(testMachine());
+        ASSERT_EQ(init(), 0);
+    }
+};
+
 }  // namespace plugintest
 
 #endif  // TESTS_PROVIDERS_KIV_COORDINATOR_PLUGIN_FIXTURE_H_
