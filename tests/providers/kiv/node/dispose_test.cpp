@@ -26,27 +26,20 @@ struct DisposeCase {
 };
 FIKIV_PRINT_ROW_NAME(DisposeCase)
 
+const std::vector<std::uint32_t> kBusyBudget(31, kBusy);
+
 // clang-format off
 const DisposeCase kDisposeCases[] = {
     {"ProviderOpensTheVolumeAndOnlyReleases", false, {}, {}, 0, {}, {4}, 1, 1},
-    {"RetrieveRefused", true, {2}, {}, 3,
-     {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", 2, kName}}}, {3}, 0, 0},
+    {"RetrieveRefused", true, {2}, {}, 3, {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", 2, kName}}}, {3}, 0, 0},
     // The scripted agent names handle 0 of this process: no handle to copy.
-    {"RetrieveNamesAHandleThatCannotBeDuplicated", true, {}, {}, 3,
-     {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", kInvalidHandle, kName}}}, {3}, 0, 0},
-    {"RetrieveBusyThroughTheWholeBudget", true, std::vector<std::uint32_t>(31, kBusy), {}, 3,
-     {{"MSG_ERROR_KIVORBHANDLE", {"ORB::RetrieveHandle", 231, kBusyText, kName}}},
-     std::vector<std::uint32_t>(31, 3), 31, 0},
-    {"ReleaseRefusedStillDestroys", false, {5}, {}, 0,
-     {{"MSG_ERROR_KIVAPI", {"ORB::ReleaseVolumeHandle", 5, kName}}}, {4}, 0, 1},
-    {"ReleaseBusyThroughTheWholeBudgetStillDestroys", false, std::vector<std::uint32_t>(31, kBusy), {}, 0,
-     {{"MSG_ERROR_KIVORBHANDLE", {"ORB::ReleaseVolumeHandle", 231, kBusyText, kName}}},
-     std::vector<std::uint32_t>(31, 4), 31, 1},
+    {"RetrieveNamesAHandleThatCannotBeDuplicated", true, {}, {}, 3, {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", kInvalidHandle, kName}}}, {3}, 0, 0},
+    {"RetrieveBusyThroughTheWholeBudget", true, kBusyBudget, {}, 3, {{"MSG_ERROR_KIVORBHANDLE", {"ORB::RetrieveHandle", 231, kBusyText, kName}}}, std::vector<std::uint32_t>(31, 3), 31, 0},
+    {"ReleaseRefusedStillDestroys", false, {5}, {}, 0, {{"MSG_ERROR_KIVAPI", {"ORB::ReleaseVolumeHandle", 5, kName}}}, {4}, 0, 1},
+    {"ReleaseBusyThroughTheWholeBudgetStillDestroys", false, kBusyBudget, {}, 0, {{"MSG_ERROR_KIVORBHANDLE", {"ORB::ReleaseVolumeHandle", 231, kBusyText, kName}}}, std::vector<std::uint32_t>(31, 4), 31, 1},
     {"DestroyBusyThreeTimesThenDone", false, {}, {{"KIV_Destroy", 5, 3}}, 0, {}, {4}, 4, 4},
-    {"DestroyBusyForAllHundredAttempts", false, {}, {{"KIV_Destroy", 5, sim::kAlways}}, 3,
-     {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 5, kName}}}, {4}, 101, 100},
-    {"DestroyRefused", false, {}, {{"KIV_Destroy", 21, 1}}, 3,
-     {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 21, kName}}}, {4}, 1, 1},
+    {"DestroyBusyForAllHundredAttempts", false, {}, {{"KIV_Destroy", 5, sim::kAlways}}, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 5, kName}}}, {4}, 101, 100},
+    {"DestroyRefused", false, {}, {{"KIV_Destroy", 21, 1}}, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 21, kName}}}, {4}, 1, 1},
 };
 // clang-format on
 

@@ -35,17 +35,11 @@ FIKIV_PRINT_ROW_NAME(RegistrationCase)
 // clang-format off
 const RegistrationCase kRegistrationCases[] = {
     {"EachVolumeRegisteredAndWaitedFor", true, {}, nullptr, {}, 1, 1, 2},
-    {"AgentErrorIsReportedWithoutWaiting", true, {5}, nullptr,
-     {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", 5, "<first>"}}}, 1, 1, 1},
-    {"AgentBusyThroughTheWholeBudget", true, busy(31), nullptr,
-     {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<first>"}}}, 31, 1, 32},
-    {"SecondVolumeGetsAFullBudgetOfItsOwn", true, busy(31, {kBusy, kBusy, 0}), nullptr,
-     {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<second>"}}}, 3, 31, 34},
-    {"AgentAbsent", false, {}, nullptr,
-     {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<first>"}},
-      {"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<second>"}}}, 0, 0, 0},
-    {"SnapshotVolumeThatCannotBeOpenedIsNotRegistered", true, {}, "KIV_Open",
-     {{"MSG_ERROR_KIVAPI_STR", {"Make", "KIV_Open", "<first>"}}}, 0, 1, 1},
+    {"AgentErrorIsReportedWithoutWaiting", true, {5}, nullptr, {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", 5, "<first>"}}}, 1, 1, 1},
+    {"AgentBusyThroughTheWholeBudget", true, busy(31), nullptr, {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<first>"}}}, 31, 1, 32},
+    {"SecondVolumeGetsAFullBudgetOfItsOwn", true, busy(31, {kBusy, kBusy, 0}), nullptr, {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<second>"}}}, 3, 31, 34},
+    {"AgentAbsent", false, {}, nullptr, {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<second>"}}}, 0, 0, 0},
+    {"SnapshotVolumeThatCannotBeOpenedIsNotRegistered", true, {}, "KIV_Open", {{"MSG_ERROR_KIVAPI_STR", {"Make", "KIV_Open", "<first>"}}}, 0, 1, 1},
 };
 // clang-format on
 

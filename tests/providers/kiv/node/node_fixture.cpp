@@ -54,21 +54,15 @@ std::vector<std::string> expectedReports(const std::vector<Report>& reports,
                                          const std::map<std::string, std::string>& placeholders) {
     std::vector<std::string> texts;
     for (const Report& report : reports) {
-        std::vector<ReportArgument> arguments;
-        for (const ReportArgument& argument : report.arguments) {
-            const auto* text = std::get_if<std::string>(&argument);
-            if (text == nullptr) {
-                arguments.push_back(argument);
-                continue;
-            }
-            std::string filled = *text;
+        std::vector<ReportArgument> arguments = report.arguments;
+        for (ReportArgument& argument : arguments) {
+            auto* text = std::get_if<std::string>(&argument);
             for (const auto& [placeholder, value] : placeholders) {
-                for (std::size_t at = filled.find(placeholder); at != std::string::npos;
-                     at = filled.find(placeholder, at + value.size())) {
-                    filled.replace(at, placeholder.size(), value);
+                for (std::size_t at = text != nullptr ? text->find(placeholder) : std::string::npos;
+                     at != std::string::npos; at = text->find(placeholder, at + value.size())) {
+                    text->replace(at, placeholder.size(), value);
                 }
             }
-            arguments.emplace_back(filled);
         }
         texts.push_back(catalogueText(report.id, arguments));
     }

@@ -86,37 +86,21 @@ struct PrepareCase {
 FIKIV_PRINT_ROW_NAME(PrepareCase)
 
 const char kDumpEnd[] = "\tQuiesceTimeout:30\n";
+const Report kPrepareInvalid = {"MSG_ERROR_KIVAPI",
+                                {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}};
+const Report kNameFailed = {"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}};
+const Report kNotPlaced = {"MSG_ERROR_AUTOCONFIG", {kRequestText}};
 
 // clang-format off
 const PrepareCase kPrepareCases[] = {
-    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
-    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112, 1}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2, 1}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}},
-      {"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, Holder::Holding, 3,
-     {{"MSG_ERROR_AUTOCONFIG", {kRequestText}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"MutexAbandonedByItsOwner", Split::Automatic, 0, {}, nullptr, Holder::Abandoned, 3,
-     {{"MSG_ERROR_AUTOCONFIG", {kRequestText}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5, 1}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", Holder::None, 6,
-     {}, "WARNING: caught unhandled exception in KIV prepare", 2},
+    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, Holder::None, 3, {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
+    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, Holder::None, 3, {kNameFailed, kNameFailed, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, Holder::Holding, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexAbandonedByItsOwner", Split::Automatic, 0, {}, nullptr, Holder::Abandoned, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}}, kPrepareInvalid}, kDumpEnd, 1},
+    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", Holder::None, 6, {}, "WARNING: caught unhandled exception in KIV prepare", 2},
 };
 // clang-format on
 
