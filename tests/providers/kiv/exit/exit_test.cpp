@@ -127,38 +127,11 @@ FIKIV_CHILD_ROLE(leavePlugin) {
     return 0;
 }
 
-struct HostRun {
-    int exitCode = -1;
-    std::string output;  // the lines the plug-in sent, one per line
-    std::string errors;  // the host's and valgrind's own report
-};
-
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path);
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-// Runs the host in `mode`, under valgrind unless this is the sanitizer build.
-HostRun runExitHost(const std::string& mode, const std::filesystem::path& scratch) {
-    std::string command;
-#ifndef FIKIV_EXIT_TEST_SANITIZED
-    command = FIKIV_VALGRIND
-        " --quiet --leak-check=full --errors-for-leak-kinds=definite "
-        "--error-exitcode=9 ";
-#endif
-    const std::filesystem::path out = scratch / (mode + ".out");
-    const std::filesystem::path err = scratch / (mode + ".err");
-    command += "'" + std::filesystem::read_symlink("/proc/self/exe").string() +
-               "' --child=leavePlugin " + mode + " >'" + out.string() + "' 2>'" + err.string() +
-               "'";
-    const int status = std::system(command.c_str());
-    HostRun run;
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.output = readFile(out);
-    run.errors = readFile(err);
-    return run;
 }
 
 // Positions of the lines containing `part`, in output order.
@@ -194,23 +167,35 @@ TEST_P(PluginExitTest, TearsDownInOrderAndCleanly) {
     const ExitCase& row = GetParam();
     TempMachine machine(nlohmann::json{
         {"volumes", {TempMachine::volume(1, {"C:\\"}), TempMachine::volume(2, {"E:\\"})}}});
-    const HostRun run = runExitHost(row.mode, machine.directory());
-    ASSERT_EQ(run.exitCode, 0) << run.errors << run.output;
-    EXPECT_EQ(run.errors, "");
+    // The host, under valgrind unless this is the sanitizer build.
+    std::string command;
+#ifndef FIKIV_EXIT_TEST_SANITIZED
+    command = FIKIV_VALGRIND
+        " --quiet --leak-check=full --errors-for-leak-kinds=definite "
+        "--error-exitcode=9 ";
+#endif
+    const std::filesystem::path out = machine.directory() / "host.out";
+    const std::filesystem::path err = machine.directory() / "host.err";
+    command += "'" + std::filesystem::read_symlink("/proc/self/exe").string() +
+               "' --child=leavePlugin " + row.mode + " >'" + out.string() + "' 2>'" + err.string() +
+               "'";
+    const int status = std::system(command.c_str());
+    const std::string output = readFile(out);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readFile(err) << output;
+    EXPECT_EQ(readFile(err), "");
 
     const auto entering =
-        linesWith(run.output, "Entering Function KivFiCoordinator::~KivFiCoordinator");
-    const auto exiting =
-        linesWith(run.output, "Exiting Function KivFiCoordinator::~KivFiCoordinator");
-    const auto node = linesWith(run.output, "Exiting Function KivNode::~KivNode");
-    ASSERT_EQ(entering.size(), 1u) << run.output;
-    ASSERT_EQ(exiting.size(), 1u) << run.output;
-    ASSERT_EQ(node.size(), row.nodes) << run.output;
+        linesWith(output, "Entering Function KivFiCoordinator::~KivFiCoordinator");
+    const auto exiting = linesWith(output, "Exiting Function KivFiCoordinator::~KivFiCoordinator");
+    const auto node = linesWith(output, "Exiting Function KivNode::~KivNode");
+    ASSERT_EQ(entering.size(), 1u) << output;
+    ASSERT_EQ(exiting.size(), 1u) << output;
+    ASSERT_EQ(node.size(), row.nodes) << output;
     EXPECT_LT(entering[0], node.front());
     EXPECT_LT(node.back(), exiting[0]);
     // The coordinator's frame closes the output: nothing of the plug-in runs
     // after it.
-    EXPECT_EQ(exiting[0], linesWith(run.output, "").size() - 1) << run.output;
+    EXPECT_EQ(exiting[0], linesWith(output, "").size() - 1) << output;
 }
 
 const ExitCase kExits[] = {
