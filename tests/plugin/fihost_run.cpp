@@ -9,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "support/temp_machine.h"
+
 namespace testsupport {
 
 FihostResult runFihost(const std::string& arguments) {
@@ -38,6 +40,16 @@ FihostResult runFihost(const std::string& arguments) {
 
 nlohmann::json jsonOf(const FihostResult& result) {
     return nlohmann::json::parse(result.out, nullptr, /*allow_exceptions=*/false);
+}
+
+nlohmann::json fihostMachine() {
+    constexpr std::uint64_t kGiB = 1ull << 30;
+    nlohmann::json cdrom = TempMachine::volume(4, {"F:\\"}, "cdrom", "CDFS", 0, 0, 0);
+    cdrom["mediaPresent"] = false;
+    return {{"volumes",
+             {TempMachine::volume(1, {"C:\\"}, "fixed", "NTFS", 100 * kGiB, 40 * kGiB),
+              TempMachine::volume(2, {"D:\\"}, "fixed", "NTFS", 900 * kGiB, 800 * kGiB, 0x4),
+              TempMachine::volume(3, {"E:\\"}, "fixed", "NTFS", 400 * kGiB, 300 * kGiB), cdrom}}};
 }
 
 }  // namespace testsupport

@@ -22,6 +22,15 @@ FihostResult runFihost(const std::string& arguments);
 // stdout parsed as JSON; a discarded value when it does not parse.
 nlohmann::json jsonOf(const FihostResult& result);
 
+// The machine the fihost tests run on: C: to snapshot (40 GiB free), D:
+// disabled by the driver, E: with the most free space (300 GiB), and F:, a
+// CD-ROM without a disc.
+nlohmann::json fihostMachine();
+
+inline bool has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
 }  // namespace testsupport
 
 #endif  // TESTS_PLUGIN_FIHOST_RUN_H_

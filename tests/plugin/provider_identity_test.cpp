@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/plugin_host.h"
@@ -14,25 +15,13 @@ namespace {
 
 using host::PluginHost;
 
-struct BufferCounters {
-    std::uint64_t outstanding = 0;
-    std::uint64_t sizeFaults = 0;
-
-    static BufferCounters now() {
-        BufferCounters counters;
-        tarn_test_buffer_stats(&counters.outstanding, &counters.sizeFaults);
-        return counters;
-    }
-};
-
-// Turns the allocation failure switch off whatever the test does.
-class ScopedAllocFailure {
-  public:
-    ScopedAllocFailure(std::uint32_t skip, std::uint32_t count) {
-        tarn_test_fail_alloc(skip, count);
-    }
-    ~ScopedAllocFailure() { tarn_test_fail_alloc(0, 0); }
-};
+// Framework buffers not yet given back, and buffers given back with another
+// size than they were allocated with.
+std::pair<std::uint64_t, std::uint64_t> buffersNow() {
+    std::pair<std::uint64_t, std::uint64_t> counters;
+    tarn_test_buffer_stats(&counters.first, &counters.second);
+    return counters;
+}
 
 class ProviderIdentityTest : public ::testing::Test {
   protected:
@@ -44,16 +33,8 @@ class ProviderIdentityTest : public ::testing::Test {
     PluginHost plugin_;
 };
 
-TEST_F(ProviderIdentityTest, ExportsEveryEntryPoint) {
-    std::vector<std::string> missing = plugin_.missingEntryPoints();
-    std::string names;
-    for (const std::string& name : missing) {
-        names += name + " ";
-    }
-    EXPECT_TRUE(missing.empty()) << "missing: " << names;
-}
-
-TEST_F(ProviderIdentityTest, ProviderInfoNamesFikivAndVersionSeven) {
+TEST_F(ProviderIdentityTest, ExportsEveryEntryPointAndNamesFikivVersionSeven) {
+    EXPECT_EQ(plugin_.missingEntryPoints(), std::vector<std::string>{});
     host::ProviderInfo info;
     host::Status status = host::readProviderInfo(plugin_, &info);
     ASSERT_TRUE(status.isOk()) << status.toString();
@@ -62,10 +43,15 @@ TEST_F(ProviderIdentityTest, ProviderInfoNamesFikivAndVersionSeven) {
     EXPECT_EQ(info.numberB, 4u);
     EXPECT_EQ(host::versionString(info.version), "7.0.0.0");
     EXPECT_EQ(info.flags, 0u);
+
+    const auto before = buffersNow();
+    EXPECT_EQ(plugin_.get_provider_info(nullptr), kTarnInvalidRequest);
+    EXPECT_EQ(plugin_.enumerate_fims(nullptr), kTarnInvalidRequest);
+    EXPECT_EQ(buffersNow(), before);
 }
 
 TEST_F(ProviderIdentityTest, MethodListDescribesKivFim) {
-    BufferCounters before = BufferCounters::now();
+    const std::uint64_t before = buffersNow().first;
     tarn_list_node* list = nullptr;
     ASSERT_EQ(plugin_.enumerate_fims(&list), kTarnSuccess);
     ASSERT_NE(list, nullptr);
@@ -73,10 +59,8 @@ TEST_F(ProviderIdentityTest, MethodListDescribesKivFim) {
     ASSERT_EQ(tarn_list_node_view(list, &view), kTarnSuccess);
     EXPECT_EQ(view.is_fim, 1);
     EXPECT_EQ(std::u16string(view.name), u"KIV_fim");
-    const std::uint32_t words[6] = {0, 1, 1, 0, 0, 1};
-    for (int i = 0; i < 6; ++i) {
-        EXPECT_EQ(view.info.words[i], words[i]) << "word " << i;
-    }
+    EXPECT_EQ(std::vector<std::uint32_t>(view.info.words, view.info.words + 6),
+              (std::vector<std::uint32_t>{0, 1, 1, 0, 0, 1}));
     // Each text sits in its own framework buffer, sized for the text and its
     // terminator, and is NUL-terminated inside it.
     struct Text {
@@ -93,40 +77,27 @@ TEST_F(ProviderIdentityTest, MethodListDescribesKivFim) {
     }
     EXPECT_EQ(std::u16string(view.extra), u"none");
     EXPECT_EQ(std::u16string(view.provider), u"fikiv");
-    EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding + 2);
+    EXPECT_EQ(buffersNow().first, before + 2);
     tarn_free_list_node(list);
-    EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding);
-}
-
-TEST_F(ProviderIdentityTest, NullOutAnswersInvalidRequest) {
-    BufferCounters before = BufferCounters::now();
-    EXPECT_EQ(plugin_.get_provider_info(nullptr), kTarnInvalidRequest);
-    EXPECT_EQ(plugin_.enumerate_fims(nullptr), kTarnInvalidRequest);
-    EXPECT_EQ(BufferCounters::now().outstanding, before.outstanding);
+    EXPECT_EQ(buffersNow().first, before);
 }
 
 // A failed allocation is answered 0 with the host's list pointer untouched
 // and no framework buffer left behind; a buffer given back goes with the size
 // it was allocated with.
 TEST_F(ProviderIdentityTest, AllocationFailureWritesNothingAndLeaksNothing) {
-    struct Row {
-        const char* name;
-        std::uint32_t skip;
-    };
-    const Row rows[] = {{"DescriptionBuffer", 0}, {"VersionTextBuffer", 1}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        BufferCounters before = BufferCounters::now();
+    // The description's buffer is the first allocation, the version text's the
+    // second.
+    for (std::uint32_t skip : {0u, 1u}) {
+        SCOPED_TRACE(skip);
+        const auto before = buffersNow();
         auto* sentinel = reinterpret_cast<tarn_list_node*>(0x5a5a);
         tarn_list_node* list = sentinel;
-        {
-            ScopedAllocFailure failure(row.skip, /*count=*/1);
-            EXPECT_EQ(plugin_.enumerate_fims(&list), kTarnSuccess);
-        }
+        tarn_test_fail_alloc(skip, /*count=*/1);
+        EXPECT_EQ(plugin_.enumerate_fims(&list), kTarnSuccess);
+        tarn_test_fail_alloc(0, 0);
         EXPECT_EQ(list, sentinel);
-        BufferCounters after = BufferCounters::now();
-        EXPECT_EQ(after.outstanding, before.outstanding);
-        EXPECT_EQ(after.sizeFaults, before.sizeFaults);
+        EXPECT_EQ(buffersNow(), before);
     }
 }
 

@@ -11,81 +11,82 @@
 namespace plugintest {
 namespace {
 
-TEST_F(CoordinatorTest, InitWithoutVersionRecordAnswersSevenAndBuildsNothing) {
-    startPlugin(testMachine());
-    EXPECT_EQ(plugin_.init(context_->context(), nullptr), 7);
-    EXPECT_TRUE(context_->messages().empty());
-    // Still uninitialised: interposition takes nothing.
-    HostNode volume(u"C:");
+// What interpose answered and wrote; the outputs start as sentinels.
+struct Interposition {
+    std::int32_t answer = -1;
     tarn_objid* identity = nullptr;
     tarn_objid** groups = nullptr;
-    std::uint32_t count = 99;
-    EXPECT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 0);
-    EXPECT_EQ(count, 99u);
+    std::uint32_t count = 0;
+};
+
+Interposition interpose(PluginHost& plugin, HostNode& volume, std::uint32_t count = 0) {
+    Interposition result;
+    result.count = count;
+    result.answer =
+        plugin.interpose(volume.record(), &result.identity, &result.groups, &result.count);
+    return result;
 }
 
-TEST_F(CoordinatorTest, InitWritesVersionAndStartsLogging) {
-    startPlugin(testMachine());
-    tarn_version version{};
-    EXPECT_EQ(plugin_.init(context_->context(), &version), 0);
-    EXPECT_EQ(version.words[0], 7);
-    EXPECT_EQ(version.words[1], 0);
-    EXPECT_EQ(version.words[2], 0);
-    EXPECT_EQ(version.words[3], 0);
+// init with or without its context and version record, and a plug-in that
+// cannot load the driver library: the answer, the version written, whether
+// the log starts (an error text then reaches the host) and whether the
+// provider takes volumes afterwards.
+TEST_F(CoordinatorTest, InitAnswersByItsArgumentsAndTheDriver) {
+    struct Row {
+        const char* name;
+        bool context;
+        bool version;
+        nlohmann::json faults;
+        std::int32_t status;
+        std::optional<bool> logs;  // unasked without the driver: no coordinator to answer
+        bool takesVolumes;
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"WithoutVersionRecordAnswersSevenAndBuildsNothing", true, false, nlohmann::json::array(), 7, false, false},
+        {"WritesVersionAndStartsLogging", true, true, nlohmann::json::array(), 0, true, true},
+        {"NullContextSendsNothing", false, true, nlohmann::json::array(), 0, false, true},
+        {"MissingDriverLibraryLeavesProviderUninitialised", true, true, {{{"missingLibrary", "kivapi.dll"}}}, 0, std::nullopt, false},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        startPlugin(testMachine(row.faults));
+        tarn_version version{};
+        EXPECT_EQ(plugin_.init(row.context ? context_->context() : nullptr,
+                               row.version ? &version : nullptr),
+                  row.status);
+        const std::vector<std::uint16_t> written(version.words, version.words + 4);
+        EXPECT_EQ(written,
+                  (std::vector<std::uint16_t>{std::uint16_t(row.version ? 7 : 0), 0, 0, 0}));
+        if (row.logs.has_value()) {
+            const char16_t* text = nullptr;
+            EXPECT_EQ(plugin_.errmsg(3, &text), 0);
+            std::vector<HostMessage> messages = context_->messages();
+            ASSERT_EQ(!messages.empty(), *row.logs);
+            // Log lines carry the plug-in name once init has run.
+            EXPECT_TRUE(messages.empty() || contains(messages.front().text, "fikiv:"));
+        }
 
-    const char16_t* text = nullptr;
-    ASSERT_EQ(plugin_.errmsg(3, &text), 0);
-    std::vector<HostMessage> messages = context_->messages();
-    ASSERT_FALSE(messages.empty());
-    // Log lines carry the plug-in name once init has run.
-    EXPECT_TRUE(contains(messages.front().text, "fikiv:")) << messages.front().text.value_or("");
+        HostNode volume(u"C:");
+        Interposition interposed = interpose(plugin_, volume, 42);
+        EXPECT_EQ(interposed.answer, row.takesVolumes ? 1 : 0);
+        if (!row.takesVolumes) {
+            EXPECT_EQ(interposed.identity, nullptr);
+            EXPECT_EQ(interposed.groups, nullptr);
+            EXPECT_EQ(interposed.count, 42u);
+        }
+        // G: carries the claim attribute: only an initialised provider claims it.
+        HostNode claimed(TempMachine::guidName(5));
+        std::uint32_t flag = 7;
+        int argument = 0;
+        EXPECT_EQ(plugin_.claim(claimed.objid(), &argument, &flag), row.takesVolumes ? 1 : 0);
+        EXPECT_EQ(flag, 7u);
+        TearDown();
+    }
 }
 
-TEST_F(CoordinatorTest, InitWithNullContextAnswersZeroAndSendsNothing) {
-    startPlugin(testMachine());
-    tarn_version version{};
-    EXPECT_EQ(plugin_.init(nullptr, &version), 0);
-    EXPECT_EQ(version.words[0], 7);
-    const char16_t* text = nullptr;
-    EXPECT_EQ(plugin_.errmsg(3, &text), 0);
-    EXPECT_TRUE(context_->messages().empty());
-}
-
-TEST_F(CoordinatorTest, MissingDriverLibraryLeavesProviderUninitialised) {
-    startPlugin(testMachine({{{"missingLibrary", "kivapi.dll"}}}));
-    EXPECT_EQ(init(), 0);
-
-    HostNode volume(u"C:");
-    tarn_objid* identity = nullptr;
-    tarn_objid** groups = nullptr;
-    std::uint32_t count = 42;
-    EXPECT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 0);
-    EXPECT_EQ(identity, nullptr);
-    EXPECT_EQ(groups, nullptr);
-    EXPECT_EQ(count, 42u);
-
-    std::uint32_t flag = 7;
-    int argument = 0;
-    EXPECT_EQ(plugin_.claim(volume.objid(), &argument, &flag), 0);
-    EXPECT_EQ(flag, 7u);
-}
-
-TEST_F(CoordinatorTest, ClaimBeforeInitOrWithNullArgumentsAnswersZero) {
-    startPlugin(testMachine());
-    HostNode volume(TempMachine::guidName(5));
-    std::uint32_t flag = 7;
-    int argument = 0;
-    EXPECT_EQ(plugin_.claim(volume.objid(), &argument, &flag), 0);
-    ASSERT_EQ(init(), 0);
-    EXPECT_EQ(plugin_.claim(nullptr, &argument, &flag), 0);
-    EXPECT_EQ(plugin_.claim(volume.objid(), nullptr, &flag), 0);
-    EXPECT_EQ(plugin_.claim(volume.objid(), &argument, nullptr), 0);
-    EXPECT_EQ(flag, 7u);
-}
-
-TEST_F(CoordinatorTest, ClaimFollowsDriverAttributesAndTag) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, ClaimFollowsDriverAttributesAndTag) {
     struct Row {
         const char* name;
         std::u16string object;
@@ -104,12 +105,15 @@ TEST_F(CoordinatorTest, ClaimFollowsDriverAttributesAndTag) {
         int argument = 0;
         EXPECT_EQ(plugin_.claim(object.objid(), &argument, &flag), row.expected);
         EXPECT_EQ(flag, row.expectedFlag);
+        // Any null argument: 0, nothing written.
+        EXPECT_EQ(plugin_.claim(nullptr, &argument, &flag), 0);
+        EXPECT_EQ(plugin_.claim(object.objid(), nullptr, &flag), 0);
+        EXPECT_EQ(plugin_.claim(object.objid(), &argument, nullptr), 0);
+        EXPECT_EQ(flag, row.expectedFlag);
     }
 }
 
-TEST_F(CoordinatorTest, CheckNodeExistenceReportsTheTag) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, CheckNodeExistenceReportsTheTag) {
     HostNode tagged(u"<kiv>" + TempMachine::guidName(1));
     HostNode plain(TempMachine::guidName(1));
     std::uint32_t exists = 7;
@@ -145,21 +149,14 @@ TEST_F(CoordinatorTest, ErrMsgHandsTextToHostAndEventLog) {
 
         const char16_t* text = u"untouched";
         EXPECT_EQ(plugin_.errmsg(row.status, &text), 0);
-        EXPECT_EQ(text != nullptr ? std::optional<std::string>(host::toUtf8(text)) : std::nullopt,
+        EXPECT_EQ(text != nullptr ? std::optional<std::string>(utf8(text)) : std::nullopt,
                   row.text);
 
-        std::vector<HostMessage> errors;
-        for (const HostMessage& message : context_->messages()) {
-            if (message.level == 3) {
-                errors.push_back(message);
-            }
-        }
-        if (row.callback) {
-            ASSERT_EQ(errors.size(), 1u);
-            EXPECT_EQ(errors[0].text, row.text);
-            EXPECT_EQ(errors[0].secondText, row.text);
-        } else {
-            EXPECT_TRUE(errors.empty());
+        const std::vector<HostMessage> errors = messagesAt(context_->messages(), 3);
+        ASSERT_EQ(errors.size(), row.callback ? 1u : 0u);
+        for (const HostMessage& error : errors) {
+            EXPECT_EQ(error.text, row.text);
+            EXPECT_EQ(error.secondText, row.text);
         }
 
         std::vector<sim::EventRecord> events = sim::readEventLog();
@@ -180,11 +177,10 @@ struct InterposeRow {
     const char* name;
     std::u16string object;
     std::uint32_t flags;
-    std::int32_t expected;
-    std::string expectedIdentity;           // when interposed
-    std::vector<std::string> warningParts;  // level-2 log line must hold each
-    std::size_t catalogueReports;           // reports of MSG_ERROR_KIVAPI, each naming the volume
-    std::string tracePart;                  // a trace line must hold it, when set
+    std::string identity;          // when interposed
+    std::string warning;           // a level-2 line must hold it, when set
+    std::size_t catalogueReports;  // reports of MSG_ERROR_KIVAPI, each naming the volume
+    std::string tracePart;         // a trace line must hold it, when set
 };
 
 // Every case runs once with a locale, whose catalogue texts then come with
@@ -192,30 +188,25 @@ struct InterposeRow {
 TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
     // clang-format off
     const InterposeRow rows[] = {
-        {"GUID path used unchanged", TempMachine::guidName(1), 0, 1, "<kiv>" + guid(1), {}, 0, ""},
-        {"drive without backslash resolves to its GUID path", u"C:", 0, 1, "<kiv>" + guidWithoutBackslash(1), {}, 0, ""},
-        {"drive with backslash resolves too", u"C:\\", 0, 1, "<kiv>" + guidWithoutBackslash(1), {}, 0, ""},
-        {"snapshot attribute alone is a valid source", u"D:", 0, 1, "<kiv>" + guidWithoutBackslash(2), {}, 0, ""},
-        {"mount-point path", u"C:\\mnt\\data", 0, 1, "<kiv>" + guidWithoutBackslash(6), {}, 0, ""},
-        {"no attribute", u"E:", 0, 0, "",
-         {"KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(3) + "]"}, 0,
+        {"GUID path used unchanged", TempMachine::guidName(1), 0, "<kiv>" + guid(1), "", 0, ""},
+        {"drive without backslash resolves to its GUID path", u"C:", 0, "<kiv>" + guidWithoutBackslash(1), "", 0, ""},
+        {"drive with backslash resolves too", u"C:\\", 0, "<kiv>" + guidWithoutBackslash(1), "", 0, ""},
+        {"snapshot attribute alone is a valid source", u"D:", 0, "<kiv>" + guidWithoutBackslash(2), "", 0, ""},
+        {"mount-point path", u"C:\\mnt\\data", 0, "<kiv>" + guidWithoutBackslash(6), "", 0, ""},
+        {"no attribute", u"E:", 0, "", "KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(3) + "]", 0,
          "KIV volume information does not have KIV_ATTRIBUTE_VALID_SOURCE set for " + guidWithoutBackslash(3)},
-        {"active cache and disabled", u"F:", 0, 0, "",
-         {guidWithoutBackslash(4) + " - KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE - KIV_ATTRIBUTE_DISABLED"}, 2, ""},
-        {"disabled", u"H:", 0, 0, "", {guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED"}, 1, ""},
-        {"unknown drive keeps its name", u"Q:", 0, 0, "", {"cant interpose due to open volume [Q:] failed"}, 0, ""},
-        {"unknown drive given with backslash reads without it", u"Q:\\", 0, 0, "",
-         {"cant interpose due to open volume [Q:] failed"}, 0, ""},
-        {"declined by the host flag", TempMachine::guidName(1), 0x800, 0, "", {}, 0, ""},
+        {"active cache and disabled", u"F:", 0, "",
+         guidWithoutBackslash(4) + " - KIV_ATTRIBUTE_CONTAINS_ACTIVE_CACHE - KIV_ATTRIBUTE_DISABLED", 2, ""},
+        {"disabled", u"H:", 0, "", guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED", 1, ""},
+        {"unknown drive keeps its name", u"Q:", 0, "", "cant interpose due to open volume [Q:] failed", 0, ""},
+        {"unknown drive given with backslash reads without it", u"Q:\\", 0, "", "cant interpose due to open volume [Q:] failed", 0, ""},
+        {"declined by the host flag", TempMachine::guidName(1), 0x800, "", "", 0, ""},
     };
     // clang-format on
-    for (const char* locale : {"de", static_cast<const char*>(nullptr)}) {
-        SCOPED_TRACE(locale != nullptr ? locale : "no locale");
-        HostContextOptions options;
-        if (locale != nullptr) {
-            options.locale = locale;
-        }
-        startPlugin(testMachine(), options);
+    for (std::optional<std::string> locale :
+         {std::optional<std::string>("de"), std::optional<std::string>()}) {
+        SCOPED_TRACE(locale.value_or("no locale"));
+        startPlugin(testMachine(), HostContextOptions{true, locale, false});
         ASSERT_EQ(init(), 0);
         tarn_objid** firstGroups = nullptr;
         for (const InterposeRow& row : rows) {
@@ -223,68 +214,47 @@ TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
             context_->takeMessages();
             HostNode volume(row.object);
             volume.record()->flags = row.flags;
-            tarn_objid* identity = nullptr;
-            tarn_objid** groups = nullptr;
-            std::uint32_t count = 0;
-            EXPECT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), row.expected);
-
-            std::vector<HostMessage> messages = context_->messages();
-            std::vector<HostMessage> seen = userMessages(messages);
-            if (row.expected == 1) {
-                ASSERT_NE(identity, nullptr);
+            const Interposition out = interpose(plugin_, volume);
+            EXPECT_EQ(out.answer, row.identity.empty() ? 0 : 1);
+            if (!row.identity.empty()) {
+                ASSERT_NE(out.identity, nullptr);
                 EXPECT_EQ(
-                    host::toUtf8(std::u16string_view(identity->name, identity->length / 2 - 1)),
-                    row.expectedIdentity);
-                EXPECT_EQ(count, 1u);
-                ASSERT_NE(groups, nullptr);
-                EXPECT_EQ(host::toUtf8(groups[0]->name), "kiv-cow-snapshot-group");
+                    utf8(std::u16string_view(out.identity->name, out.identity->length / 2 - 1)),
+                    row.identity);
+                EXPECT_EQ(out.count, 1u);
+                ASSERT_NE(out.groups, nullptr);
+                EXPECT_EQ(utf8(out.groups[0]->name), utf8(kGroupName));
                 // One group array serves every interposition.
-                if (firstGroups == nullptr) {
-                    firstGroups = groups;
-                }
-                EXPECT_EQ(groups, firstGroups);
+                firstGroups = firstGroups == nullptr ? out.groups : firstGroups;
+                EXPECT_EQ(out.groups, firstGroups);
             } else {
-                EXPECT_EQ(identity, nullptr);
-                EXPECT_EQ(groups, nullptr);
-                EXPECT_EQ(count, 0u);
+                EXPECT_EQ(out.identity, nullptr);
+                EXPECT_EQ(out.groups, nullptr);
+                EXPECT_EQ(out.count, 0u);
             }
-            std::vector<std::string> traces;
-            for (const HostMessage& message : messages) {
-                if (message.level == 4 && message.text) {
-                    traces.push_back(*message.text);
-                }
-            }
+            std::vector<HostMessage> messages = context_->messages();
+            std::vector<HostMessage> traces = messagesAt(messages, 4);
             ASSERT_GE(traces.size(), 2u);
-            EXPECT_TRUE(contains(traces.front(), "Entering Function KivFiCoordinator::interpose["));
-            EXPECT_TRUE(contains(traces.back(), "Exiting Function KivFiCoordinator::interpose["));
-            if (!row.tracePart.empty()) {
-                EXPECT_TRUE(std::any_of(traces.begin(), traces.end(),
-                                        [&](const std::string& line) {
-                                            return line.find(row.tracePart) != std::string::npos;
-                                        }))
-                    << "no trace line with: " << row.tracePart;
-            }
-            if (row.flags & 0x800) {
-                EXPECT_TRUE(seen.empty());
-                continue;
-            }
-            for (const std::string& part : row.warningParts) {
-                bool found = std::any_of(seen.begin(), seen.end(), [&](const HostMessage& message) {
-                    return message.level == 2 && contains(message.text, part);
-                });
-                EXPECT_TRUE(found) << "no warning with: " << part;
-            }
+            EXPECT_TRUE(
+                contains(traces.front().text, "Entering Function KivFiCoordinator::interpose["));
+            EXPECT_TRUE(
+                contains(traces.back().text, "Exiting Function KivFiCoordinator::interpose["));
+            EXPECT_TRUE(row.tracePart.empty() || anyContains(traces, row.tracePart))
+                << row.tracePart;
+            std::vector<HostMessage> warnings = messagesAt(messages, 2);
+            EXPECT_EQ(warnings.empty(), row.warning.empty() && row.catalogueReports == 0);
+            EXPECT_TRUE(row.warning.empty() || anyContains(warnings, row.warning)) << row.warning;
             std::size_t reports = 0;
-            for (const HostMessage& message : seen) {
-                if (message.level != 2 || !message.secondText.has_value()) {
+            for (const HostMessage& message : warnings) {
+                if (!message.secondText.has_value()) {
                     continue;
                 }
                 ++reports;
                 // The rows with reports name the volume first in their warning.
-                const std::string volumeName =
-                    row.warningParts.at(0).substr(0, guidWithoutBackslash(1).size());
-                EXPECT_TRUE(contains(message.secondText, volumeName)) << *message.secondText;
-                EXPECT_EQ(message.text.has_value(), locale != nullptr);
+                EXPECT_TRUE(contains(message.secondText,
+                                     row.warning.substr(0, guidWithoutBackslash(1).size())))
+                    << *message.secondText;
+                EXPECT_EQ(message.text.has_value(), locale.has_value());
                 if (message.text.has_value()) {
                     EXPECT_NE(*message.text, *message.secondText) << "not the locale's text";
                 }
@@ -298,7 +268,7 @@ TEST_F(CoordinatorTest, InterposeAnswersAndExplains) {
 // Interpositions that end early or cannot hand their answer over: the host
 // hears exactly the lines of the steps that ran, and the driver is asked
 // whenever the name gets that far.
-TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
+TEST_F(StartedCoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
     struct Row {
         const char* name;
         std::u16string object;
@@ -319,8 +289,6 @@ TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
           "KIV_ATTRIBUTE_VALID_SOURCE not set for volume [" + guidWithoutBackslash(7) + " - KIV_ATTRIBUTE_DISABLED]"}},
     };
     // clang-format on
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         context_->takeMessages();
@@ -329,13 +297,10 @@ TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
         }
         const std::uint64_t opensBefore = sim::callCount("KIV_Open");
         HostNode volume(row.object);
-        tarn_objid* identity = nullptr;
-        tarn_objid** groups = nullptr;
-        std::uint32_t count = 0;
         const bool interposed = row.object == TempMachine::guidName(1);
         std::int32_t answer = row.nullOutputs
                                   ? plugin_.interpose(volume.record(), nullptr, nullptr, nullptr)
-                                  : plugin_.interpose(volume.record(), &identity, &groups, &count);
+                                  : interpose(plugin_, volume).answer;
         const std::uint64_t opens = sim::callCount("KIV_Open") - opensBefore;
         sim::clearFaults();
         EXPECT_EQ(answer, interposed ? 1 : 0);
@@ -351,9 +316,7 @@ TEST_F(CoordinatorTest, InterposeEndingEarlySendsOnlyTheLinesOfItsSteps) {
     }
 }
 
-TEST_F(CoordinatorTest, FixedAnswersNeedNoNode) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, FixedAnswersNeedNoNode) {
     int a = 0;
     int b = 0;
     tarn_tree_record emptyTree{};
@@ -391,9 +354,7 @@ TEST_F(CoordinatorTest, FixedAnswersNeedNoNode) {
     EXPECT_EQ(plugin_.objctl(nullptr, nullptr, nullptr, nullptr), 0);
 }
 
-TEST_F(CoordinatorTest, RecordsWithoutNodeAreInvalidRequests) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, RecordsWithoutNodeAreInvalidRequests) {
     HostNode bare(u"C:");
     tarn_fi_entry entry{"kiv-cow-snapshot", bare.record(), nullptr};
     tarn_access_record access{bare.record()};
@@ -421,22 +382,17 @@ TEST_F(CoordinatorTest, RecordsWithoutNodeAreInvalidRequests) {
     EXPECT_EQ(bare.record()->fi_list, nullptr);
 }
 
-TEST_F(CoordinatorTest, ReloadStartsUninitialisedAgain) {
-    startPlugin(testMachine());
-    ASSERT_EQ(init(), 0);
+TEST_F(StartedCoordinatorTest, ReloadStartsUninitialisedAgain) {
     HostNode volume(u"C:");
-    tarn_objid* identity = nullptr;
-    tarn_objid** groups = nullptr;
-    std::uint32_t count = 0;
-    ASSERT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 1);
+    ASSERT_EQ(interpose(plugin_, volume).answer, 1);
 
     plugin_.unload();
     ASSERT_TRUE(plugin_.load(FIKIV_PLUGIN_PATH).isOk());
-    identity = nullptr;
-    EXPECT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 0);
-    EXPECT_EQ(identity, nullptr);
+    const Interposition before = interpose(plugin_, volume);
+    EXPECT_EQ(before.answer, 0);
+    EXPECT_EQ(before.identity, nullptr);
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(plugin_.interpose(volume.record(), &identity, &groups, &count), 1);
+    EXPECT_EQ(interpose(plugin_, volume).answer, 1);
 }
 
 }  // namespace

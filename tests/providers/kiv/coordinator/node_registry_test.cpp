@@ -4,51 +4,18 @@
 #include <gtest/gtest.h>
 
 #include "plugin_fixture.h"
-#include "tarn/tarnutil.h"
 
 namespace plugintest {
 namespace {
 
-constexpr char16_t kGroupName[] = u"kiv-cow-snapshot-group";
-const std::u16string kQuiesceDocument =
-    u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=quiesceWait value=10 /> "
-    u"<SET_CONFIG_INFO key=quiesceTimeout value=30 /> </SET_CONFIG_INFO_LIST>";
+const std::u16string kAutomatic = u"TARN_CFS_AUTO_PREP";
 
-class NodeRegistryTest : public CoordinatorTest {
-  protected:
-    void SetUp() override {
-        startPlugin(testMachine());
-        ASSERT_EQ(init(), 0);
-    }
-
-    // Sends one configuration request; returns the status and, when the
-    // provider handed a text back, that text (freeing the framework buffer).
-    std::int32_t configure(tarn_node* record, std::uint32_t operation, bool split,
-                           const std::u16string* document, std::u16string* answer = nullptr) {
-        std::u16string input = document != nullptr ? *document : std::u16string();
-        tarn_config_request request{};
-        request.split_selector = split ? 1 : 0;
-        request.quiesce_selector = split ? 0 : 1;
-        request.text = document != nullptr ? input.data() : nullptr;
-        std::int32_t status = plugin_.config(record, operation, nullptr, &request);
-        if (request.text != nullptr && request.text != input.data()) {
-            std::u16string handed(request.text);
-            if (answer != nullptr) {
-                *answer = handed;
-            }
-            tarn_free_buf(request.text, 2 * (handed.size() + 1));
-        }
-        return status;
-    }
-};
+using NodeRegistryTest = StartedCoordinatorTest;
 
 TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
-    HostNode group(kGroupName);
-    HostNode volume(u"<kiv>C:");
-    ASSERT_EQ(plugin_.init_node(volume.record(), nullptr, 0, nullptr), 0);
-    ASSERT_EQ(plugin_.init_node(group.record(), nullptr, 0, nullptr), 0);
-    HostNode later(u"<kiv>D:");
-    ASSERT_EQ(plugin_.init_node(later.record(), nullptr, 0, nullptr), 0);
+    HostNode& volume = attach(u"<kiv>C:");
+    HostNode& group = attach(kGroupName);
+    HostNode& later = attach(u"<kiv>D:");
 
     EXPECT_NE(volume.providerData(), nullptr);
     EXPECT_EQ(volume.record()->flags & 0x1002u, 0x1002u);
@@ -65,9 +32,7 @@ TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
         EXPECT_EQ(entry->group_node, group.record());
     }
 
-    plugin_.deinit_node(later.record());
     plugin_.deinit_node(volume.record());
-    plugin_.deinit_node(group.record());
     EXPECT_EQ(volume.providerData(), nullptr);
     EXPECT_EQ(volume.record()->fi_list, nullptr);
     // The flag bits stay on detach.
@@ -75,10 +40,8 @@ TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
 }
 
 TEST_F(NodeRegistryTest, GroupObjectGetsOneNodeUntilDeInit) {
-    HostNode first(kGroupName);
-    HostNode second(kGroupName);
-    ASSERT_EQ(plugin_.init_node(first.record(), nullptr, 0, nullptr), 0);
-    ASSERT_EQ(plugin_.init_node(second.record(), nullptr, 0, nullptr), 0);
+    HostNode& first = attach(kGroupName);
+    HostNode& second = attach(kGroupName);
     EXPECT_NE(first.providerData(), nullptr);
     EXPECT_EQ(second.providerData(), nullptr);
     EXPECT_EQ(second.record()->fi_list, nullptr);
@@ -87,23 +50,21 @@ TEST_F(NodeRegistryTest, GroupObjectGetsOneNodeUntilDeInit) {
     plugin_.deinit_node(first.record());
     ASSERT_EQ(plugin_.init_node(second.record(), nullptr, 0, nullptr), 0);
     EXPECT_NE(second.providerData(), nullptr);
-    plugin_.deinit_node(second.record());
 }
 
 TEST_F(NodeRegistryTest, AltNodeHasNodeButNoFiList) {
     HostNode source(u"<kiv>C:");
-    HostNode alternate(u"alternate");
+    records_.push_back(std::make_unique<HostNode>(u"alternate"));
+    HostNode& alternate = *records_.back();
     alternate.record()->fi_list = reinterpret_cast<tarn_fi_link*>(0x10);
     ASSERT_EQ(plugin_.init_altnode(source.record(), nullptr, alternate.record()), 0);
     EXPECT_NE(alternate.providerData(), nullptr);
     EXPECT_EQ(alternate.record()->fi_list, nullptr);
     EXPECT_EQ(alternate.record()->flags & 0x1002u, 0x1002u);
-    plugin_.deinit_node(alternate.record());
 }
 
 TEST_F(NodeRegistryTest, SupportsFiTypeSetsOrClearsTheAnswerWord) {
-    HostNode volume(u"<kiv>C:");
-    ASSERT_EQ(plugin_.init_node(volume.record(), nullptr, 0, nullptr), 0);
+    HostNode& volume = attach(u"<kiv>C:");
     struct Row {
         const char* type;
         std::int32_t expected;
@@ -121,115 +82,93 @@ TEST_F(NodeRegistryTest, SupportsFiTypeSetsOrClearsTheAnswerWord) {
         EXPECT_EQ(plugin_.supports_fitype(volume.record(), row.type), row.expected);
         EXPECT_EQ(*volume.record()->fi_support, row.after);
     }
-    plugin_.deinit_node(volume.record());
 }
 
 TEST_F(NodeRegistryTest, ConfigurationReachesTheNodes) {
-    HostNode group(kGroupName);
-    HostNode volume(u"<kiv>C:");
-    ASSERT_EQ(plugin_.init_node(group.record(), nullptr, 0, nullptr), 0);
-    ASSERT_EQ(plugin_.init_node(volume.record(), nullptr, 0, nullptr), 0);
+    tarn_node* group = attach(kGroupName).record();
+    HostNode& volume = attach(u"<kiv>C:");
+    const std::u16string* settings = &kQuiesceSettings;
 
     std::u16string answer;
-    EXPECT_EQ(configure(group.record(), 2, /*split=*/false, &kQuiesceDocument), 0);
-    EXPECT_EQ(configure(group.record(), 2, /*split=*/false, &kQuiesceDocument), 3);
-    EXPECT_EQ(configure(group.record(), 1, /*split=*/false, nullptr, &answer), 0);
-    EXPECT_EQ(answer, kQuiesceDocument);
-    EXPECT_EQ(configure(group.record(), 4, /*split=*/false, nullptr, &answer), 0);
+    EXPECT_EQ(configure(group, false, settings), 0);
+    EXPECT_EQ(configure(group, false, settings), 3);
+    EXPECT_EQ(configure(group, false, nullptr, 1, &answer), 0);
+    EXPECT_EQ(answer, kQuiesceSettings);
+    EXPECT_EQ(configure(group, false, nullptr, 4, &answer), 0);
     EXPECT_EQ(answer.rfind(u"<GET_CONFIG_INFO_LIST> <GET_CONFIG_INFO key=quiesceWait", 0), 0u);
     // An information request that carries text is refused.
-    EXPECT_EQ(configure(group.record(), 4, /*split=*/false, &kQuiesceDocument), 3);
+    EXPECT_EQ(configure(group, false, settings, 4), 3);
     // Clear, then the group accepts settings again.
-    EXPECT_EQ(configure(group.record(), 3, /*split=*/false, nullptr), 0);
-    EXPECT_EQ(configure(group.record(), 2, /*split=*/false, &kQuiesceDocument), 0);
-    EXPECT_EQ(configure(group.record(), 9, /*split=*/false, nullptr), 3);
+    EXPECT_EQ(configure(group, false, nullptr, 3), 0);
+    EXPECT_EQ(configure(group, false, settings), 0);
+    EXPECT_EQ(configure(group, false, nullptr, 9), 3);
 
-    std::u16string automatic = u"TARN_CFS_AUTO_PREP";
-    EXPECT_EQ(configure(volume.record(), 2, /*split=*/true, &automatic), 0);
-    plugin_.deinit_node(volume.record());
-    plugin_.deinit_node(group.record());
+    EXPECT_EQ(configure(volume.record(), true, kAutomatic), 0);
 }
 
 TEST_F(NodeRegistryTest, SelectMarksRecordsThatFailTheirChecks) {
-    HostNode group(kGroupName);
-    HostNode volume(u"<kiv>C:");
-    ASSERT_EQ(plugin_.init_node(group.record(), nullptr, 0, nullptr), 0);
-    ASSERT_EQ(plugin_.init_node(volume.record(), nullptr, 0, nullptr), 0);
-    tarn_fi_entry entry{"kiv-cow-snapshot", volume.record(), group.record()};
+    tarn_node* group = attach(kGroupName).record();
+    tarn_node* volume = attach(u"<kiv>C:").record();
+    tarn_fi_entry entry{"kiv-cow-snapshot", volume, group};
 
     // Neither the quiesce settings nor the split settings are there yet.
     EXPECT_EQ(plugin_.select(&entry, nullptr, nullptr, 0), 3);
-    EXPECT_EQ(group.record()->status & 0x4u, 0x4u);
-    EXPECT_EQ(volume.record()->status & 0x4u, 0x4u);
+    EXPECT_EQ(group->status & 0x4u, 0x4u);
+    EXPECT_EQ(volume->status & 0x4u, 0x4u);
 
-    group.record()->status = 0;
-    volume.record()->status = 0;
-    std::u16string automatic = u"TARN_CFS_AUTO_PREP";
-    ASSERT_EQ(configure(group.record(), 2, /*split=*/false, &kQuiesceDocument), 0);
-    ASSERT_EQ(configure(volume.record(), 2, /*split=*/true, &automatic), 0);
+    group->status = 0;
+    volume->status = 0;
+    ASSERT_EQ(configure(group, false, kQuiesceSettings), 0);
+    ASSERT_EQ(configure(volume, true, kAutomatic), 0);
     EXPECT_EQ(plugin_.select(&entry, nullptr, nullptr, 0), 0);
-    EXPECT_EQ(group.record()->status, 0u);
-    EXPECT_EQ(volume.record()->status, 0u);
+    EXPECT_EQ(group->status, 0u);
+    EXPECT_EQ(volume->status, 0u);
 
     // Without a group record the source is marked even though its split
     // settings pass.
-    tarn_fi_entry orphan{"kiv-cow-snapshot", volume.record(), nullptr};
+    tarn_fi_entry orphan{"kiv-cow-snapshot", volume, nullptr};
     EXPECT_EQ(plugin_.select(&orphan, nullptr, nullptr, 0), 3);
-    EXPECT_EQ(volume.record()->status & 0x4u, 0x4u);
+    EXPECT_EQ(volume->status & 0x4u, 0x4u);
 
     // With an array, only its entries are checked, up to the first failure.
-    HostNode unconfigured(u"<kiv>D:");
-    HostNode second(u"<kiv>E:");
-    ASSERT_EQ(plugin_.init_node(unconfigured.record(), nullptr, 0, nullptr), 0);
-    ASSERT_EQ(plugin_.init_node(second.record(), nullptr, 0, nullptr), 0);
-    tarn_fi_entry first{"kiv-cow-snapshot", unconfigured.record(), group.record()};
-    tarn_fi_entry next{"kiv-cow-snapshot", second.record(), group.record()};
+    tarn_node* unconfigured = attach(u"<kiv>D:").record();
+    tarn_node* second = attach(u"<kiv>E:").record();
+    tarn_fi_entry first{"kiv-cow-snapshot", unconfigured, group};
+    tarn_fi_entry next{"kiv-cow-snapshot", second, group};
     tarn_fi_entry* array[] = {&first, &next};
-    volume.record()->status = 0;
+    volume->status = 0;
     EXPECT_EQ(plugin_.select(&entry, nullptr, array, 2), 3);
-    EXPECT_EQ(unconfigured.record()->status & 0x4u, 0x4u);
-    EXPECT_EQ(second.record()->status, 0u);
-    EXPECT_EQ(volume.record()->status, 0u);
-
-    for (HostNode* node : {&second, &unconfigured, &volume, &group}) {
-        plugin_.deinit_node(node->record());
-    }
+    EXPECT_EQ(unconfigured->status & 0x4u, 0x4u);
+    EXPECT_EQ(second->status, 0u);
+    EXPECT_EQ(volume->status, 0u);
 }
 
 TEST_F(NodeRegistryTest, IsReadyMarksEntriesAndGroup) {
-    HostNode group(kGroupName);
-    HostNode a(u"<kiv>C:");
-    HostNode b(u"<kiv>D:");
-    for (HostNode* node : {&group, &a, &b}) {
-        ASSERT_EQ(plugin_.init_node(node->record(), nullptr, 0, nullptr), 0);
-    }
-    a.record()->status = 0x1;
-    tarn_fi_entry entryA{"kiv-cow-snapshot", a.record(), group.record()};
-    tarn_fi_entry entryB{"kiv-cow-snapshot", b.record(), group.record()};
+    tarn_node* group = attach(kGroupName).record();
+    tarn_node* a = attach(u"<kiv>C:").record();
+    tarn_node* b = attach(u"<kiv>D:").record();
+    a->status = 0x1;
+    tarn_fi_entry entryA{"kiv-cow-snapshot", a, group};
+    tarn_fi_entry entryB{"kiv-cow-snapshot", b, group};
     EXPECT_EQ(plugin_.isready(&entryA, nullptr, nullptr, 0), 0);
-    EXPECT_EQ(a.record()->status, 0x9u);
-    EXPECT_EQ(group.record()->status, 0x8u);
-    EXPECT_EQ(b.record()->status, 0u);
+    EXPECT_EQ(a->status, 0x9u);
+    EXPECT_EQ(group->status, 0x8u);
+    EXPECT_EQ(b->status, 0u);
 
     tarn_fi_entry* list[] = {&entryA, &entryB};
     EXPECT_EQ(plugin_.isready(&entryA, nullptr, list, 2), 0);
-    EXPECT_EQ(b.record()->status, 0x8u);
-    for (HostNode* node : {&b, &a, &group}) {
-        plugin_.deinit_node(node->record());
-    }
+    EXPECT_EQ(b->status, 0x8u);
 }
 
 TEST_F(NodeRegistryTest, NoAlternateTreeAndNoSubObjects) {
-    HostNode volume(u"<kiv>C:");
-    ASSERT_EQ(plugin_.init_node(volume.record(), nullptr, 0, nullptr), 0);
-    tarn_fi_entry entry{"kiv-cow-snapshot", volume.record(), nullptr};
-    EXPECT_EQ(plugin_.build_alttree(volume.record(), nullptr, nullptr, nullptr, 0, nullptr), 3);
+    tarn_node* volume = attach(u"<kiv>C:").record();
+    tarn_fi_entry entry{"kiv-cow-snapshot", volume, nullptr};
+    EXPECT_EQ(plugin_.build_alttree(volume, nullptr, nullptr, nullptr, 0, nullptr), 3);
     void* list = &entry;
     std::uint32_t count = 5;
-    EXPECT_EQ(plugin_.subobj_list(volume.record(), &list, &count), 0);
+    EXPECT_EQ(plugin_.subobj_list(volume, &list, &count), 0);
     EXPECT_EQ(list, nullptr);
     EXPECT_EQ(count, 0u);
-    plugin_.deinit_node(volume.record());
 }
 
 }  // namespace

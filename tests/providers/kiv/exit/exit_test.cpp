@@ -1,82 +1,137 @@
-// The ways a host leaves the plug-in: each run of exit_host is checked by
-// valgrind's memcheck (no invalid access, no definite leak), and its output
-// shows that the plug-in tore itself down in order, tracing to the last line.
+// The ways a host leaves the plug-in: each run of a host, this program started
+// again as the child role leavePlugin, is checked by valgrind's memcheck (no
+// invalid access, no definite leak), and its output shows that the plug-in tore
+// itself down in order, tracing to the last line.
 //
 // valgrind cannot run a program built with AddressSanitizer. In the sanitizer
-// build exit_host runs on its own and AddressSanitizer (with its leak check)
+// build the host runs on its own and AddressSanitizer (with its leak check)
 // checks the same paths from inside.
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include "support/temp_machine.h"
+#include "host/host_context.h"
+#include "host/host_node.h"
+#include "host/plugin_host.h"
+#include "support/child_process.h"
 #include "support/row_name.h"
+#include "support/temp_machine.h"
 
-extern char** environ;
+// The host's context, the plug-in and the node records outlive the role: the
+// plug-in keeps the context and the records for as long as it is loaded, and
+// on exit it still reports while it tears down. External linkage, so that the
+// compiler keeps the pointers that make them reachable.
+host::HostContext* context = nullptr;
+host::PluginHost* plugin = nullptr;
+host::HostNode* node = nullptr;
+host::HostNode* group = nullptr;
+host::HostNode* secondNode = nullptr;
 
 namespace {
 
 using testsupport::TempMachine;
 
-struct HostRun {
-    int exitCode = -1;
-    std::string output;  // the lines the plug-in sent, one per line
-    std::string errors;  // exit_host's and valgrind's own report
-};
+// Prints every line the plug-in sends as "<level> <text>".
+void printLine(const host::HostMessage& message) {
+    std::string line = std::to_string(message.level) + " ";
+    line += message.text.value_or(message.secondText.value_or(""));
+    if (line.empty() || line.back() != '\n') {
+        line += '\n';
+    }
+    // Straight to the descriptor: the last lines come after the C++ runtime
+    // has started taking the process down.
+    for (std::size_t written = 0; written < line.size();) {
+        ssize_t result = write(STDOUT_FILENO, line.data() + written, line.size() - written);
+        if (result <= 0) {
+            return;
+        }
+        written += static_cast<std::size_t>(result);
+    }
+}
+
+// Ends the run with exit code 3 when a step did not answer as expected.
+void require(const char* step, std::int32_t status, std::int32_t expected = 0) {
+    if (status != expected) {
+        std::fprintf(stderr, "exit_host: %s answered %d\n", step, status);
+        std::_Exit(3);
+    }
+}
+
+// A node for `volume`, interposed first as a host would. The record stays
+// with the node until the plug-in goes.
+host::HostNode* attachVolume(const char16_t* volume) {
+    host::HostNode source(volume);
+    tarn_objid* identity = nullptr;
+    tarn_objid** groups = nullptr;
+    std::uint32_t count = 0;
+    require("interpose", plugin->interpose(source.record(), &identity, &groups, &count), 1);
+    auto* record = new host::HostNode(identity);
+    require("initNode", plugin->init_node(record->record(), nullptr, 0, nullptr));
+    return record;
+}
+
+// C: and E: prepared together, their caches placed automatically: the volume
+// nodes hold their source volumes' handles and C:'s node the snapshot set's.
+void prepareTwoVolumes() {
+    group = new host::HostNode(u"kiv-cow-snapshot-group");
+    require("initNode", plugin->init_node(group->record(), nullptr, 0, nullptr));
+    node = attachVolume(u"C:");
+    secondNode = attachVolume(u"E:");
+    for (host::HostNode* volume : {node, secondNode}) {
+        std::u16string document =
+            u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_AUTO_PREP /> "
+            u"</SET_CONFIG_INFO_LIST>";
+        tarn_config_request request{};
+        request.split_selector = 1;
+        request.text = document.data();
+        require("config", plugin->config(volume->record(), 2, nullptr, &request));
+    }
+    tarn_fi_entry* entries[] = {node->fiEntries().front(), secondNode->fiEntries().front()};
+    require("prepare", plugin->prepare(entries[0], nullptr, entries, 2, 0));
+}
+
+// The host: "unload" (init, one initNode, unload, return), "exit" (init, one
+// initNode, exit with the plug-in loaded) or "prepare" (init, the group node
+// and two volume nodes, one prepare of both, exit with the plug-in loaded and
+// the nodes holding driver handles). Exit code 0 when every step answered as
+// expected, 3 when one did not.
+FIKIV_CHILD_ROLE(leavePlugin) {
+    context = new host::HostContext();
+    context->setListener(&printLine);
+    plugin = new host::PluginHost();
+    if (host::Status status = plugin->load(FIKIV_PLUGIN_PATH); !status.isOk()) {
+        std::fprintf(stderr, "leavePlugin: %s\n", status.toString().c_str());
+        return 3;
+    }
+    tarn_version version{};
+    require("init", plugin->init(context->context(), &version));
+    if (arguments.at(0) == "prepare") {
+        prepareTwoVolumes();
+    } else {
+        node = attachVolume(u"C:");
+    }
+    if (arguments.at(0) == "unload") {
+        // The record keeps the fi list the plug-in attached to it: only
+        // deInitNode, never called here, takes that away.
+        plugin->unload();
+    }
+    return 0;
+}
 
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path);
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
-}
-
-// Runs exit_host in `mode` against the plug-in, under valgrind unless this is
-// the sanitizer build.
-HostRun runExitHost(const std::string& mode, const std::filesystem::path& scratch) {
-    std::vector<std::string> arguments;
-#ifndef FIKIV_EXIT_TEST_SANITIZED
-    arguments = {FIKIV_VALGRIND, "--quiet", "--leak-check=full", "--errors-for-leak-kinds=definite",
-                 "--error-exitcode=9"};
-#endif
-    arguments.insert(arguments.end(), {FIKIV_EXIT_HOST, FIKIV_PLUGIN_PATH, mode});
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-
-    const std::filesystem::path out = scratch / (mode + ".out");
-    const std::filesystem::path err = scratch / (mode + ".err");
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t child = -1;
-    HostRun run;
-    const int spawned = posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        run.errors = "cannot start " + arguments[0];
-        return run;
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.output = readFile(out);
-    run.errors = readFile(err);
-    return run;
 }
 
 // Positions of the lines containing `part`, in output order.
@@ -106,29 +161,41 @@ class PluginExitTest : public ::testing::TestWithParam<ExitCase> {};
 TEST_P(PluginExitTest, TearsDownInOrderAndCleanly) {
 #ifdef FIKIV_EXIT_TEST_SANITIZED
     std::printf(
-        "valgrind cannot run an AddressSanitizer build: exit_host runs under "
+        "valgrind cannot run an AddressSanitizer build: the host runs under "
         "AddressSanitizer instead\n");
 #endif
     const ExitCase& row = GetParam();
     TempMachine machine(nlohmann::json{
         {"volumes", {TempMachine::volume(1, {"C:\\"}), TempMachine::volume(2, {"E:\\"})}}});
-    const HostRun run = runExitHost(row.mode, machine.directory());
-    ASSERT_EQ(run.exitCode, 0) << run.errors << run.output;
-    EXPECT_EQ(run.errors, "");
+    // The host, under valgrind unless this is the sanitizer build.
+    std::string command;
+#ifndef FIKIV_EXIT_TEST_SANITIZED
+    command = FIKIV_VALGRIND
+        " --quiet --leak-check=full --errors-for-leak-kinds=definite "
+        "--error-exitcode=9 ";
+#endif
+    const std::filesystem::path out = machine.directory() / "host.out";
+    const std::filesystem::path err = machine.directory() / "host.err";
+    command += "'" + std::filesystem::read_symlink("/proc/self/exe").string() +
+               "' --child=leavePlugin " + row.mode + " >'" + out.string() + "' 2>'" + err.string() +
+               "'";
+    const int status = std::system(command.c_str());
+    const std::string output = readFile(out);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readFile(err) << output;
+    EXPECT_EQ(readFile(err), "");
 
     const auto entering =
-        linesWith(run.output, "Entering Function KivFiCoordinator::~KivFiCoordinator");
-    const auto exiting =
-        linesWith(run.output, "Exiting Function KivFiCoordinator::~KivFiCoordinator");
-    const auto node = linesWith(run.output, "Exiting Function KivNode::~KivNode");
-    ASSERT_EQ(entering.size(), 1u) << run.output;
-    ASSERT_EQ(exiting.size(), 1u) << run.output;
-    ASSERT_EQ(node.size(), row.nodes) << run.output;
+        linesWith(output, "Entering Function KivFiCoordinator::~KivFiCoordinator");
+    const auto exiting = linesWith(output, "Exiting Function KivFiCoordinator::~KivFiCoordinator");
+    const auto node = linesWith(output, "Exiting Function KivNode::~KivNode");
+    ASSERT_EQ(entering.size(), 1u) << output;
+    ASSERT_EQ(exiting.size(), 1u) << output;
+    ASSERT_EQ(node.size(), row.nodes) << output;
     EXPECT_LT(entering[0], node.front());
     EXPECT_LT(node.back(), exiting[0]);
     // The coordinator's frame closes the output: nothing of the plug-in runs
     // after it.
-    EXPECT_EQ(exiting[0], linesWith(run.output, "").size() - 1) << run.output;
+    EXPECT_EQ(exiting[0], linesWith(output, "").size() - 1) << output;
 }
 
 const ExitCase kExits[] = {

@@ -10,52 +10,36 @@
 namespace nodetest {
 namespace {
 
-using testsupport::ScriptedPipeServer;
-
-constexpr std::uint32_t kBusy = 231;
 constexpr std::int32_t kFileNotFound = 2;
-const char kBusyText[] = "Retrived handle after every second for 30 times";
 
-std::vector<std::uint32_t> repeated(std::uint32_t status, std::size_t times) {
-    return std::vector<std::uint32_t>(times, status);
+// The agent's answers `before`, then `times` busy ones.
+std::vector<std::uint32_t> busy(std::size_t times, std::vector<std::uint32_t> before = {}) {
+    before.insert(before.end(), times, kBusy);
+    return before;
 }
-
-std::vector<std::uint32_t> joined(std::initializer_list<std::vector<std::uint32_t>> parts) {
-    std::vector<std::uint32_t> all;
-    for (const auto& part : parts) {
-        all.insert(all.end(), part.begin(), part.end());
-    }
-    return all;
-}
-
-enum class Agent { Scripted, Absent };
 
 struct RegistrationCase {
     const char* name;
-    Agent agent;
+    bool agentRuns;
     std::vector<std::uint32_t> agentStatuses;
-    std::vector<std::pair<const char*, std::uint32_t>> faults;  // function, error (first call)
+    const char* failingFunction;  // fails its first call with error 2, or null
     std::vector<Report> reports;
-    std::size_t registrations;  // register requests the agent received
-    std::size_t waits;          // one-second waits
+    // Register requests the agent received for the first and the second
+    // snapshot volume, in that order.
+    std::size_t firstRequests;
+    std::size_t secondRequests;
+    std::size_t waits;  // one-second waits
 };
 FIKIV_PRINT_ROW_NAME(RegistrationCase)
 
 // clang-format off
 const RegistrationCase kRegistrationCases[] = {
-    {"EachVolumeRegisteredAndWaitedFor", Agent::Scripted, {}, {}, {}, 2, 2},
-    {"AgentErrorIsReportedWithoutWaiting", Agent::Scripted, {5}, {},
-     {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", 5, "<first>"}}}, 2, 1},
-    {"AgentBusyThroughTheWholeBudget", Agent::Scripted, repeated(kBusy, 31), {},
-     {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<first>"}}}, 32, 32},
-    {"SecondVolumeGetsAFullBudgetOfItsOwn", Agent::Scripted,
-     joined({{kBusy, kBusy, 0}, repeated(kBusy, 31)}), {},
-     {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<second>"}}}, 34, 34},
-    {"AgentAbsent", Agent::Absent, {}, {},
-     {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<first>"}},
-      {"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<second>"}}}, 0, 0},
-    {"SnapshotVolumeThatCannotBeOpenedIsNotRegistered", Agent::Scripted, {}, {{"KIV_Open", 2}},
-     {{"MSG_ERROR_KIVAPI_STR", {"Make", "KIV_Open", "<first>"}}}, 1, 1},
+    {"EachVolumeRegisteredAndWaitedFor", true, {}, nullptr, {}, 1, 1, 2},
+    {"AgentErrorIsReportedWithoutWaiting", true, {5}, nullptr, {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", 5, "<first>"}}}, 1, 1, 1},
+    {"AgentBusyThroughTheWholeBudget", true, busy(31), nullptr, {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<first>"}}}, 31, 1, 32},
+    {"SecondVolumeGetsAFullBudgetOfItsOwn", true, busy(31, {kBusy, kBusy, 0}), nullptr, {{"MSG_ERROR_KIVORBHANDLE", {"KIV_ORB_Registervolume", 231, kBusyText, "<second>"}}}, 3, 31, 34},
+    {"AgentAbsent", false, {}, nullptr, {{"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_ORB_Registervolume", kFileNotFound, "<second>"}}}, 0, 0, 0},
+    {"SnapshotVolumeThatCannotBeOpenedIsNotRegistered", true, {}, "KIV_Open", {{"MSG_ERROR_KIVAPI_STR", {"Make", "KIV_Open", "<first>"}}}, 0, 1, 1},
 };
 // clang-format on
 
@@ -66,15 +50,15 @@ TEST_P(MakeRegistrationTest, ReportsWaitsAndIdentities) {
     const RegistrationCase& row = GetParam();
     preparePair();
     std::optional<ScriptedPipeServer> agent;
-    if (row.agent == Agent::Scripted) {
+    if (row.agentRuns) {
         agent.emplace();
         for (std::uint32_t status : row.agentStatuses) {
             agent->scriptStatuses({status});
         }
     }
     const std::size_t descriptors = descriptorsIntoMachine();
-    for (const auto& [function, error] : row.faults) {
-        sim::injectFault(function, error);
+    if (row.failingFunction != nullptr) {
+        sim::injectFault(row.failingFunction, 2);
     }
 
     std::vector<std::u16string> identities;
@@ -82,18 +66,21 @@ TEST_P(MakeRegistrationTest, ReportsWaitsAndIdentities) {
 
     // Every volume gets its identity and its made bit, whatever happened at
     // the agent.
-    ASSERT_EQ(identities.size(), 2u);
-    EXPECT_EQ(plugintest::utf8(identities[0]), snapshotNames_[0]);
-    EXPECT_EQ(plugintest::utf8(identities[1]), snapshotNames_[1]);
+    EXPECT_EQ(identities, (std::vector<std::u16string>{testsupport::utf16(snapshotNames_[0]),
+                                                       testsupport::utf16(snapshotNames_[1])}));
     for (tarn_fi_entry* entry : preparedList_) {
         EXPECT_EQ(entry->node->status & 0x1, 0x1u);
     }
-    const std::vector<std::string> expected = expectedReports(
-        row.reports, {{"<first>", snapshotNames_[0]}, {"<second>", snapshotNames_[1]}});
-    EXPECT_EQ(reportsOf(takeUserMessages()), expected);
+    const std::vector<HostMessage> messages = takeUserMessages();
+    EXPECT_EQ(reportsOf(messages), expectedReports(row.reports, {{"<first>", snapshotNames_[0]},
+                                                                 {"<second>", snapshotNames_[1]}}));
+    EXPECT_EQ(plainLinesOf(messages).size(), 0u);
     EXPECT_EQ(sleeps(), seconds(row.waits));
     if (agent) {
-        EXPECT_EQ(agent->codes(), std::vector<std::uint32_t>(row.registrations, 2));
+        std::vector<std::string> names(row.firstRequests, snapshotNames_[0]);
+        names.insert(names.end(), row.secondRequests, snapshotNames_[1]);
+        EXPECT_EQ(agent->names(), names);
+        EXPECT_EQ(agent->codes(), std::vector<std::uint32_t>(names.size(), 2));
         for (const orbhandle::Request& request : agent->requests()) {
             EXPECT_NE(request.handle, 0u);
         }
@@ -104,42 +91,48 @@ TEST_P(MakeRegistrationTest, ReportsWaitsAndIdentities) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Agent, MakeRegistrationTest, ::testing::ValuesIn(kRegistrationCases),
-                         [](const ::testing::TestParamInfo<RegistrationCase>& info) {
-                             return std::string(info.param.name);
-                         });
+                         rowName<RegistrationCase>);
 
-TEST_F(NodeTest, DriverRefusingCreationLeavesTheOutputsUntouched) {
-    preparePair();
-    ScriptedPipeServer agent;
-    sim::injectFault("KIV_Create", 21);
-    tarn_objid* sentinel[1] = {};
-    tarn_objid** identities = sentinel;
-    std::uint32_t count = 77;
-
-    EXPECT_EQ(plugin_.make(preparedList_[0], nullptr, preparedList_.data(), 2, &identities, &count),
-              3);
-    EXPECT_EQ(identities, sentinel);
-    EXPECT_EQ(count, 77u);
-    EXPECT_EQ(reportsOf(takeUserMessages()),
-              (std::vector<std::string>{
-                  catalogueText("MSG_ERROR_KIVAPI", {"KIV_Create", 21, "KIV_Create"})}));
-    EXPECT_TRUE(agent.codes().empty());
-    EXPECT_TRUE(sleeps().empty());
-}
-
-TEST_F(NodeTest, NoRoomForTheIdentitiesAnswersOutOfMemory) {
-    preparePair();
-    ScriptedPipeServer agent;
-    tarn_test_fail_alloc(0, 1);
-    tarn_objid** identities = nullptr;
-    std::uint32_t count = 77;
-
-    EXPECT_EQ(plugin_.make(preparedList_[0], nullptr, preparedList_.data(), 2, &identities, &count),
-              5);
-    tarn_test_fail_alloc(0, 0);
-    EXPECT_EQ(identities, nullptr);
-    EXPECT_EQ(count, 0u);
-    EXPECT_TRUE(agent.codes().empty());
+// make refused before any volume is registered: by the driver, leaving the
+// host's outputs as they were, or for want of memory for the identities.
+TEST_F(NodeTest, MakeRefusedRegistersNothing) {
+    struct Row {
+        const char* name;
+        const char* fault;
+        std::int32_t status;
+        std::vector<std::string> reports;
+        std::uint32_t count;  // what the count reads afterwards
+    };
+    // clang-format off
+    const Row rows[] = {
+        {"DriverRefusesCreation", "KIV_Create", 3, {catalogueText("MSG_ERROR_KIVAPI", {"KIV_Create", 21, "KIV_Create"})}, 77},
+        {"NoRoomForTheIdentities", nullptr, 5, {}, 0},
+    };
+    // clang-format on
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        TearDown();  // a fresh plug-in on a fresh machine for each row
+        SetUp();
+        preparePair();
+        ScriptedPipeServer agent;
+        if (row.fault != nullptr) {
+            sim::injectFault(row.fault, 21);
+        } else {
+            tarn_test_fail_alloc(0, 1);
+        }
+        tarn_objid* sentinel[1] = {};
+        tarn_objid** identities = sentinel;
+        std::uint32_t count = 77;
+        EXPECT_EQ(
+            plugin_.make(preparedList_[0], nullptr, preparedList_.data(), 2, &identities, &count),
+            row.status);
+        tarn_test_fail_alloc(0, 0);
+        EXPECT_EQ(identities, row.count == 0 ? nullptr : sentinel);
+        EXPECT_EQ(count, row.count);
+        EXPECT_EQ(reportsOf(takeUserMessages()), row.reports);
+        EXPECT_EQ(agent.codes(), std::vector<std::uint32_t>{});
+        EXPECT_EQ(sleeps(), std::vector<std::uint32_t>{});
+    }
 }
 
 TEST_F(NodeTest, ListWithCountZeroMakesTheEntrysVolumeAlone) {
@@ -151,7 +144,7 @@ TEST_F(NodeTest, ListWithCountZeroMakesTheEntrysVolumeAlone) {
     ASSERT_EQ(plugin_.make(preparedList_[0], nullptr, preparedList_.data(), 0, &array, &count), 0);
     ASSERT_EQ(count, 1u);
     ASSERT_NE(array[0], nullptr);
-    EXPECT_EQ(plugintest::utf8(array[0]->name), snapshotNames_[0]);
+    EXPECT_EQ(utf8(array[0]->name), snapshotNames_[0]);
     tarn_free_buf(array, sizeof(tarn_objid*));
     EXPECT_EQ(agent.names(), std::vector<std::string>{snapshotNames_[0]});
     EXPECT_EQ(preparedList_[1]->node->status & 0x1, 0u);

@@ -1,50 +1,33 @@
 #include "node_fixture.h"
 
 #include <filesystem>
-#include <fstream>
 
 #include <unicode/fmtable.h>
 #include <unicode/msgfmt.h>
 #include <unicode/unistr.h>
 
-#include "host/text.h"
 #include "sim/clock.h"
+#include "support/leftovers.h"
 #include "tarn/msgcatalog.h"
 
 namespace nodetest {
 
-std::u16string selectedSplit(const std::string& snapshotVolumeName,
-                             const std::string& cacheFileName, std::uint32_t initialMB,
-                             std::uint32_t maximumMB) {
-    std::string text =
+std::u16string selectedSplit(char which) {
+    const std::string lower(1, which);
+    const std::string upper(1, static_cast<char>(which - 'a' + 'A'));
+    return testsupport::utf16(
         "<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_SELECT_PREP /> "
-        "<SET_CONFIG_INFO key=snapshotVolumeName value=" +
-        snapshotVolumeName + " /> <SET_CONFIG_INFO key=cacheFileName value=" + cacheFileName +
-        " /> <SET_CONFIG_INFO key=initialCacheFileSize value=" + std::to_string(initialMB) +
-        " /> <SET_CONFIG_INFO key=maximumCacheFileSize value=" + std::to_string(maximumMB) +
-        " /> </SET_CONFIG_INFO_LIST>";
-    return host::toUtf16(text);
-}
-
-std::u16string quiesceDocument(std::uint32_t wait, std::uint32_t timeout) {
-    std::string text =
-        "<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=quiesceWait value=" + std::to_string(wait) +
-        " /> <SET_CONFIG_INFO key=quiesceTimeout value=" + std::to_string(timeout) +
-        " /> </SET_CONFIG_INFO_LIST>";
-    return host::toUtf16(text);
-}
-
-std::u16string taggedVolume(int number) {
-    std::u16string name = TempMachine::guidName(number);
-    name.pop_back();
-    return u"<kiv>" + name;
+        "<SET_CONFIG_INFO key=snapshotVolumeName value=\\\\?\\Snapshot" +
+        upper + " /> <SET_CONFIG_INFO key=cacheFileName value=E:\\selected_" + lower +
+        ".KIV /> <SET_CONFIG_INFO key=initialCacheFileSize value=64 /> "
+        "<SET_CONFIG_INFO key=maximumCacheFileSize value=128 /> </SET_CONFIG_INFO_LIST>");
 }
 
 std::string catalogueText(const char* id, const std::vector<ReportArgument>& arguments) {
     std::vector<icu::Formattable> values;
     for (const ReportArgument& argument : arguments) {
         if (const auto* text = std::get_if<std::string>(&argument)) {
-            std::u16string wide = host::toUtf16(*text);
+            std::u16string wide = testsupport::utf16(*text);
             values.emplace_back(icu::UnicodeString(wide.data(), static_cast<int32_t>(wide.size())));
         } else {
             values.emplace_back(std::get<std::int32_t>(argument));
@@ -64,29 +47,22 @@ std::string catalogueText(const char* id, const std::vector<ReportArgument>& arg
     if (U_FAILURE(status)) {
         return std::string("<cannot format ") + id + ">";
     }
-    return host::toUtf8(
-        std::u16string(result.getBuffer(), static_cast<std::size_t>(result.length())));
+    return utf8(std::u16string_view(result.getBuffer(), static_cast<std::size_t>(result.length())));
 }
 
 std::vector<std::string> expectedReports(const std::vector<Report>& reports,
                                          const std::map<std::string, std::string>& placeholders) {
     std::vector<std::string> texts;
     for (const Report& report : reports) {
-        std::vector<ReportArgument> arguments;
-        for (const ReportArgument& argument : report.arguments) {
-            const auto* text = std::get_if<std::string>(&argument);
-            if (text == nullptr) {
-                arguments.push_back(argument);
-                continue;
-            }
-            std::string filled = *text;
+        std::vector<ReportArgument> arguments = report.arguments;
+        for (ReportArgument& argument : arguments) {
+            auto* text = std::get_if<std::string>(&argument);
             for (const auto& [placeholder, value] : placeholders) {
-                for (std::size_t at = filled.find(placeholder); at != std::string::npos;
-                     at = filled.find(placeholder, at + value.size())) {
-                    filled.replace(at, placeholder.size(), value);
+                for (std::size_t at = text != nullptr ? text->find(placeholder) : std::string::npos;
+                     at != std::string::npos; at = text->find(placeholder, at + value.size())) {
+                    text->replace(at, placeholder.size(), value);
                 }
             }
-            arguments.emplace_back(filled);
         }
         texts.push_back(catalogueText(report.id, arguments));
     }
@@ -120,76 +96,54 @@ void NodeTest::SetUp() {
 }
 
 void NodeTest::TearDown() {
-    for (auto it = records_.rbegin(); it != records_.rend(); ++it) {
-        if ((*it)->providerData() != nullptr) {
-            plugin_.deinit_node((*it)->record());
-        }
-    }
-    records_.clear();
+    CoordinatorTest::TearDown();
     sim::clearFaults();
     sim::useVirtualClock(false);
-    CoordinatorTest::TearDown();
 }
 
-void NodeTest::start(const nlohmann::json& description) {
-    startPlugin(description);
+void NodeTest::start() {
+    startPlugin(plugintest::testMachine());
     ASSERT_EQ(init(), 0);
-    records_.push_back(std::make_unique<HostNode>(u"kiv-cow-snapshot-group"));
-    group_ = records_.back().get();
-    ASSERT_EQ(plugin_.init_node(group_->record(), nullptr, 0, nullptr), 0);
+    group_ = &attach(plugintest::kGroupName);
     context_->takeMessages();
+}
+
+std::vector<tarn_fi_entry*> NodeTest::addSources(const std::vector<int>& numbers,
+                                                 const std::vector<std::u16string>& splits) {
+    std::vector<tarn_fi_entry*> entries;
+    for (std::size_t i = 0; i < numbers.size(); ++i) {
+        std::u16string name = TempMachine::guidName(numbers[i]);
+        name.pop_back();
+        HostNode& volume = attach(u"<kiv>" + name);
+        EXPECT_EQ(configure(volume.record(), true, splits[i]), 0);
+        std::vector<tarn_fi_entry*> own = volume.fiEntries();
+        entries.push_back(own.empty() ? nullptr : own.front());
+    }
+    takeUserMessages();
+    return entries;
 }
 
 void NodeTest::preparePair() {
     start();
-    HostNode& first = addVolume(taggedVolume(1));
-    HostNode& second = addVolume(taggedVolume(6));
-    ASSERT_EQ(configure(group_->record(), false, quiesceDocument(10, 30)), 0);
-    ASSERT_EQ(configure(first.record(), true, kAutoSplit), 0);
-    ASSERT_EQ(configure(second.record(), true, kAutoSplit), 0);
-    preparedList_ = entriesOf({&first, &second});
-    takeUserMessages();
+    preparedList_ = addSources({1, 6}, {kAutoSplit, kAutoSplit});
+    ASSERT_EQ(configure(group_->record(), false, plugintest::kQuiesceSettings), 0);
     ASSERT_EQ(plugin_.prepare(preparedList_[0], nullptr, preparedList_.data(), 2, 0), 0);
+    const std::vector<HostMessage> messages = takeUserMessages();
+    ASSERT_EQ(reportsOf(messages), std::vector<std::string>{});
+    const std::vector<HostMessage> dump = plainLinesOf(messages);
+    ASSERT_FALSE(dump.empty());
+    ASSERT_EQ(dump.front().text, "KIV_Prepare: KivSnapshotParameters has 2 elements\n");
     const std::string prefix = "\tSnapshotVolumeName:";
     snapshotNames_.clear();
-    for (const HostMessage& line : plainLinesOf(takeUserMessages())) {
-        if (line.text.has_value() && line.text->rfind(prefix, 0) == 0) {
+    for (const HostMessage& line : dump) {
+        if (line.text.has_value() && line.text->starts_with(prefix)) {
             snapshotNames_.push_back(
                 line.text->substr(prefix.size(), line.text->size() - prefix.size() - 1));
         }
     }
     ASSERT_EQ(snapshotNames_.size(), 2u);
+    ASSERT_EQ(sleeps(), std::vector<std::uint32_t>{});
     sim::clearFaults();
-    sim::clearRecordedSleeps();
-}
-
-HostNode& NodeTest::addVolume(const std::u16string& name) {
-    records_.push_back(std::make_unique<HostNode>(name));
-    HostNode& volume = *records_.back();
-    EXPECT_EQ(plugin_.init_node(volume.record(), nullptr, 0, nullptr), 0);
-    return volume;
-}
-
-tarn_fi_entry* NodeTest::entryOf(HostNode& volume) {
-    std::vector<tarn_fi_entry*> entries = volume.fiEntries();
-    return entries.empty() ? nullptr : entries.front();
-}
-
-std::vector<tarn_fi_entry*> NodeTest::entriesOf(const std::vector<HostNode*>& volumes) {
-    std::vector<tarn_fi_entry*> entries;
-    for (HostNode* volume : volumes) {
-        entries.push_back(entryOf(*volume));
-    }
-    return entries;
-}
-
-std::int32_t NodeTest::configure(tarn_node* record, bool split, const std::u16string& document) {
-    std::u16string text = document;
-    tarn_config_request request{};
-    request.split_selector = split ? 1 : 0;
-    request.quiesce_selector = split ? 0 : 1;
-    request.text = text.data();
-    return plugin_.config(record, 2, nullptr, &request);
 }
 
 std::int32_t NodeTest::make(tarn_fi_entry* entry, std::vector<tarn_fi_entry*> list,
@@ -199,17 +153,14 @@ std::int32_t NodeTest::make(tarn_fi_entry* entry, std::vector<tarn_fi_entry*> li
     std::int32_t status =
         plugin_.make(entry, nullptr, list.empty() ? nullptr : list.data(),
                      static_cast<std::uint32_t>(list.size()), &identities, &count);
-    if (identities != nullptr) {
-        for (std::uint32_t i = 0; i < count; ++i) {
-            if (names != nullptr) {
-                const tarn_objid* identity = identities[i];
-                names->push_back(identity != nullptr && identity->name != nullptr
-                                     ? std::u16string(identity->name)
-                                     : std::u16string());
-            }
-        }
-        tarn_free_buf(identities, std::uint64_t{count == 0 ? 1u : count} * sizeof(tarn_objid*));
+    if (identities == nullptr) {
+        return status;
     }
+    for (std::uint32_t i = 0; names != nullptr && i < count; ++i) {
+        const tarn_objid* identity = identities[i];
+        names->push_back(identity != nullptr && identity->name != nullptr ? identity->name : u"");
+    }
+    tarn_free_buf(identities, std::uint64_t{count == 0 ? 1u : count} * sizeof(tarn_objid*));
     return status;
 }
 
@@ -220,50 +171,20 @@ HostNode& NodeTest::addSnapshotVolume(const std::u16string& name) {
     return snapshot;
 }
 
-std::int32_t NodeTest::dispose(HostNode& snapshot) {
-    return plugin_.dispose(nullptr, snapshot.record(), nullptr, 0);
-}
-
-std::vector<HostMessage> NodeTest::takeUserMessages() {
-    return plugintest::userMessages(context_->takeMessages());
-}
-
 std::size_t NodeTest::descriptorsIntoMachine() const {
     const std::string root = std::filesystem::canonical(machine_->directory()).string();
     std::size_t count = 0;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
-        std::error_code linkError;
-        std::string target = std::filesystem::read_symlink(entry.path(), linkError).string();
-        if (!linkError && target.rfind(root, 0) == 0 && std::filesystem::is_directory(target)) {
-            ++count;
-        }
+    for (const std::string& target : testsupport::openDescriptors()) {
+        count += target.starts_with(root) && std::filesystem::is_directory(target) ? 1 : 0;
     }
     return count;
 }
 
-std::vector<std::string> NodeTest::leftovers() const {
-    std::vector<std::string> found;
-    const std::filesystem::path& file = machine_->file();
-    std::filesystem::path state =
-        file.parent_path() / (file.stem().string() + ".state") / "driver" / "state.json";
-    std::ifstream in(state);
-    if (in) {
-        nlohmann::json document = nlohmann::json::parse(in, nullptr, false);
-        if (document.is_object() && document.contains("sets")) {
-            for (const nlohmann::json& set : document["sets"]) {
-                found.push_back("snapshot set " + set.value("id", nlohmann::json()).dump());
-            }
-        }
+std::vector<std::string> NodeTest::leftoversAfterDetaching() {
+    for (auto it = records_.rbegin(); it != records_.rend(); ++it) {
+        plugin_.deinit_node((*it)->record());
     }
-    std::error_code error;
-    for (auto it = std::filesystem::recursive_directory_iterator(machine_->directory(), error);
-         !error && it != std::filesystem::recursive_directory_iterator(); it.increment(error)) {
-        if (it->path().filename().string().find("_tarnKivCacheFile_") != std::string::npos) {
-            found.push_back("cache file " + it->path().string());
-        }
-    }
-    return found;
+    return testsupport::machineLeftovers(machine_->directory());
 }
 
 }  // namespace nodetest

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 #include <variant>
 #include <vector>
@@ -14,7 +13,6 @@
 #include "../coordinator/plugin_fixture.h"
 #include "sim/hooks.h"
 #include "support/scripted_pipe_server.h"
-#include "tarn/tarnutil.h"
 
 namespace nodetest {
 
@@ -22,37 +20,34 @@ using plugintest::CoordinatorTest;
 using plugintest::HostMessage;
 using plugintest::HostNode;
 using plugintest::TempMachine;
+using plugintest::utf8;
+using testsupport::ScriptedPipeServer;
 
 inline const std::u16string kAutoSplit =
     u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_AUTO_PREP /> "
     u"</SET_CONFIG_INFO_LIST>";
+// A split document that names the snapshot volume "\\?\Snapshot<WHICH>" and
+// the cache file "E:\selected_<which>.KIV" itself, 64 MB to 128 MB.
+std::u16string selectedSplit(char which);
 
-// A split document that names the snapshot volume and cache file itself.
-std::u16string selectedSplit(const std::string& snapshotVolumeName,
-                             const std::string& cacheFileName, std::uint32_t initialMB,
-                             std::uint32_t maximumMB);
-std::u16string quiesceDocument(std::uint32_t wait, std::uint32_t timeout);
-
-// The source volume's object name as interposition gives it: "<kiv>" and the
-// GUID name without its trailing backslash.
-std::u16string taggedVolume(int number);
+// The agent's answer while it cannot hand a handle over yet, and the text a
+// report gives when it said so through a whole budget of retries.
+inline constexpr std::uint32_t kBusy = 231;
+inline constexpr char kBusyText[] = "Retrived handle after every second for 30 times";
 
 class NodeTest : public CoordinatorTest {
   protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Starts the plug-in on `description` (default: the coordinator tests'
-    // machine) and attaches the group node.
-    void start(const nlohmann::json& description = plugintest::testMachine());
+    // Starts the plug-in on the coordinator tests' machine and attaches the
+    // group node.
+    void start();
 
-    // Attaches a node for the object `name` and returns its record.
-    HostNode& addVolume(const std::u16string& name);
-    // The volume's fi entry (its node and the group node).
-    tarn_fi_entry* entryOf(HostNode& volume);
-    std::vector<tarn_fi_entry*> entriesOf(const std::vector<HostNode*>& volumes);
-
-    std::int32_t configure(tarn_node* record, bool split, const std::u16string& document);
+    // Attaches a node for each volume `numbers[i]` as interposition names it,
+    // configured with `splits[i]`; their fi entries.
+    std::vector<tarn_fi_entry*> addSources(const std::vector<int>& numbers,
+                                           const std::vector<std::u16string>& splits);
 
     // make: the identities it handed back (the buffer freed here).
     std::int32_t make(tarn_fi_entry* entry, std::vector<tarn_fi_entry*> list,
@@ -60,10 +55,14 @@ class NodeTest : public CoordinatorTest {
 
     // A record for the snapshot volume `name` with an alternate node on it.
     HostNode& addSnapshotVolume(const std::u16string& name);
-    std::int32_t dispose(HostNode& snapshot);
+    std::int32_t dispose(HostNode& snapshot) {
+        return plugin_.dispose(nullptr, snapshot.record(), nullptr, 0);
+    }
 
     // Catalogue messages and dump lines the host received since the last call.
-    std::vector<HostMessage> takeUserMessages();
+    std::vector<HostMessage> takeUserMessages() {
+        return plugintest::userMessages(context_->takeMessages());
+    }
     std::vector<std::uint32_t> sleeps() const { return sim::recordedSleeps(); }
 
     // Descriptors of this process open on directories of the test's
@@ -71,20 +70,19 @@ class NodeTest : public CoordinatorTest {
     // file the driver keeps open).
     std::size_t descriptorsIntoMachine() const;
 
-    // The driver's snapshot sets and cache files on the machine: what a
-    // leak would leave behind.
-    std::vector<std::string> leftovers() const;
+    // Detaches every node; then the driver's snapshot sets, cache files and
+    // agent holds left on the machine: what a leak would leave behind.
+    std::vector<std::string> leftoversAfterDetaching();
 
     // Volumes C: (1) and C:\mnt\data (6) prepared with automatically placed
     // caches and the group's quiesce settings 10/30; their entries, and the
     // snapshot volume names the dump gave, in `preparedList_` and
-    // `snapshotNames_`.
+    // `snapshotNames_`. No wait, no report: the dump alone.
     void preparePair();
 
     std::vector<tarn_fi_entry*> preparedList_;
     std::vector<std::string> snapshotNames_;
     HostNode* group_ = nullptr;
-    std::vector<std::unique_ptr<HostNode>> records_;
 };
 
 // A catalogue report as the host receives it: the root text of message `id`
@@ -111,6 +109,12 @@ std::vector<HostMessage> plainLinesOf(const std::vector<HostMessage>& messages);
 // n waits of one second.
 inline std::vector<std::uint32_t> seconds(std::size_t n) {
     return std::vector<std::uint32_t>(n, 1000);
+}
+
+// Test names of a table's rows.
+template <typename Row>
+std::string rowName(const ::testing::TestParamInfo<Row>& info) {
+    return info.param.name;
 }
 
 }  // namespace nodetest

@@ -2,8 +2,8 @@
 // sources automatic configuration places caches for.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <future>
+#include <optional>
 #include <thread>
 
 #include "node_fixture.h"
@@ -26,41 +26,32 @@ constexpr std::int32_t kInvalidParameter = 87;
 class MutexHolder {
   public:
     explicit MutexHolder(bool abandon) {
-        std::unique_lock<std::mutex> lock(mutex_);
         thread_ = std::thread([this, abandon] {
             os::HANDLE handle = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
             os::WaitForSingleObject(handle, os::INFINITE);
-            std::unique_lock<std::mutex> inner(mutex_);
-            handle_ = handle;
-            changed_.notify_all();
+            taken_.set_value(handle);
             if (!abandon) {
-                changed_.wait(inner, [this] { return releasing_; });
+                release_.get_future().wait();
                 os::ReleaseMutex(handle);
             }
         });
-        changed_.wait(lock, [this] { return handle_ != nullptr; });
+        handle_ = taken_.get_future().get();
         if (abandon) {
-            lock.unlock();
             thread_.join();
         }
     }
     ~MutexHolder() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            releasing_ = true;
-        }
-        changed_.notify_all();
         if (thread_.joinable()) {
+            release_.set_value();
             thread_.join();
         }
         os::CloseHandle(handle_);
     }
 
   private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
+    std::promise<os::HANDLE> taken_;
+    std::promise<void> release_;
     os::HANDLE handle_ = nullptr;
-    bool releasing_ = false;
     std::thread thread_;
 };
 
@@ -95,37 +86,21 @@ struct PrepareCase {
 FIKIV_PRINT_ROW_NAME(PrepareCase)
 
 const char kDumpEnd[] = "\tQuiesceTimeout:30\n";
+const Report kPrepareInvalid = {"MSG_ERROR_KIVAPI",
+                                {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}};
+const Report kNameFailed = {"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}};
+const Report kNotPlaced = {"MSG_ERROR_AUTOCONFIG", {kRequestText}};
 
 // clang-format off
 const PrepareCase kPrepareCases[] = {
-    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
-    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112, 1}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2, 1}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}},
-      {"MSG_ERROR_KIVAPI_2", {"KIV_generateVolumeName", 31}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, Holder::Holding, 3,
-     {{"MSG_ERROR_AUTOCONFIG", {kRequestText}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"MutexAbandonedByItsOwner", Split::Automatic, 0, {}, nullptr, Holder::Abandoned, 3,
-     {{"MSG_ERROR_AUTOCONFIG", {kRequestText}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5, 1}}, nullptr, Holder::None, 3,
-     {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}},
-      {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidParameter, "KIV_Prepare"}}},
-     kDumpEnd, 1},
-    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", Holder::None, 6,
-     {}, "WARNING: caught unhandled exception in KIV prepare", 2},
+    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, Holder::None, 3, {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
+    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, Holder::None, 3, {kNameFailed, kNameFailed, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, Holder::Holding, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexAbandonedByItsOwner", Split::Automatic, 0, {}, nullptr, Holder::Abandoned, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}}, kPrepareInvalid}, kDumpEnd, 1},
+    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", Holder::None, 6, {}, "WARNING: caught unhandled exception in KIV prepare", 2},
 };
 // clang-format on
 
@@ -134,21 +109,11 @@ class PrepareFailureTest : public NodeTest, public ::testing::WithParamInterface
 TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
     const PrepareCase& row = GetParam();
     start();
-    HostNode& first = addVolume(taggedVolume(1));
-    HostNode& second = addVolume(taggedVolume(6));
-    ASSERT_EQ(configure(group_->record(), false, quiesceDocument(10, 30)), 0);
-    if (row.split == Split::Automatic) {
-        ASSERT_EQ(configure(first.record(), true, kAutoSplit), 0);
-        ASSERT_EQ(configure(second.record(), true, kAutoSplit), 0);
-    } else {
-        ASSERT_EQ(configure(first.record(), true,
-                            selectedSplit("\\\\?\\SnapshotA", "E:\\selected_a.KIV", 64, 128)),
-                  0);
-        ASSERT_EQ(configure(second.record(), true,
-                            selectedSplit("\\\\?\\SnapshotB", "E:\\selected_b.KIV", 64, 128)),
-                  0);
-    }
-    std::vector<tarn_fi_entry*> list = entriesOf({&first, &second});
+    std::vector<tarn_fi_entry*> list =
+        row.split == Split::Automatic
+            ? addSources({1, 6}, {kAutoSplit, kAutoSplit})
+            : addSources({1, 6}, {selectedSplit('a'), selectedSplit('b')});
+    ASSERT_EQ(configure(group_->record(), false, plugintest::kQuiesceSettings), 0);
     takeUserMessages();
     std::optional<MutexHolder> holder;
     if (row.holder != Holder::None) {
@@ -183,16 +148,11 @@ TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
 
     sim::clearFaults();
     holder.reset();
-    for (auto& record : records_) {
-        plugin_.deinit_node(record->record());
-    }
-    EXPECT_TRUE(leftovers().empty()) << ::testing::PrintToString(leftovers());
+    EXPECT_EQ(leftoversAfterDetaching(), std::vector<std::string>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(Failures, PrepareFailureTest, ::testing::ValuesIn(kPrepareCases),
-                         [](const ::testing::TestParamInfo<PrepareCase>& info) {
-                             return std::string(info.param.name);
-                         });
+                         rowName<PrepareCase>);
 
 // The dump lines that name each element's cache file.
 std::vector<std::string> cacheFileLines(const std::vector<HostMessage>& messages) {
@@ -207,38 +167,23 @@ std::vector<std::string> cacheFileLines(const std::vector<HostMessage>& messages
 
 TEST_F(NodeTest, OnlySourcesAskingForAutomaticPreparationGetPlacedCaches) {
     start();
-    HostNode& first = addVolume(taggedVolume(1));
-    HostNode& second = addVolume(taggedVolume(6));
-    HostNode& third = addVolume(taggedVolume(3));
-    ASSERT_EQ(configure(first.record(), true, kAutoSplit), 0);
-    ASSERT_EQ(configure(second.record(), true,
-                        selectedSplit("\\\\?\\SnapshotB", "E:\\selected_b.KIV", 64, 128)),
-              0);
-    ASSERT_EQ(configure(third.record(), true, kAutoSplit), 0);
-    std::vector<tarn_fi_entry*> list = entriesOf({&first, &second, &third});
-    takeUserMessages();
+    std::vector<tarn_fi_entry*> list =
+        addSources({1, 6, 3}, {kAutoSplit, selectedSplit('b'), kAutoSplit});
 
     ASSERT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 3, 0), 0);
     std::vector<std::string> caches = cacheFileLines(takeUserMessages());
     ASSERT_EQ(caches.size(), 3u);
     // Two targets were placed: the first and third sources get the first and
     // second cache file, numbered in placement order; the second keeps its own.
-    EXPECT_NE(caches[0].find("_tarnKivCacheFile_0.KIV"), std::string::npos) << caches[0];
+    EXPECT_TRUE(caches[0].ends_with("_tarnKivCacheFile_0.KIV\n")) << caches[0];
     EXPECT_EQ(caches[1], "\tCacheFileName:E:\\selected_b.KIV\n");
-    EXPECT_NE(caches[2].find("_tarnKivCacheFile_1.KIV"), std::string::npos) << caches[2];
+    EXPECT_TRUE(caches[2].ends_with("_tarnKivCacheFile_1.KIV\n")) << caches[2];
     EXPECT_EQ(sim::callCount("CreateMutexW"), 1u);
 }
 
 TEST_F(NodeTest, ListWithCountZeroPreparesTheEntryAlone) {
     start();
-    HostNode& first = addVolume(taggedVolume(1));
-    HostNode& second = addVolume(taggedVolume(6));
-    ASSERT_EQ(configure(first.record(), true,
-                        selectedSplit("\\\\?\\SnapshotA", "E:\\selected_a.KIV", 64, 128)),
-              0);
-    ASSERT_EQ(configure(second.record(), true, kAutoSplit), 0);
-    std::vector<tarn_fi_entry*> list = entriesOf({&first, &second});
-    takeUserMessages();
+    std::vector<tarn_fi_entry*> list = addSources({1, 6}, {selectedSplit('a'), kAutoSplit});
 
     ASSERT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 0, 0), 0);
     std::vector<HostMessage> lines = plainLinesOf(takeUserMessages());
