@@ -59,7 +59,4 @@ struct PlacementReport {
 // A short text for a removal, such as "not a fixed disk".
 std::u16string placementRemovalText(PlacementRemoval removal);
 
-// The report as readable lines, one fact each, without line feeds.
-std::vector<std::u16string> describePlacement(const PlacementReport& report);
-
 #endif  // PROVIDERS_KIV_CACHEFILE_PLACEMENTREPORT_H_

@@ -74,14 +74,6 @@ Placement place(const std::vector<std::u16string>& targets, const CacheFileHints
     return placement;
 }
 
-std::string describe(const PlacementReport& report) {
-    std::string text;
-    for (const std::u16string& line : describePlacement(report)) {
-        text += utf8(line) + "\n";
-    }
-    return text;
-}
-
 // One preferred name: each spelling finds its volume, each suitability test
 // removes a faulty V3. V1 (C:\) is the target, V2 is D:\ (20 GB free), V4 is
 // mounted at C:\mnt\data\ only (30 GB), V3 is E:\ (40 GB unless the row says).
@@ -127,7 +119,6 @@ TEST(CachePlacementTest, OnePreferredNameIsFoundOrRemoved) {
             drives({10, 20}, {row.volume3, fixedVolume(4, {"C:\\mnt\\data\\"}, 30 * kGB)}));
         const Placement placement = place({guid(1)}, hintsWith({row.preferred}, {}));
         const PlacementReport& report = placement.report;
-        SCOPED_TRACE(describe(report));
 
         ASSERT_TRUE(placement.result);
         ASSERT_EQ(report.preferred.size(), 1u);
@@ -180,7 +171,6 @@ TEST(CachePlacementTest, PreferredExcludedAndTargetsDecideTheStage) {
         HostCapture host;
         const Placement placement = place(row.targets, hintsWith(row.preferred, row.excluded));
         const PlacementReport& report = placement.report;
-        SCOPED_TRACE(describe(report));
 
         ASSERT_TRUE(placement.result);
         EXPECT_EQ(report.outcome, row.fallback.empty() ? PlacementOutcome::kPreferred
@@ -213,7 +203,6 @@ TEST(CachePlacementTest, NoUsableOtherVolumeGivesEachTargetItsOwnCacheFile) {
                                           fixedVolume(5, {"G:\\"}, 50 * kGB, 0x5)}));
     HostCapture host;
     const Placement placement = place({guid(1), guid(2)}, hintsWith({u"E:"}, {}), 5);
-    SCOPED_TRACE(describe(placement.report));
 
     ASSERT_TRUE(placement.result);
     EXPECT_EQ(placement.report.outcome, PlacementOutcome::kLastResort);
@@ -369,7 +358,6 @@ TEST(CachePlacementTest, RepeatedAndEmptyPreferredNamesAreEachTested) {
         const std::uint64_t probesBefore = sim::callCount("KIV_Open");
         const Placement placement = place({guid(1)}, hintsWith(row.preferred, {}));
         const std::uint64_t probes = sim::callCount("KIV_Open") - probesBefore;
-        SCOPED_TRACE(describe(placement.report));
 
         ASSERT_TRUE(placement.result);
         const std::vector<PlacementCandidate>& tested = placement.report.preferred;
@@ -405,7 +393,6 @@ TEST(CachePlacementTest, OldSystemComparesDriveRootsInDeviceForm) {
         description["majorVersion"] = 4;
         TempMachine machine(description);
         const Placement placement = place({u"C:\\"}, hintsWith(row.preferred, {}));
-        SCOPED_TRACE(describe(placement.report));
 
         ASSERT_TRUE(placement.result);
         EXPECT_EQ(placement.paths, std::vector<std::string>{row.path});

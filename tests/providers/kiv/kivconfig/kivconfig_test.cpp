@@ -305,6 +305,12 @@ TEST(ExtractUnsigned32, MatchesStreamExtraction) {
         EXPECT_EQ(extractUnsigned32(utf16(text), wide), read);
         EXPECT_EQ(wide, read ? value : earlier);
     }
+    // The stream's answers the comment above names, so a library that reads
+    // differently fails here rather than moving the judge.
+    std::uint32_t value = 0;
+    EXPECT_TRUE(extractUnsigned32(std::string_view("50%"), value) && value == 50u);
+    EXPECT_TRUE(extractUnsigned32(std::string_view("-5"), value) && value == 4294967291u);
+    EXPECT_FALSE(extractUnsigned32(std::string_view("4294967296"), value));
 }
 
 // Operations the host and the node call: the traced ones frame themselves
