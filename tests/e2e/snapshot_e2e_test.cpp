@@ -82,8 +82,9 @@ std::string agentOption() {
 
 class SnapshotEndToEndTest : public ::testing::Test {
   protected:
-    // Starts the host: the plug-in loaded and initialised, a run ready.
-    void startHost() {
+    // Starts the host: the plug-in loaded and initialised, a run ready (one
+    // that records its progress events, or one that wants none).
+    void startHost(bool recordProgress = true) {
         // Counted before the plug-in is loaded: its process-wide objects (the
         // provider mutex, the driver binding) live until it is unloaded.
         descriptorsBefore_ = openDescriptors();
@@ -93,8 +94,8 @@ class SnapshotEndToEndTest : public ::testing::Test {
         ASSERT_TRUE(loaded.isOk()) << loaded.toString();
         tarn_version version{};
         ASSERT_EQ(plugin_->init(context_->context(), &version), 0);
-        run_.emplace(*plugin_, *context_,
-                     [this](const ProgressEvent& event) { events_.push_back(event); });
+        host::ProgressCallback record = [this](const ProgressEvent& e) { events_.push_back(e); };
+        run_.emplace(*plugin_, *context_, recordProgress ? record : nullptr);
     }
 
     void startAgent(const std::vector<std::string>& arguments = {}) {
@@ -201,7 +202,7 @@ TEST_F(SnapshotEndToEndTest, TwoHostsPickingTheSameCacheFileNameTheDriverRefuses
     EXPECT_NE(first.output.find("E:\\_tarnKivCacheFile_0.KIV"), std::string::npos) << first.output;
 
     sim::injectFault("FindFirstFileW", 2 /*ERROR_FILE_NOT_FOUND*/, 0, sim::kAlways);
-    startHost();
+    startHost(/*recordProgress=*/false);
     EXPECT_FALSE(take({"F:"}).isOk());
     sim::clearFaults();
     const std::vector<std::string> refusal = run_->failureTexts();

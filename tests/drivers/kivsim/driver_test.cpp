@@ -392,6 +392,7 @@ TEST_F(KivDriverTest, SnapshotMadeHereIsDestroyedThroughAnotherProcesssHandle) {
     ASSERT_EQ(stat(cacheFile.c_str(), &info), 0);
     EXPECT_EQ(info.st_size, off_t{16} << 20);
     EXPECT_EQ(openStatus(name), os::ERROR_FILE_NOT_FOUND) << "the volume appears with KIV_Create";
+    EXPECT_EQ(describe(openVolume("E:"))->first, 0x3u) << "so does the active cache";
 
     ASSERT_EQ(KIV_Create(&api(), set, 100, 200, 0), 0u);
     EXPECT_EQ(KIV_Create(&api(), set, 100, 200, 0), os::ERROR_ALREADY_EXISTS);  // only once
