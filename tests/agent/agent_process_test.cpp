@@ -1,11 +1,10 @@
-// The kivagent program serving other processes: malformed requests answered
-// while it keeps serving, a handle registered by one process and taken back by
-// another, the test options, SIGTERM, a second agent refused, --status.
+// The kivagent program serving other processes: a handle registered by one
+// process and taken back by another, refusals only the socket shows, the test
+// options, SIGTERM and SIGINT, a second agent refused, the command line.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -51,11 +50,6 @@ AgentExchange sendMessage(const std::vector<unsigned char>& message) {
     return result;
 }
 
-std::vector<unsigned char> makeRequest(std::uint32_t code, const std::u16string& name,
-                                       os::DWORD pid = static_cast<os::DWORD>(getpid())) {
-    return requestBytes(code, pid, 0, name);
-}
-
 AgentExchange exchange(std::uint32_t code, const std::u16string& name, std::uint64_t handle = 0) {
     return testsupport::exchangeWithAgent(code, name, handle, os::NMPWAIT_WAIT_FOREVER);
 }
@@ -80,17 +74,15 @@ struct CommandResult {
 
 CommandResult runAgentCommand(const std::string& arguments) {
     CommandResult result;
-    std::string command = std::string(KIVAGENT_PATH) + " " + arguments + " 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
+    const std::string command = std::string(KIVAGENT_PATH) + " " + arguments + " 2>&1";
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        std::array<char, 512> buffer;
+        while (std::size_t got = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
+            result.output.append(buffer.data(), got);
+        }
+        const int status = pclose(pipe);
+        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    std::array<char, 512> buffer;
-    while (std::size_t got = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
-        result.output.append(buffer.data(), got);
-    }
-    int status = pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
 }
 
@@ -109,9 +101,8 @@ std::string descriptorTarget(pid_t pid, std::uint64_t handle) {
     return error ? std::string() : target.string();
 }
 
-// Waits for a condition that another process brings about. The generous limit
-// only keeps a broken agent from hanging the test; no test depends on how long
-// this takes.
+// Waits for what another process brings about; the limit only keeps a broken
+// agent from hanging the test.
 template <class Condition>
 bool eventually(Condition condition) {
     for (int i = 0; i < 30000; ++i) {
@@ -127,17 +118,6 @@ bool eventually(Condition condition) {
 FIKIV_CHILD_ROLE(registerFile) {
     return static_cast<int>(registerPath(arguments.at(0), testsupport::utf16(arguments.at(1))) &
                             0xff);
-}
-
-// Becomes user and group 65534, then sends a well-formed release request;
-// exits with the status it was answered (or 100 when it could not switch).
-FIKIV_CHILD_ROLE(foreignUserRelease) {
-    if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) {
-        return 100;
-    }
-    return static_cast<int>(
-        exchange(orbhandle::kReleaseVolumeHandle, testsupport::utf16(arguments.at(0))).status() &
-        0xff);
 }
 
 class AgentProcessTest : public ::testing::Test {
@@ -187,82 +167,41 @@ class AgentProcessTest : public ::testing::Test {
     TempMachine machine_{{{"volumes", {TempMachine::volume(1, {"C:\\"})}}}};
 };
 
-TEST_F(AgentProcessTest, MalformedRequestsAreAnsweredAndTheAgentKeepsServing) {
-    startDaemon();
-    const std::u16string name = u"\\\\?\\Snap1:";
-    std::vector<unsigned char> shorter = makeRequest(orbhandle::kRetrieveHandle, name);
-    shorter.resize(100);
-    std::vector<unsigned char> longer = makeRequest(orbhandle::kRetrieveHandle, name);
-    longer.resize(5000, 0x41);
-    struct Row {
-        const char* label;
-        std::vector<unsigned char> message;
-        os::DWORD status;
-    };
-    // clang-format off
-    const Row rows[] = {
-        {"short", shorter, os::ERROR_BAD_LENGTH},
-        {"long", longer, os::ERROR_BAD_LENGTH},
-        {"empty", {}, os::ERROR_BAD_LENGTH},
-        {"unknown code", makeRequest(7, name), os::ERROR_INVALID_FUNCTION},
-        {"unterminated name", makeRequest(orbhandle::kRetrieveHandle, std::u16string(300, u'v')), os::ERROR_INVALID_NAME},
-        {"another process's id", makeRequest(orbhandle::kReleaseVolumeHandle, name, getpid() + 1), os::ERROR_ACCESS_DENIED},
-        {"unknown name", makeRequest(orbhandle::kReleaseVolumeHandle, name), os::ERROR_FILE_NOT_FOUND},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.label);
-        AgentExchange answered = sendMessage(row.message);
-        ASSERT_TRUE(answered.ok) << "pipe error " << answered.error;
-        EXPECT_EQ(answered.reply.status, row.status);
-        EXPECT_EQ(exchange(orbhandle::kRetrieveHandle, name).status(), os::ERROR_FILE_NOT_FOUND)
-            << "still serving";
-    }
-    const std::string log = agentLog();
-    for (const char* logged :
-         {"status 24: request of 100 bytes, not 536", "status 24: request of 5000 bytes",
-          "code 7 unknown", "status 123: volume name not terminated",
-          "status 5: request names process", "code 4 release name \"\\\\?\\Snap1:\" status 2"}) {
-        EXPECT_NE(log.find(logged), std::string::npos) << logged << "\n" << log;
-    }
-}
-
-TEST_F(AgentProcessTest, ForeignUserIsRefused) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root to run a client as another user";
-    }
-    startDaemon();
-    // Let user 65534 reach the pipe's socket.
-    for (const fs::path& path : {machine_.directory(), state(), state() / "pipes"}) {
-        chmod(path.c_str(), 0755);
-    }
-    for (const fs::directory_entry& entry : fs::directory_iterator(state() / "pipes")) {
-        chmod(entry.path().c_str(), 0777);
-    }
-    pid_t client = testsupport::startChild("foreignUserRelease", {"\\\\?\\Snap1:"});
-    EXPECT_EQ(testsupport::waitChild(client), static_cast<int>(os::ERROR_ACCESS_DENIED));
-    EXPECT_NE(agentLog().find("status 5: caller runs as user 65534"), std::string::npos)
-        << agentLog();
-    EXPECT_EQ(exchange(orbhandle::kRetrieveHandle, u"\\\\?\\Snap1:").status(),
-              os::ERROR_FILE_NOT_FOUND)
-        << "still serving";
-}
-
+// A handle registered by a process that then ended is taken back by another.
+// Request handling itself is tested in-process; over the pipe, a message
+// longer than any request and a process id that is not the caller's (known
+// only from the socket) are refused, and nothing held changes.
 TEST_F(AgentProcessTest, HandleRegisteredByOneProcessIsTakenBackByAnother) {
     pid_t agent = startDaemon();
     fs::path file = makeFile("volume.img");
     const std::u16string name = u"\\\\?\\Snap1:";
-
     pid_t registrar =
         testsupport::startChild("registerFile", {file.string(), testsupport::utf8(name)});
     ASSERT_EQ(testsupport::waitChild(registrar), 0) << "register answered an error";
 
+    const os::DWORD self = static_cast<os::DWORD>(getpid());
+    std::vector<unsigned char> longer = requestBytes(orbhandle::kRetrieveHandle, self, 0, name);
+    longer.resize(5000, 0x41);
+    for (const auto& [message, expected] :
+         {std::pair{longer, os::ERROR_BAD_LENGTH},
+          std::pair{requestBytes(orbhandle::kReleaseVolumeHandle, self + 1, 0, name),
+                    os::ERROR_ACCESS_DENIED}}) {
+        AgentExchange answered = sendMessage(message);
+        ASSERT_TRUE(answered.ok) << "pipe error " << answered.error;
+        EXPECT_EQ(answered.reply.status, expected);
+    }
+    const std::string log = agentLog();
+    for (const char* logged :
+         {"status 24: request of 5000 bytes", "status 5: request names process"}) {
+        EXPECT_NE(log.find(logged), std::string::npos) << logged << "\n" << log;
+    }
     CommandResult status = runAgentCommand("--status");
     EXPECT_EQ(status.exitCode, 0);
-    EXPECT_NE(status.output.find(testsupport::utf8(name)), std::string::npos) << status.output;
+    EXPECT_NE(status.output.find("holding 1 handle\n  " + testsupport::utf8(name)),
+              std::string::npos)
+        << status.output;
 
-    // The registering process is gone; the agent's own copy still leads to
-    // the file.
+    // The agent's own copy still leads to the file.
     AgentExchange retrieved = exchange(orbhandle::kRetrieveHandle, name);
     ASSERT_EQ(retrieved.status(), 0u);
     EXPECT_EQ(retrieved.reply.processId, static_cast<os::DWORD>(agent));
@@ -272,27 +211,30 @@ TEST_F(AgentProcessTest, HandleRegisteredByOneProcessIsTakenBackByAnother) {
     EXPECT_NE(descriptorTarget(agent, retrieved.reply.handle), fs::canonical(file).string())
         << "release closes the agent's handle";
     EXPECT_EQ(exchange(orbhandle::kRetrieveHandle, name).status(), os::ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(exchange(orbhandle::kReleaseVolumeHandle, name).status(), os::ERROR_FILE_NOT_FOUND);
     status = runAgentCommand("--status");
     EXPECT_NE(status.output.find("holding 0 handles"), std::string::npos) << status.output;
 }
 
-// --busy answers the first exchanges busy whatever they ask; --fail answers
-// its status to one request code, every time or the first COUNT times.
+// --busy answers the first exchanges busy whatever they hold; --fail answers
+// its status to its own code only, every time or the first COUNT times, and
+// never to a request refused for what it is.
 TEST_F(AgentProcessTest, TestOptionsAnswerBusyAndInjectedStatuses) {
     startDaemon("--busy 3 --fail 3:5:2 --fail 4:31");
     fs::path file = makeFile("volume.img");
     const std::u16string name = u"\\\\?\\Snap1:";
-    std::vector<os::DWORD> statuses;
-    for (int i = 0; i < 4; ++i) {
-        statuses.push_back(registerPath(file, name));
-    }
-    for (std::uint32_t code : {orbhandle::kRetrieveHandle, orbhandle::kRetrieveHandle,
-                               orbhandle::kRetrieveHandle, orbhandle::kReleaseVolumeHandle}) {
+    std::vector<os::DWORD> statuses = {registerPath(file, name),
+                                       sendMessage({1, 2, 3}).reply.status,
+                                       registerPath(file, name), registerPath(file, name)};
+    for (std::uint32_t code :
+         {orbhandle::kRetrieveHandle, orbhandle::kRetrieveHandle, orbhandle::kRetrieveHandle,
+          orbhandle::kReleaseVolumeHandle, orbhandle::kReleaseVolumeHandle}) {
         statuses.push_back(exchange(code, name).status());
     }
-    EXPECT_EQ(statuses, (std::vector<os::DWORD>{231, 231, 231, 0, 5, 5, 0, 31}));
-    EXPECT_EQ(heldCount(), 1u) << "one registration took, the failed release kept it";
+    const os::DWORD other = static_cast<os::DWORD>(getpid()) + 1;
+    statuses.push_back(sendMessage(requestBytes(4, other, 0, name)).reply.status);
+    EXPECT_EQ(statuses,
+              (std::vector<os::DWORD>{231, 231, 231, 0, 5, 5, 0, 31, 31, os::ERROR_ACCESS_DENIED}));
+    EXPECT_EQ(heldCount(), 1u) << "a failed release keeps the handle";
 }
 
 // A provider whose release does not reach the agent goes on to destroy the
@@ -337,7 +279,6 @@ TEST_F(AgentProcessTest, StopSignalClosesEveryHandleAndStopsServing) {
             << "the pipe is no longer served";
         EXPECT_FALSE(fs::exists(kivagent::pidFilePath(state())));
         EXPECT_FALSE(fs::exists(kivagent::heldFilePath(state())));
-        EXPECT_FALSE(kivagent::readAgentStatus(state()).running);
     }
 }
 
@@ -355,8 +296,7 @@ TEST_F(AgentProcessTest, OneAgentPerMachineAndADeadOneBlocksNothing) {
             << second.output;
     }
     EXPECT_EQ(kivagent::readAgentStatus(state()).processId, first);
-    EXPECT_EQ(exchange(orbhandle::kRetrieveHandle, u"x").status(), os::ERROR_FILE_NOT_FOUND)
-        << "the first still serves";
+    EXPECT_TRUE(exchange(orbhandle::kRetrieveHandle, u"x").ok) << "the first still serves";
 
     ASSERT_EQ(kill(first, SIGKILL), 0);
     ASSERT_TRUE(eventually([first] { return kill(first, 0) != 0 && errno == ESRCH; }));
@@ -364,12 +304,13 @@ TEST_F(AgentProcessTest, OneAgentPerMachineAndADeadOneBlocksNothing) {
     CommandResult status = runAgentCommand("--status");
     EXPECT_EQ(status.exitCode, 1);
     EXPECT_EQ(status.output, "kivagent: not running\n");
-    EXPECT_EQ(exchange(orbhandle::kRetrieveHandle, u"x").status(), os::ERROR_FILE_NOT_FOUND);
 
     pid_t next = startDaemon();
     EXPECT_NE(next, first);
     EXPECT_EQ(runAgentCommand("--stop").exitCode, 0);
-    EXPECT_EQ(runAgentCommand("--stop").exitCode, 1) << "nothing left to stop";
+    CommandResult again = runAgentCommand("--stop");
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_NE(again.output.find("no agent is running"), std::string::npos) << again.output;
 }
 
 TEST_F(AgentProcessTest, CommandLine) {
@@ -381,8 +322,6 @@ TEST_F(AgentProcessTest, CommandLine) {
     // clang-format off
     const Row rows[] = {
         {"--help", 0, "--daemon"},
-        {"--status", 1, "kivagent: not running"},
-        {"--stop", 1, "no agent is running"},
         {"--frobnicate", 2, "--frobnicate"},
         {"--status --daemon", 2, "excludes"},
         {"--busy many", 2, "--busy"},

@@ -1,11 +1,10 @@
 // Request handling without pipes or other processes: every malformed request
-// answered with its error and nothing held changed, the register, retrieve and
-// release round trip, and the test options.
+// answered with its error and nothing held changed, what a scripted handle
+// duplication shows of the round trip, and the log line.
 #include "request.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <set>
 #include <string>
 #include <vector>
@@ -88,14 +87,8 @@ TEST_F(RequestTest, MalformedRequestsAreRefusedAndChangeNothing) {
     const std::u16string held = u"\\\\?\\Held:";
     ASSERT_EQ(handle(registerRequest(held)).reply.status, 0u);
 
-    std::vector<unsigned char> unterminated = retrieveRequest(u"");
-    for (std::size_t i = 0; i <= orbhandle::kMaxVolumeNameLength; ++i) {
-        std::memcpy(unterminated.data() + 16 + 2 * i, u"x", 2);
-    }
     std::vector<unsigned char> longer = retrieveRequest(held);
     longer.push_back(0);
-    std::vector<unsigned char> twoRequests = releaseRequest(held);
-    twoRequests.insert(twoRequests.end(), twoRequests.begin(), twoRequests.end());
     std::vector<unsigned char> shorter = releaseRequest(held);
     shorter.pop_back();
 
@@ -111,15 +104,11 @@ TEST_F(RequestTest, MalformedRequestsAreRefusedAndChangeNothing) {
         {"code only", {3, 0, 0, 0}, kCaller, os::ERROR_BAD_LENGTH},
         {"one byte short", shorter, kCaller, os::ERROR_BAD_LENGTH},
         {"one byte long", longer, kCaller, os::ERROR_BAD_LENGTH},
-        {"two requests in one message", twoRequests, kCaller, os::ERROR_BAD_LENGTH},
-        {"code 0", requestBytes(0, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
         {"code 1", requestBytes(1, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
         {"code 5", requestBytes(5, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
-        {"code all ones", requestBytes(0xFFFFFFFF, kCallerPid, 0, held), kCaller, os::ERROR_INVALID_FUNCTION},
-        {"name without NUL", unterminated, kCaller, os::ERROR_INVALID_NAME},
+        {"name without NUL", retrieveRequest(std::u16string(orbhandle::kMaxVolumeNameLength + 1, u'x')), kCaller, os::ERROR_INVALID_NAME},
         {"empty name", releaseRequest(u""), kCaller, os::ERROR_INVALID_NAME},
         {"process id of another process", requestBytes(4, kCallerPid + 1, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
-        {"process id 0", requestBytes(4, 0, 0, held), kCaller, os::ERROR_ACCESS_DENIED},
         {"caller of another user", releaseRequest(held), {kCallerPid, kAgentUser + 1}, os::ERROR_ACCESS_DENIED},
         {"another user, checked before the size", shorter, {kCallerPid, kAgentUser + 1}, os::ERROR_ACCESS_DENIED},
         {"register of handle 0", registerRequest(held, 0), kCaller, os::ERROR_INVALID_HANDLE},
@@ -144,6 +133,8 @@ TEST_F(RequestTest, MalformedRequestsAreRefusedAndChangeNothing) {
     EXPECT_TRUE(operations_.closed.empty());
 }
 
+// The round trip over a real pipe, with real handles, is tested with the
+// agent program; here what only a scripted duplication shows.
 TEST_F(RequestTest, RegisterRetrieveReleaseRoundTrip) {
     const std::u16string name = u"\\\\?\\Snap1:";
     operations_.refuse = os::ERROR_INVALID_HANDLE;
@@ -156,62 +147,27 @@ TEST_F(RequestTest, RegisterRetrieveReleaseRoundTrip) {
     ASSERT_EQ(operations_.taken.size(), 1u);
     EXPECT_EQ(operations_.taken[0], (std::pair<os::DWORD, std::uint64_t>{kCallerPid, 0x24}));
     EXPECT_EQ(registered.reply.handle, 0u) << "only retrieve answers a handle";
-
     Outcome retrieved = handle(retrieveRequest(name));
-    EXPECT_EQ(retrieved.reply.status, 0u);
-    EXPECT_EQ(retrieved.reply.processId, kAgentPid);
     EXPECT_EQ(retrieved.reply.handle, 0x1000u);
     for (unsigned char unused : retrieved.reply.unused) {
         ASSERT_EQ(unused, 0);
     }
     // Names are compared exactly: another case is another name.
     EXPECT_EQ(handle(retrieveRequest(u"\\\\?\\SNAP1:")).reply.status, os::ERROR_FILE_NOT_FOUND);
-
+    // Registering a held name again keeps the newer handle, closing the older.
+    Outcome again = handle(registerRequest(name, 0x30));
+    EXPECT_EQ(again.reply.status, 0u);
+    EXPECT_NE(again.record.note.find("replacing"), std::string::npos) << again.record.note;
+    EXPECT_EQ(handle(retrieveRequest(name)).reply.handle, 0x1004u);
     EXPECT_EQ(handle(releaseRequest(name)).reply.status, 0u);
-    EXPECT_EQ(operations_.closed, std::vector<std::uint64_t>{0x1000});
-    EXPECT_EQ(handle(retrieveRequest(name)).reply.status, os::ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(handle(releaseRequest(name)).reply.status, os::ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(operations_.closed, (std::vector<std::uint64_t>{0x1000, 0x1004}));
     EXPECT_EQ(operations_.badCloses, 0);
 
     const std::u16string longest(orbhandle::kMaxVolumeNameLength, u'n');
     EXPECT_EQ(handle(registerRequest(longest)).reply.status, 0u);
     EXPECT_EQ(handle(releaseRequest(longest), {kCallerPid, 0}).reply.status, 0u)
         << "root may talk to any user's agent";
-}
-
-TEST_F(RequestTest, RegisteringAHeldNameAgainKeepsTheNewerHandle) {
-    const std::u16string name = u"\\\\.\\Snap7:";
-    ASSERT_EQ(handle(registerRequest(name, 0x10)).reply.status, 0u);
-    Outcome again = handle(registerRequest(name, 0x20));
-    EXPECT_EQ(again.reply.status, 0u);
-    EXPECT_NE(again.record.note.find("replacing"), std::string::npos) << again.record.note;
-    EXPECT_EQ(operations_.closed, std::vector<std::uint64_t>{0x1000}) << "the older one is closed";
-    EXPECT_EQ(handle(retrieveRequest(name)).reply.handle, 0x1004u);
-    EXPECT_EQ(table_.closeAll(), 1u);
     EXPECT_TRUE(operations_.open.empty());
-}
-
-// Busy answers the first exchanges whatever they hold; an injected failure
-// answers its status to its own code only, and never to a malformed request.
-TEST_F(RequestTest, InjectedBusyAndFailureStatuses) {
-    faults_.setBusy(3);
-    faults_.setFailure(orbhandle::kRetrieveHandle, 5, /*count=*/2);
-    faults_.setFailure(orbhandle::kReleaseVolumeHandle, 31);
-    const std::u16string name = u"\\\\?\\Snap4:";
-    const std::vector<std::vector<unsigned char>> messages = {
-        registerRequest(name), {1, 2, 3},
-        registerRequest(name), registerRequest(name),
-        retrieveRequest(name), retrieveRequest(name),
-        retrieveRequest(name), releaseRequest(name),
-        releaseRequest(name),  requestBytes(4, kCallerPid + 1, 0, name)};
-    std::vector<os::DWORD> statuses;
-    for (const auto& message : messages) {
-        statuses.push_back(handle(message).reply.status);
-    }
-    EXPECT_EQ(statuses,
-              (std::vector<os::DWORD>{231, 231, 231, 0, 5, 5, 0, 31, 31, os::ERROR_ACCESS_DENIED}));
-    EXPECT_EQ(operations_.taken.size(), 1u) << "busy exchanges do nothing";
-    EXPECT_EQ(table_.size(), 1u) << "a failed release keeps the handle";
 }
 
 TEST_F(RequestTest, LogLineNamesPeerCodeNameAndStatusOnOneLine) {
