@@ -12,6 +12,8 @@ const std::u16string kAutomatic = u"TARN_CFS_AUTO_PREP";
 
 using NodeRegistryTest = StartedCoordinatorTest;
 
+// A volume's node carries two fi entries, an alternate node none; neither
+// has an alternate tree or sub-objects. Detaching keeps the flag bits.
 TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
     HostNode& volume = attach(u"<kiv>C:");
     HostNode& group = attach(kGroupName);
@@ -25,17 +27,28 @@ TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
     for (tarn_fi_entry* entry : entries) {
         EXPECT_STREQ(entry->fi_type, "kiv-cow-snapshot");
         EXPECT_EQ(entry->node, volume.record());
-        // Built before the group record was registered.
-        EXPECT_EQ(entry->group_node, nullptr);
+        EXPECT_EQ(entry->group_node, nullptr);  // built before the group record came
     }
-    for (tarn_fi_entry* entry : later.fiEntries()) {
-        EXPECT_EQ(entry->group_node, group.record());
-    }
+    ASSERT_EQ(later.fiEntries().size(), 2u);
+    EXPECT_EQ(later.fiEntries().back()->group_node, group.record());
+    EXPECT_EQ(plugin_.build_alttree(volume.record(), nullptr, nullptr, nullptr, 0, nullptr), 3);
+    void* list = &entries;
+    std::uint32_t count = 5;
+    EXPECT_EQ(plugin_.subobj_list(volume.record(), &list, &count), 0);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_EQ(count, 0u);
+
+    records_.push_back(std::make_unique<HostNode>(u"alternate"));
+    HostNode& alternate = *records_.back();
+    alternate.record()->fi_list = reinterpret_cast<tarn_fi_link*>(0x10);
+    ASSERT_EQ(plugin_.init_altnode(volume.record(), nullptr, alternate.record()), 0);
+    EXPECT_NE(alternate.providerData(), nullptr);
+    EXPECT_EQ(alternate.record()->fi_list, nullptr);
+    EXPECT_EQ(alternate.record()->flags & 0x1002u, 0x1002u);
 
     plugin_.deinit_node(volume.record());
     EXPECT_EQ(volume.providerData(), nullptr);
     EXPECT_EQ(volume.record()->fi_list, nullptr);
-    // The flag bits stay on detach.
     EXPECT_EQ(volume.record()->flags & 0x1002u, 0x1002u);
 }
 
@@ -50,17 +63,6 @@ TEST_F(NodeRegistryTest, GroupObjectGetsOneNodeUntilDeInit) {
     plugin_.deinit_node(first.record());
     ASSERT_EQ(plugin_.init_node(second.record(), nullptr, 0, nullptr), 0);
     EXPECT_NE(second.providerData(), nullptr);
-}
-
-TEST_F(NodeRegistryTest, AltNodeHasNodeButNoFiList) {
-    HostNode source(u"<kiv>C:");
-    records_.push_back(std::make_unique<HostNode>(u"alternate"));
-    HostNode& alternate = *records_.back();
-    alternate.record()->fi_list = reinterpret_cast<tarn_fi_link*>(0x10);
-    ASSERT_EQ(plugin_.init_altnode(source.record(), nullptr, alternate.record()), 0);
-    EXPECT_NE(alternate.providerData(), nullptr);
-    EXPECT_EQ(alternate.record()->fi_list, nullptr);
-    EXPECT_EQ(alternate.record()->flags & 0x1002u, 0x1002u);
 }
 
 TEST_F(NodeRegistryTest, SupportsFiTypeSetsOrClearsTheAnswerWord) {
@@ -84,9 +86,8 @@ TEST_F(NodeRegistryTest, SupportsFiTypeSetsOrClearsTheAnswerWord) {
     }
 }
 
-TEST_F(NodeRegistryTest, ConfigurationReachesTheNodes) {
+TEST_F(NodeRegistryTest, GroupSettingsAreSetOnceReadAndCleared) {
     tarn_node* group = attach(kGroupName).record();
-    HostNode& volume = attach(u"<kiv>C:");
     const std::u16string* settings = &kQuiesceSettings;
 
     std::u16string answer;
@@ -102,8 +103,6 @@ TEST_F(NodeRegistryTest, ConfigurationReachesTheNodes) {
     EXPECT_EQ(configure(group, false, nullptr, 3), 0);
     EXPECT_EQ(configure(group, false, settings), 0);
     EXPECT_EQ(configure(group, false, nullptr, 9), 3);
-
-    EXPECT_EQ(configure(volume.record(), true, kAutomatic), 0);
 }
 
 TEST_F(NodeRegistryTest, SelectMarksRecordsThatFailTheirChecks) {
@@ -158,17 +157,6 @@ TEST_F(NodeRegistryTest, IsReadyMarksEntriesAndGroup) {
     tarn_fi_entry* list[] = {&entryA, &entryB};
     EXPECT_EQ(plugin_.isready(&entryA, nullptr, list, 2), 0);
     EXPECT_EQ(b->status, 0x8u);
-}
-
-TEST_F(NodeRegistryTest, NoAlternateTreeAndNoSubObjects) {
-    tarn_node* volume = attach(u"<kiv>C:").record();
-    tarn_fi_entry entry{"kiv-cow-snapshot", volume, nullptr};
-    EXPECT_EQ(plugin_.build_alttree(volume, nullptr, nullptr, nullptr, 0, nullptr), 3);
-    void* list = &entry;
-    std::uint32_t count = 5;
-    EXPECT_EQ(plugin_.subobj_list(volume, &list, &count), 0);
-    EXPECT_EQ(list, nullptr);
-    EXPECT_EQ(count, 0u);
 }
 
 }  // namespace

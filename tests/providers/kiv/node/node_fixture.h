@@ -26,14 +26,23 @@ using testsupport::ScriptedPipeServer;
 inline const std::u16string kAutoSplit =
     u"<SET_CONFIG_INFO_LIST> <SET_CONFIG_INFO key=cs_flags value=TARN_CFS_AUTO_PREP /> "
     u"</SET_CONFIG_INFO_LIST>";
-// A split document that names the snapshot volume "\\?\Snapshot<WHICH>" and
-// the cache file "E:\selected_<which>.KIV" itself, 64 MB to 128 MB.
-std::u16string selectedSplit(char which);
+// A split document that names the snapshot volume "\\?\Snapshot<name>" and
+// the cache file "E:\selected_<name>.KIV" itself, 64 MB to 128 MB.
+std::u16string selectedSplit(const std::string& name);
 
 // The agent's answer while it cannot hand a handle over yet, and the text a
 // report gives when it said so through a whole budget of retries.
 inline constexpr std::uint32_t kBusy = 231;
 inline constexpr char kBusyText[] = "Retrived handle after every second for 30 times";
+inline constexpr std::int32_t kInvalidHandle = 6;
+
+// `function` fails its next `count` calls with `error`.
+struct Fault {
+    const char* function;
+    std::uint32_t error;
+    std::uint32_t count = 1;
+};
+void injectFaults(const std::vector<Fault>& faults);
 
 class NodeTest : public CoordinatorTest {
   protected:
@@ -49,7 +58,7 @@ class NodeTest : public CoordinatorTest {
     std::vector<tarn_fi_entry*> addSources(const std::vector<int>& numbers,
                                            const std::vector<std::u16string>& splits);
 
-    // make: the identities it handed back (the buffer freed here).
+    // make; the identities it handed back go to `names`, their buffer is freed.
     std::int32_t make(tarn_fi_entry* entry, std::vector<tarn_fi_entry*> list,
                       std::vector<std::u16string>* names = nullptr);
 
@@ -59,25 +68,22 @@ class NodeTest : public CoordinatorTest {
         return plugin_.dispose(nullptr, snapshot.record(), nullptr, 0);
     }
 
-    // Catalogue messages and dump lines the host received since the last call.
+    // Catalogue reports and dump lines the host received since the last call.
     std::vector<HostMessage> takeUserMessages() {
         return plugintest::userMessages(context_->takeMessages());
     }
     std::vector<std::uint32_t> sleeps() const { return sim::recordedSleeps(); }
 
-    // Descriptors of this process open on directories of the test's
-    // machine: the driver's volume, snapshot and set handles (not the state
-    // file the driver keeps open).
+    // The driver's volume, snapshot and set handles this process holds open.
     std::size_t descriptorsIntoMachine() const;
 
-    // Detaches every node; then the driver's snapshot sets, cache files and
-    // agent holds left on the machine: what a leak would leave behind.
+    // Detaches every node; then the snapshot sets, cache files and agent
+    // holds left on the machine.
     std::vector<std::string> leftoversAfterDetaching();
 
     // Volumes C: (1) and C:\mnt\data (6) prepared with automatically placed
-    // caches and the group's quiesce settings 10/30; their entries, and the
-    // snapshot volume names the dump gave, in `preparedList_` and
-    // `snapshotNames_`. No wait, no report: the dump alone.
+    // caches and quiesce settings 10/30, without a wait or a report; their
+    // entries and snapshot volume names in `preparedList_`, `snapshotNames_`.
     void preparePair();
 
     std::vector<tarn_fi_entry*> preparedList_;
@@ -85,14 +91,12 @@ class NodeTest : public CoordinatorTest {
     HostNode* group_ = nullptr;
 };
 
-// A catalogue report as the host receives it: the root text of message `id`
-// formatted with `arguments` (texts or 32-bit numbers), as UTF-8.
+// The root text of catalogue message `id` formatted with `arguments`.
 using ReportArgument = std::variant<std::string, std::int32_t>;
 std::string catalogueText(const char* id, const std::vector<ReportArgument>& arguments);
 
-// A catalogue report a test expects: its message id and its arguments. In a
-// text argument, each key of the placeholders given to expectedReports
-// stands for a value the test learns only when it runs (a volume's name).
+// A catalogue report a test expects. In a text argument, each key of
+// `placeholders` stands for a value known only at run time (a volume's name).
 struct Report {
     const char* id;
     std::vector<ReportArgument> arguments;
@@ -100,10 +104,9 @@ struct Report {
 std::vector<std::string> expectedReports(const std::vector<Report>& reports,
                                          const std::map<std::string, std::string>& placeholders);
 
-// The root texts of the catalogue reports among `messages`.
+// The root texts of the catalogue reports among `messages`, and the lines
+// sent without a catalogue (the parameter dump and its warning).
 std::vector<std::string> reportsOf(const std::vector<HostMessage>& messages);
-// The lines handed to the host without a catalogue (the parameter dump and
-// its warning), with their levels.
 std::vector<HostMessage> plainLinesOf(const std::vector<HostMessage>& messages);
 
 // n waits of one second.
