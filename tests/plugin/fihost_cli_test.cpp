@@ -164,9 +164,10 @@ TEST(FihostCliTest, ExitCodesAndWhatEachCommandSays) {
 // document's result.
 TEST(FihostCliTest, JsonCarriesTheFactsOfTheText) {
     TempMachine machine(fihostMachine());
-    const std::string disabled = "The snapshot driver does not offer this volume for snapshots: "
-                                 "\\\\?\\Volume{00000000-0000-0000-0000-000000000002} - "
-                                 "KIV_ATTRIBUTE_DISABLED.";
+    const std::string disabled =
+        "The snapshot driver does not offer this volume for snapshots: "
+        "\\\\?\\Volume{00000000-0000-0000-0000-000000000002} - "
+        "KIV_ATTRIBUTE_DISABLED.";
     const nlohmann::json kAbsent = "(absent)";
     struct Row {
         const char* arguments;
