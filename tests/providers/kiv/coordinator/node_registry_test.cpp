@@ -105,7 +105,7 @@ TEST_F(NodeRegistryTest, GroupSettingsAreSetOnceReadAndCleared) {
     EXPECT_EQ(configure(group, false, nullptr, 9), 3);
 }
 
-TEST_F(NodeRegistryTest, SelectMarksRecordsThatFailTheirChecks) {
+TEST_F(NodeRegistryTest, SelectMarksFailuresAndIsReadyMarksReadiness) {
     tarn_node* group = attach(kGroupName).record();
     tarn_node* volume = attach(u"<kiv>C:").record();
     tarn_fi_entry entry{"kiv-cow-snapshot", volume, group};
@@ -140,23 +140,17 @@ TEST_F(NodeRegistryTest, SelectMarksRecordsThatFailTheirChecks) {
     EXPECT_EQ(unconfigured->status & 0x4u, 0x4u);
     EXPECT_EQ(second->status, 0u);
     EXPECT_EQ(volume->status, 0u);
-}
 
-TEST_F(NodeRegistryTest, IsReadyMarksEntriesAndGroup) {
-    tarn_node* group = attach(kGroupName).record();
-    tarn_node* a = attach(u"<kiv>C:").record();
-    tarn_node* b = attach(u"<kiv>D:").record();
-    a->status = 0x1;
-    tarn_fi_entry entryA{"kiv-cow-snapshot", a, group};
-    tarn_fi_entry entryB{"kiv-cow-snapshot", b, group};
-    EXPECT_EQ(plugin_.isready(&entryA, nullptr, nullptr, 0), 0);
-    EXPECT_EQ(a->status, 0x9u);
+    // isready adds the ready bit 0x8 to the entry's record and the group;
+    // with an array, to each of its entries too.
+    volume->status = 0x1;
+    group->status = 0;
+    EXPECT_EQ(plugin_.isready(&entry, nullptr, nullptr, 0), 0);
+    EXPECT_EQ(volume->status, 0x9u);
     EXPECT_EQ(group->status, 0x8u);
-    EXPECT_EQ(b->status, 0u);
-
-    tarn_fi_entry* list[] = {&entryA, &entryB};
-    EXPECT_EQ(plugin_.isready(&entryA, nullptr, list, 2), 0);
-    EXPECT_EQ(b->status, 0x8u);
+    EXPECT_EQ(second->status, 0u);
+    EXPECT_EQ(plugin_.isready(&entry, nullptr, array, 2), 0);
+    EXPECT_EQ(second->status, 0x8u);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -23,9 +24,8 @@
 #include "support/temp_machine.h"
 
 // The host's context, the plug-in and the node records outlive the role: the
-// plug-in keeps the context and the records for as long as it is loaded, and
-// on exit it still reports while it tears down. External linkage, so that the
-// compiler keeps the pointers that make them reachable.
+// plug-in keeps them while loaded and still reports while it tears down on
+// exit. External linkage keeps the pointers that make them reachable.
 host::HostContext* context = nullptr;
 host::PluginHost* plugin = nullptr;
 host::HostNode* node = nullptr;
@@ -108,9 +108,7 @@ FIKIV_CHILD_ROLE(leavePlugin) {
 
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Positions of the lines containing `part`, in output order.

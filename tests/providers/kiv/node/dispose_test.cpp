@@ -93,7 +93,7 @@ TEST_P(DisposeTest, ReportsWaitsAndDestroyAttempts) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Failures, DisposeTest, ::testing::ValuesIn(kDisposeCases),
-                         rowName<DisposeCase>);
+                         ::testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace nodetest

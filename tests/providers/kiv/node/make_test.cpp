@@ -79,7 +79,7 @@ TEST_P(MakeRegistrationTest, ReportsWaitsAndIdentities) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Agent, MakeRegistrationTest, ::testing::ValuesIn(kRegistrationCases),
-                         rowName<RegistrationCase>);
+                         ::testing::PrintToStringParamName());
 
 // make refused before any volume is registered: by the driver, leaving the
 // host's outputs as they were, or for want of memory for the identities.

@@ -128,18 +128,7 @@ TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Failures, PrepareFailureTest, ::testing::ValuesIn(kPrepareCases),
-                         rowName<PrepareCase>);
-
-// The dump lines that name each element's cache file.
-std::vector<std::string> cacheFileLines(const std::vector<HostMessage>& messages) {
-    std::vector<std::string> found;
-    for (const HostMessage& message : plainLinesOf(messages)) {
-        if (message.text.has_value() && message.text->rfind("\tCacheFileName:", 0) == 0) {
-            found.push_back(*message.text);
-        }
-    }
-    return found;
-}
+                         ::testing::PrintToStringParamName());
 
 TEST_F(NodeTest, OnlySourcesAskingForAutomaticPreparationGetPlacedCaches) {
     start();
@@ -147,13 +136,13 @@ TEST_F(NodeTest, OnlySourcesAskingForAutomaticPreparationGetPlacedCaches) {
         addSources({1, 6, 3}, {kAutoSplit, selectedSplit("B"), kAutoSplit});
 
     ASSERT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 3, 0), 0);
-    std::vector<std::string> caches = cacheFileLines(takeUserMessages());
+    std::vector<std::string> caches = dumpValues(takeUserMessages(), "CacheFileName");
     ASSERT_EQ(caches.size(), 3u);
     // Two targets were placed: the first and third sources get the first and
     // second cache file, numbered in placement order; the second keeps its own.
-    EXPECT_TRUE(caches[0].ends_with("_tarnKivCacheFile_0.KIV\n")) << caches[0];
-    EXPECT_EQ(caches[1], "\tCacheFileName:E:\\selected_B.KIV\n");
-    EXPECT_TRUE(caches[2].ends_with("_tarnKivCacheFile_1.KIV\n")) << caches[2];
+    EXPECT_TRUE(caches[0].ends_with("_tarnKivCacheFile_0.KIV")) << caches[0];
+    EXPECT_EQ(caches[1], "E:\\selected_B.KIV");
+    EXPECT_TRUE(caches[2].ends_with("_tarnKivCacheFile_1.KIV")) << caches[2];
     EXPECT_EQ(sim::callCount("CreateMutexW"), 1u);
 }
 
