@@ -1,7 +1,6 @@
 // fihost as a user meets it: exit codes 0, 1 and 2, one clear line on stderr
-// for what went wrong, results on stdout, --json as one document carrying the
-// facts of the text, an output that cannot be written counted as a failure,
-// and a settings file for snapshot read, refused or in conflict with an option.
+// for what went wrong, results on stdout, --json carrying the facts of the
+// text, unwritable output as a failure, and settings files for snapshot.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,9 +26,7 @@ struct FihostResult {
     std::string err;
 };
 
-// Runs fihost as a user does, `arguments` being the shell text after the
-// program name. It inherits the environment: the test's TempMachine is its
-// machine.
+// Runs fihost with `arguments` (shell text) on the test's TempMachine.
 FihostResult runFihost(const std::string& arguments) {
     FihostResult result;
     const std::filesystem::path errors =
@@ -120,6 +117,7 @@ TEST(FihostCliTest, ExitCodesAndWhatEachCommandSays) {
         {"DeleteWithoutNames",   "delete",                        2, "name the snapshot volumes to delete, or give --all"},
         {"DeleteNamesAndAll",    "delete x --all",                2, "excludes"},
         {"AgentUnknownAction",   "agent restart",                 2, "action: restart not in"},
+        {"EventsUnknownLevel",   "events --level loud",           2, "--level: loud not in {error,warning,info}"},
         {"ListWithArgument",     "list C:",                       2, "unexpected argument C: for list"},
         {"MachineIsADirectory",  "--machine '" + machine.directory().string() + "' providers", 1, "not a regular file"},
         {"MachineMissing",       "--machine /nonexistent/m.json providers", 1, "cannot be read"},
@@ -164,6 +162,18 @@ TEST(FihostCliTest, ExitCodesAndWhatEachCommandSays) {
 // document's result.
 TEST(FihostCliTest, JsonCarriesTheFactsOfTheText) {
     TempMachine machine(fihostMachine());
+    // Two event-log records for `fihost events`, a warning and a later error.
+    std::filesystem::path state = machine.directory() / "machine.state";
+    std::filesystem::create_directories(state);
+    std::ofstream(state / "eventlog.jsonl")
+        << R"({"time":"2026-11-23T10:00:00.000Z","source":"fikiv","type":2,"category":0,"eventId":7,"strings":["first"],"pid":11})"
+        << "\n"
+        << R"({"time":"2026-11-23T12:00:00.000Z","source":"fikiv","type":1,"category":0,"eventId":8,"strings":["second"],"pid":12})"
+        << "\n";
+    const std::string warning =
+        "2026-11-23T10:00:00.000Z  warning  fikiv  event 7  process 11\n  first\n";
+    const std::string error =
+        "2026-11-23T12:00:00.000Z  error  fikiv  event 8  process 12\n  second\n";
     const std::string disabled =
         "The snapshot driver does not offer this volume for snapshots: "
         "\\\\?\\Volume{00000000-0000-0000-0000-000000000002} - "
@@ -186,10 +196,19 @@ TEST(FihostCliTest, JsonCarriesTheFactsOfTheText) {
          {{"/volumes/0/taken", true}, {"/volumes/1/taken", false}, {"/volumes/1/reasons/0", disabled}, {"/volumes/2/taken", true}, {"/volumes/3/taken", false}}},
         {"plan C:", false, {"C:      E:\\_tarnKivCacheFile_0.KIV  initial 0 MB, maximum ", "cache volume E:", "  D:      the snapshot driver marks it unusable: 0x4 (disabled)\n"},
          {{"/cacheFiles/0/cacheFile", "E:\\_tarnKivCacheFile_0.KIV"}, {"/cacheVolume", "E:"}, {"/otherVolumes/1/reason", "the snapshot driver marks it unusable: 0x4 (disabled)"}}},
+        // E: excluded and D: disabled: the last resort keeps the cache on C: itself, in a
+        // directory the plan names without making it.
+        {"plan C: --cache-dir 'snap\\cache' --exclude E:", false, {"C:      C:\\snap\\cache\\_tarnKivCacheFile_0.KIV  initial ", "the cache directory C:\\snap\\cache\\ does not exist yet", "  E:      excluded (--exclude)\n"},
+         {{"/cacheFiles/0/cacheFile", "C:\\snap\\cache\\_tarnKivCacheFile_0.KIV"}, {"/directoryNotes/0", "the cache directory C:\\snap\\cache\\ does not exist yet: the snapshot would create it"}}},
         {"list", true, {"no snapshots on this machine\n"}, {{"/snapshots", nlohmann::json::array()}}},
         // Not the CD-ROM without a disc.
         {"caches", true, {"C:  40.0 GiB free, 0 cache files\nD:  800.0 GiB free, 0 cache files\nE:  300.0 GiB free, 0 cache files\n"},
          {{"/volumes/2/volume", "E:"}, {"/volumes/2/cacheFiles", nlohmann::json::array()}, {"/volumes/3", kAbsent}}},
+        // Oldest first, filtered by level or time.
+        {"events", true, {warning + error}, {{"/events/0/text", "first"}, {"/events/1/text", "second"}, {"/events/2", kAbsent}}},
+        {"events --level error", true, {error}, {{"/events/0/eventId", 8}, {"/events/1", kAbsent}}},
+        {"events --since 2026-11-23T11", true, {error}, {{"/events/0/text", "second"}, {"/events/1", kAbsent}}},
+        {"events --since 2026-11-24", true, {"no event-log records match\n"}, {{"/events", nlohmann::json::array()}}},
         {"agent status", true, {"no backup agent runs on this machine\n"}, {{"/running", false}}},
     };
     // clang-format on
@@ -213,18 +232,7 @@ TEST(FihostCliTest, JsonCarriesTheFactsOfTheText) {
             EXPECT_EQ(result.contains(at) ? result.at(at) : kAbsent, value) << pointer;
         }
     }
-}
-
-// The plan names files inside a missing cache directory without making it.
-TEST(FihostCliTest, PlanCreatesNothingAndSaysWhenADirectoryWouldBeMade) {
-    TempMachine machine(fihostMachine());
-    FihostResult plan = runFihost("plan C: --cache-dir 'snap\\cache' --exclude E:");
-    ASSERT_EQ(plan.exitCode, 0) << plan.err;
-    // E: excluded and D: disabled: the last resort keeps the cache on C: itself.
-    EXPECT_TRUE(has(plan.out, "C:\\snap\\cache\\_tarnKivCacheFile_0.KIV  initial ")) << plan.out;
-    EXPECT_TRUE(has(plan.out, "the cache directory C:\\snap\\cache\\ does not exist yet"))
-        << plan.out;
-    EXPECT_TRUE(has(plan.out, "E:      excluded (--exclude)")) << plan.out;
+    // None of them made a directory or a cache file.
     for (const auto& entry : std::filesystem::recursive_directory_iterator(machine.directory())) {
         EXPECT_NE(entry.path().filename(), "snap") << entry.path();
         EXPECT_FALSE(entry.path().filename().string().starts_with("_tarnKivCacheFile_"));
@@ -294,39 +302,6 @@ TEST(FihostCliTest, TraceShowsTheCallbackWithLevelsAndChangesNoAnswer) {
     EXPECT_TRUE(has(traced.err, "[trace] Entering Function KivFiCoordinator::initNode"))
         << traced.err;
     EXPECT_EQ(quiet.out, traced.out);
-}
-
-TEST(FihostCliTest, EventsListTheLogOldestFirstAndFilter) {
-    TempMachine machine(fihostMachine());
-    std::filesystem::path state = machine.directory() / "machine.state";
-    std::filesystem::create_directories(state);
-    std::ofstream(state / "eventlog.jsonl")
-        << R"({"time":"2026-11-23T10:00:00.000Z","source":"fikiv","type":2,"category":0,"eventId":7,"strings":["first"],"pid":11})"
-        << "\n"
-        << R"({"time":"2026-11-23T12:00:00.000Z","source":"fikiv","type":1,"category":0,"eventId":8,"strings":["second"],"pid":12})"
-        << "\n";
-    const struct {
-        const char* arguments;
-        std::vector<std::string> texts;  // in the order shown
-    } rows[] = {{"events", {"first", "second"}},
-                {"events --level error", {"second"}},
-                {"events --since 2026-11-23T11", {"second"}},
-                {"events --since 2026-11-24", {}}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.arguments);
-        FihostResult text = runFihost(row.arguments);
-        EXPECT_EQ(text.exitCode, 0) << text.err;
-        nlohmann::json events =
-            jsonOf(runFihost(std::string(row.arguments) + " --json"))["result"]["events"];
-        ASSERT_EQ(events.size(), row.texts.size());
-        std::size_t at = 0;
-        for (std::size_t i = 0; i < row.texts.size(); ++i) {
-            EXPECT_EQ(events[i]["text"], row.texts[i]);
-            at = text.out.find("  " + row.texts[i] + "\n", at);
-            EXPECT_NE(at, std::string::npos) << text.out;
-        }
-    }
-    EXPECT_EQ(runFihost("events --level loud").exitCode, 2);
 }
 
 }  // namespace

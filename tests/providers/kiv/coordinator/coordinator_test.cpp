@@ -1,7 +1,5 @@
 // The plug-in's start-up, claim, error texts and interposition, through the
-// host library against the real libfikiv.so on a machine made for each test.
-// Every test loads the plug-in afresh, so no state of an earlier test's
-// coordinator can leak into the next.
+// host library against the real libfikiv.so, loaded afresh for each test.
 #include <gtest/gtest.h>
 
 #include "sim/eventlog.h"
@@ -167,8 +165,6 @@ TEST_F(CoordinatorTest, ErrMsgHandsTextToHostAndEventLog) {
     }
 }
 
-// One interposition case: the object the host names, what the plug-in answers
-// and what it tells the host.
 struct InterposeRow {
     const char* name;
     std::u16string object;

@@ -1,6 +1,5 @@
-// Nodes attached to the host's records, their fi entries, the group object,
-// configuration through the config entry point, select's marks and readiness,
-// through the real plug-in.
+// Nodes on the host's records, their fi entries, the group's settings, and
+// select's and isready's marks, through the real plug-in.
 #include <gtest/gtest.h>
 
 #include "plugin_fixture.h"
@@ -13,7 +12,8 @@ const std::u16string kAutomatic = u"TARN_CFS_AUTO_PREP";
 using NodeRegistryTest = StartedCoordinatorTest;
 
 // A volume's node carries two fi entries, an alternate node none; neither
-// has an alternate tree or sub-objects. Detaching keeps the flag bits.
+// has an alternate tree or sub-objects. Detaching keeps the flag bits. The
+// group object has one node at a time.
 TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
     HostNode& volume = attach(u"<kiv>C:");
     HostNode& group = attach(kGroupName);
@@ -50,19 +50,15 @@ TEST_F(NodeRegistryTest, InitNodeAttachesNodeAndBuildsFiList) {
     EXPECT_EQ(volume.providerData(), nullptr);
     EXPECT_EQ(volume.record()->fi_list, nullptr);
     EXPECT_EQ(volume.record()->flags & 0x1002u, 0x1002u);
-}
 
-TEST_F(NodeRegistryTest, GroupObjectGetsOneNodeUntilDeInit) {
-    HostNode& first = attach(kGroupName);
-    HostNode& second = attach(kGroupName);
-    EXPECT_NE(first.providerData(), nullptr);
-    EXPECT_EQ(second.providerData(), nullptr);
-    EXPECT_EQ(second.record()->fi_list, nullptr);
-    EXPECT_EQ(second.record()->flags, 0u);
-
-    plugin_.deinit_node(first.record());
-    ASSERT_EQ(plugin_.init_node(second.record(), nullptr, 0, nullptr), 0);
-    EXPECT_NE(second.providerData(), nullptr);
+    HostNode& secondGroup = attach(kGroupName);
+    EXPECT_NE(group.providerData(), nullptr);
+    EXPECT_EQ(secondGroup.providerData(), nullptr);
+    EXPECT_EQ(secondGroup.record()->fi_list, nullptr);
+    EXPECT_EQ(secondGroup.record()->flags, 0u);
+    plugin_.deinit_node(group.record());
+    ASSERT_EQ(plugin_.init_node(secondGroup.record(), nullptr, 0, nullptr), 0);
+    EXPECT_NE(secondGroup.providerData(), nullptr);
 }
 
 TEST_F(NodeRegistryTest, SupportsFiTypeSetsOrClearsTheAnswerWord) {
@@ -88,21 +84,21 @@ TEST_F(NodeRegistryTest, SupportsFiTypeSetsOrClearsTheAnswerWord) {
 
 TEST_F(NodeRegistryTest, GroupSettingsAreSetOnceReadAndCleared) {
     tarn_node* group = attach(kGroupName).record();
-    const std::u16string* settings = &kQuiesceSettings;
+    const std::u16string& settings = kQuiesceSettings;
 
     std::u16string answer;
     EXPECT_EQ(configure(group, false, settings), 0);
     EXPECT_EQ(configure(group, false, settings), 3);
-    EXPECT_EQ(configure(group, false, nullptr, 1, &answer), 0);
+    EXPECT_EQ(configure(group, false, std::nullopt, 1, &answer), 0);
     EXPECT_EQ(answer, kQuiesceSettings);
-    EXPECT_EQ(configure(group, false, nullptr, 4, &answer), 0);
+    EXPECT_EQ(configure(group, false, std::nullopt, 4, &answer), 0);
     EXPECT_EQ(answer.rfind(u"<GET_CONFIG_INFO_LIST> <GET_CONFIG_INFO key=quiesceWait", 0), 0u);
     // An information request that carries text is refused.
     EXPECT_EQ(configure(group, false, settings, 4), 3);
     // Clear, then the group accepts settings again.
-    EXPECT_EQ(configure(group, false, nullptr, 3), 0);
+    EXPECT_EQ(configure(group, false, std::nullopt, 3), 0);
     EXPECT_EQ(configure(group, false, settings), 0);
-    EXPECT_EQ(configure(group, false, nullptr, 9), 3);
+    EXPECT_EQ(configure(group, false, std::nullopt, 9), 3);
 }
 
 TEST_F(NodeRegistryTest, SelectMarksFailuresAndIsReadyMarksReadiness) {

@@ -107,17 +107,17 @@ class CoordinatorTest : public ::testing::Test {
     }
 
     // One configuration request of `operation` (2 sets, 1 gets, 3 clears, 4
-    // describes) for the split or the quiesce settings; the text handed back
-    // goes to `answer`, its buffer is freed.
-    std::int32_t configure(tarn_node* record, bool split, const std::u16string* document,
+    // describes) for the split or the quiesce settings, with or without a
+    // document; the text handed back goes to `answer`, its buffer is freed.
+    std::int32_t configure(tarn_node* record, bool split, std::optional<std::u16string> document,
                            std::uint32_t operation = 2, std::u16string* answer = nullptr) {
-        std::u16string input = document != nullptr ? *document : std::u16string();
         tarn_config_request request{};
         request.split_selector = split ? 1 : 0;
         request.quiesce_selector = split ? 0 : 1;
-        request.text = document != nullptr ? input.data() : nullptr;
+        request.text = document.has_value() ? document->data() : nullptr;
         std::int32_t status = plugin_.config(record, operation, nullptr, &request);
-        if (request.text != nullptr && request.text != input.data()) {
+        if (request.text != nullptr &&
+            (!document.has_value() || request.text != document->data())) {
             std::u16string handed(request.text);
             if (answer != nullptr) {
                 *answer = handed;
@@ -125,9 +125,6 @@ class CoordinatorTest : public ::testing::Test {
             tarn_free_buf(request.text, 2 * (handed.size() + 1));
         }
         return status;
-    }
-    std::int32_t configure(tarn_node* record, bool split, const std::u16string& document) {
-        return configure(record, split, &document);
     }
 
     void TearDown() override {
