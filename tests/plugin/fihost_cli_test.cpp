@@ -282,7 +282,9 @@ TEST(FihostCliTest, SettingsFileIsReadRefusedOrInConflict) {
     EXPECT_EQ(jsonOf(runFihost("--json list"))["result"]["snapshots"].size(), 0u);
 }
 
-TEST(FihostCliTest, OutputThatCannotBeWrittenIsAFailure) {
+// An output that cannot be written is a failure; --trace adds the callback's
+// lines, with their levels, on stderr and changes nothing on stdout.
+TEST(FihostCliTest, UnwritableOutputFailsAndTraceOnlyAddsToStderr) {
     TempMachine machine(fihostMachine());
     for (const char* arguments : {"providers", "config-info", "--json providers", "--help",
                                   "machine", "plan C:", "list", "caches", "agent status"}) {
@@ -291,10 +293,6 @@ TEST(FihostCliTest, OutputThatCannotBeWrittenIsAFailure) {
         EXPECT_EQ(result.exitCode, 1);
         EXPECT_TRUE(has(result.err, "cannot write the output")) << result.err;
     }
-}
-
-TEST(FihostCliTest, TraceShowsTheCallbackWithLevelsAndChangesNoAnswer) {
-    TempMachine machine(fihostMachine());
     FihostResult quiet = runFihost("config-info");
     FihostResult traced = runFihost("--trace config-info");
     ASSERT_EQ(traced.exitCode, 0) << traced.err;

@@ -13,8 +13,7 @@
 
 namespace {
 
-// Framework buffers not yet given back, and buffers given back with another
-// size than they were allocated with.
+// Framework buffers not given back, and those given back with a wrong size.
 std::pair<std::uint64_t, std::uint64_t> buffersNow() {
     std::pair<std::uint64_t, std::uint64_t> counters;
     tarn_test_buffer_stats(&counters.first, &counters.second);

@@ -72,7 +72,6 @@ TEST_F(NodeRegistryTest, SupportsFiTypeSetsOrClearsTheAnswerWord) {
         {"kiv-cow-snapshot", 1, 0x10, 0x11},
         {"any", 1, 0x0, 0x1},
         {"Any", 0, 0x13, 0x0},
-        {"", 0, 0x1, 0x0},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.type);

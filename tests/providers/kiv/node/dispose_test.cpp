@@ -1,6 +1,5 @@
-// Disposal of a snapshot volume: the handle from the agent when the provider
-// cannot open the volume, the release, the destroy attempts, and what each
-// failure reports.
+// Disposal of a snapshot volume: the agent's handle when the provider cannot
+// open it, the release, the destroy attempts, and what each failure reports.
 #include <gtest/gtest.h>
 
 #include "node_fixture.h"
@@ -49,7 +48,7 @@ TEST_P(DisposeTest, ReportsWaitsAndDestroyAttempts) {
     preparePair();
     ScriptedPipeServer agent;
     std::vector<std::u16string> names;
-    ASSERT_EQ(make(preparedList_[0], preparedList_, &names), 0);
+    ASSERT_EQ(make(2, names), 0);
     ASSERT_EQ(names.size(), 2u);
     HostNode& first = addSnapshotVolume(names[0]);
     HostNode& second = addSnapshotVolume(names[1]);

@@ -1,6 +1,5 @@
-// The snapshot node's driver work through the real plug-in, loaded in this
-// process on a machine made for the test, with the virtual clock on and a
-// scripted stand-in for the backup agent where a test wants one.
+// The snapshot node's driver work through the real plug-in in this process,
+// on the virtual clock, with a scripted backup agent where a test wants one.
 #ifndef TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
 #define TESTS_PROVIDERS_KIV_NODE_NODE_FIXTURE_H_
 
@@ -166,8 +165,7 @@ class NodeTest : public CoordinatorTest {
         sim::useVirtualClock(false);
     }
 
-    // Starts the plug-in on the coordinator tests' machine and attaches the
-    // group node.
+    // Starts the plug-in on the coordinator tests' machine, with the group node.
     void start() {
         startPlugin(plugintest::testMachine());
         ASSERT_EQ(init(), 0);
@@ -207,23 +205,21 @@ class NodeTest : public CoordinatorTest {
         ASSERT_EQ(sleeps(), std::vector<std::uint32_t>{});
     }
 
-    // make; the identities it handed back go to `names`, their buffer is freed.
-    std::int32_t make(tarn_fi_entry* entry, std::vector<tarn_fi_entry*> list,
-                      std::vector<std::u16string>* names) {
+    // make for the prepared pair's first entry, with `count` entries of the
+    // list; the names of the identities it hands back (their buffer freed).
+    std::int32_t make(std::uint32_t count, std::vector<std::u16string>& names) {
         tarn_objid** identities = nullptr;
-        std::uint32_t count = 0;
-        std::int32_t status =
-            plugin_.make(entry, nullptr, list.empty() ? nullptr : list.data(),
-                         static_cast<std::uint32_t>(list.size()), &identities, &count);
-        if (identities == nullptr) {
-            return status;
-        }
-        for (std::uint32_t i = 0; names != nullptr && i < count; ++i) {
+        std::uint32_t made = 0;
+        std::int32_t status = plugin_.make(preparedList_[0], nullptr, preparedList_.data(), count,
+                                           &identities, &made);
+        for (std::uint32_t i = 0; identities != nullptr && i < made; ++i) {
             const tarn_objid* identity = identities[i];
-            names->push_back(identity != nullptr && identity->name != nullptr ? identity->name
-                                                                              : u"");
+            names.push_back(identity != nullptr && identity->name != nullptr ? identity->name
+                                                                             : u"");
         }
-        tarn_free_buf(identities, std::uint64_t{count == 0 ? 1u : count} * sizeof(tarn_objid*));
+        if (identities != nullptr) {
+            tarn_free_buf(identities, std::uint64_t{made == 0 ? 1u : made} * sizeof(tarn_objid*));
+        }
         return status;
     }
 
@@ -254,8 +250,7 @@ class NodeTest : public CoordinatorTest {
         return count;
     }
 
-    // Detaches every node; then the snapshot sets, cache files and agent
-    // holds left on the machine.
+    // Detaches every node; then the sets, cache files and holds left behind.
     std::vector<std::string> leftoversAfterDetaching() {
         for (auto it = records_.rbegin(); it != records_.rend(); ++it) {
             plugin_.deinit_node((*it)->record());
