@@ -54,32 +54,28 @@ inline constexpr char16_t kGroupName[] = u"kiv-cow-snapshot-group";
 inline std::string guid(int number) {
     return utf8(TempMachine::guidName(number));
 }
-
 inline std::string guidWithoutBackslash(int number) {
-    std::string name = guid(number);
-    name.pop_back();
-    return name;
+    const std::string name = guid(number);
+    return name.substr(0, name.size() - 1);
 }
 
 inline bool contains(const std::optional<std::string>& text, const std::string& part) {
     return text.has_value() && text->find(part) != std::string::npos;
 }
 
-// Messages below the trace level: what a user sees in the host's log.
-inline std::vector<HostMessage> userMessages(const std::vector<HostMessage>& messages) {
+// The messages at `level` (or, with `below`, under it), in order. Below the
+// trace level 4 is what a user sees in the host's log.
+inline std::vector<HostMessage> messagesAt(const std::vector<HostMessage>& messages,
+                                           std::uint32_t level, bool below = false) {
     std::vector<HostMessage> result;
     std::copy_if(messages.begin(), messages.end(), std::back_inserter(result),
-                 [](const HostMessage& message) { return message.level < 4; });
+                 [&](const HostMessage& message) {
+                     return below ? message.level < level : message.level == level;
+                 });
     return result;
 }
-
-// The messages at `level`, in order.
-inline std::vector<HostMessage> messagesAt(const std::vector<HostMessage>& messages,
-                                           std::uint32_t level) {
-    std::vector<HostMessage> result;
-    std::copy_if(messages.begin(), messages.end(), std::back_inserter(result),
-                 [level](const HostMessage& message) { return message.level == level; });
-    return result;
+inline std::vector<HostMessage> userMessages(const std::vector<HostMessage>& messages) {
+    return messagesAt(messages, 4, /*below=*/true);
 }
 
 inline bool anyContains(const std::vector<HostMessage>& messages, const std::string& part) {
@@ -103,8 +99,7 @@ class CoordinatorTest : public ::testing::Test {
         return status;
     }
 
-    // A record for the object `name` with a node attached; detached at the
-    // end of the test unless the test detached it.
+    // A record for the object `name` with a node attached, detached at the end.
     HostNode& attach(const std::u16string& name) {
         records_.push_back(std::make_unique<HostNode>(name));
         EXPECT_EQ(plugin_.init_node(records_.back()->record(), nullptr, 0, nullptr), 0);
@@ -112,17 +107,17 @@ class CoordinatorTest : public ::testing::Test {
     }
 
     // One configuration request of `operation` (2 sets, 1 gets, 3 clears, 4
-    // describes) for the split or the quiesce settings. The text the
-    // provider handed back, if any, goes to `answer` and its buffer is freed.
-    std::int32_t configure(tarn_node* record, bool split, const std::u16string* document,
+    // describes) for the split or the quiesce settings, with or without a
+    // document; the text handed back goes to `answer`, its buffer is freed.
+    std::int32_t configure(tarn_node* record, bool split, std::optional<std::u16string> document,
                            std::uint32_t operation = 2, std::u16string* answer = nullptr) {
-        std::u16string input = document != nullptr ? *document : std::u16string();
         tarn_config_request request{};
         request.split_selector = split ? 1 : 0;
         request.quiesce_selector = split ? 0 : 1;
-        request.text = document != nullptr ? input.data() : nullptr;
+        request.text = document.has_value() ? document->data() : nullptr;
         std::int32_t status = plugin_.config(record, operation, nullptr, &request);
-        if (request.text != nullptr && request.text != input.data()) {
+        if (request.text != nullptr &&
+            (!document.has_value() || request.text != document->data())) {
             std::u16string handed(request.text);
             if (answer != nullptr) {
                 *answer = handed;
@@ -130,9 +125,6 @@ class CoordinatorTest : public ::testing::Test {
             tarn_free_buf(request.text, 2 * (handed.size() + 1));
         }
         return status;
-    }
-    std::int32_t configure(tarn_node* record, bool split, const std::u16string& document) {
-        return configure(record, split, &document);
     }
 
     void TearDown() override {

@@ -1,6 +1,5 @@
-// Disposal of a snapshot volume: the handle from the agent when the provider
-// cannot open the volume, the release, the destroy attempts, and what each
-// failure reports.
+// Disposal of a snapshot volume: the agent's handle when the provider cannot
+// open it, the release, the destroy attempts, and what each failure reports.
 #include <gtest/gtest.h>
 
 #include "node_fixture.h"
@@ -9,15 +8,12 @@
 namespace nodetest {
 namespace {
 
-constexpr std::int32_t kInvalidHandle = 6;
 const char kName[] = "<name>";  // the disposed snapshot volume's name
 
 struct DisposeCase {
     const char* name;
-    bool providerCannotOpen;
     std::vector<std::uint32_t> agentStatuses;
-    std::vector<std::tuple<const char*, std::uint32_t, std::uint32_t>>
-        faults;  // function, error, count
+    std::vector<Fault> faults;
     std::int32_t status;
     std::vector<Report> reports;
     std::vector<std::uint32_t> agentCodes;
@@ -27,19 +23,21 @@ struct DisposeCase {
 FIKIV_PRINT_ROW_NAME(DisposeCase)
 
 const std::vector<std::uint32_t> kBusyBudget(31, kBusy);
+// The provider cannot open the volume itself and asks the agent for a handle.
+const std::vector<Fault> kCannotOpen = {{"KIV_Open", 2}};
 
 // clang-format off
 const DisposeCase kDisposeCases[] = {
-    {"ProviderOpensTheVolumeAndOnlyReleases", false, {}, {}, 0, {}, {4}, 1, 1},
-    {"RetrieveRefused", true, {2}, {}, 3, {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", 2, kName}}}, {3}, 0, 0},
+    {"ProviderOpensTheVolumeAndOnlyReleases", {}, {}, 0, {}, {4}, 1, 1},
+    {"RetrieveRefused", {2}, kCannotOpen, 3, {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", 2, kName}}}, {3}, 0, 0},
     // The scripted agent names handle 0 of this process: no handle to copy.
-    {"RetrieveNamesAHandleThatCannotBeDuplicated", true, {}, {}, 3, {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", kInvalidHandle, kName}}}, {3}, 0, 0},
-    {"RetrieveBusyThroughTheWholeBudget", true, kBusyBudget, {}, 3, {{"MSG_ERROR_KIVORBHANDLE", {"ORB::RetrieveHandle", 231, kBusyText, kName}}}, std::vector<std::uint32_t>(31, 3), 31, 0},
-    {"ReleaseRefusedStillDestroys", false, {5}, {}, 0, {{"MSG_ERROR_KIVAPI", {"ORB::ReleaseVolumeHandle", 5, kName}}}, {4}, 0, 1},
-    {"ReleaseBusyThroughTheWholeBudgetStillDestroys", false, kBusyBudget, {}, 0, {{"MSG_ERROR_KIVORBHANDLE", {"ORB::ReleaseVolumeHandle", 231, kBusyText, kName}}}, std::vector<std::uint32_t>(31, 4), 31, 1},
-    {"DestroyBusyThreeTimesThenDone", false, {}, {{"KIV_Destroy", 5, 3}}, 0, {}, {4}, 4, 4},
-    {"DestroyBusyForAllHundredAttempts", false, {}, {{"KIV_Destroy", 5, sim::kAlways}}, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 5, kName}}}, {4}, 101, 100},
-    {"DestroyRefused", false, {}, {{"KIV_Destroy", 21, 1}}, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 21, kName}}}, {4}, 1, 1},
+    {"RetrieveNamesAHandleThatCannotBeDuplicated", {}, kCannotOpen, 3, {{"MSG_ERROR_KIVAPI", {"ORB::RetrieveHandle", kInvalidHandle, kName}}}, {3}, 0, 0},
+    {"RetrieveBusyThroughTheWholeBudget", kBusyBudget, kCannotOpen, 3, {{"MSG_ERROR_KIVORBHANDLE", {"ORB::RetrieveHandle", 231, kBusyText, kName}}}, std::vector<std::uint32_t>(31, 3), 31, 0},
+    {"ReleaseRefusedStillDestroys", {5}, {}, 0, {{"MSG_ERROR_KIVAPI", {"ORB::ReleaseVolumeHandle", 5, kName}}}, {4}, 0, 1},
+    {"ReleaseBusyThroughTheWholeBudgetStillDestroys", kBusyBudget, {}, 0, {{"MSG_ERROR_KIVORBHANDLE", {"ORB::ReleaseVolumeHandle", 231, kBusyText, kName}}}, std::vector<std::uint32_t>(31, 4), 31, 1},
+    {"DestroyBusyThreeTimesThenDone", {}, {{"KIV_Destroy", 5, 3}}, 0, {}, {4}, 4, 4},
+    {"DestroyBusyForAllHundredAttempts", {}, {{"KIV_Destroy", 5, sim::kAlways}}, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 5, kName}}}, {4}, 101, 100},
+    {"DestroyRefused", {}, {{"KIV_Destroy", 21}}, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Destroy", 21, kName}}}, {4}, 1, 1},
 };
 // clang-format on
 
@@ -50,7 +48,7 @@ TEST_P(DisposeTest, ReportsWaitsAndDestroyAttempts) {
     preparePair();
     ScriptedPipeServer agent;
     std::vector<std::u16string> names;
-    ASSERT_EQ(make(preparedList_[0], preparedList_, &names), 0);
+    ASSERT_EQ(make(2, names), 0);
     ASSERT_EQ(names.size(), 2u);
     HostNode& first = addSnapshotVolume(names[0]);
     HostNode& second = addSnapshotVolume(names[1]);
@@ -59,12 +57,7 @@ TEST_P(DisposeTest, ReportsWaitsAndDestroyAttempts) {
     takeUserMessages();
     sim::clearRecordedSleeps();
     sim::clearFaults();
-    if (row.providerCannotOpen) {
-        sim::injectFault("KIV_Open", 2);
-    }
-    for (const auto& [function, error, count] : row.faults) {
-        sim::injectFault(function, error, 0, count);
-    }
+    injectFaults(row.faults);
     for (std::uint32_t status : row.agentStatuses) {
         agent.scriptStatuses({status});
     }
@@ -99,7 +92,7 @@ TEST_P(DisposeTest, ReportsWaitsAndDestroyAttempts) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Failures, DisposeTest, ::testing::ValuesIn(kDisposeCases),
-                         rowName<DisposeCase>);
+                         ::testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace nodetest

@@ -16,53 +16,32 @@ namespace {
 
 using plugintest::guidWithoutBackslash;
 
-constexpr std::int32_t kInvalidHandle = 6;
 constexpr std::int32_t kInvalidParameter = 87;
 
-// The machine-wide provider mutex held by another thread for as long as the
-// object lives, or left behind by a thread that ended while holding it. The
-// handle stays open until the object goes: a mutex whose last handle is
-// closed no longer exists, abandoned or not.
+// The machine-wide provider mutex, held by another thread for as long as the
+// object lives.
 class MutexHolder {
   public:
-    explicit MutexHolder(bool abandon) {
-        thread_ = std::thread([this, abandon] {
-            os::HANDLE handle = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
-            os::WaitForSingleObject(handle, os::INFINITE);
-            taken_.set_value(handle);
-            if (!abandon) {
-                release_.get_future().wait();
-                os::ReleaseMutex(handle);
-            }
-        });
-        handle_ = taken_.get_future().get();
-        if (abandon) {
-            thread_.join();
-        }
-    }
+    MutexHolder() { taken_.get_future().wait(); }
     ~MutexHolder() {
-        if (thread_.joinable()) {
-            release_.set_value();
-            thread_.join();
-        }
-        os::CloseHandle(handle_);
+        release_.set_value();
+        thread_.join();
     }
 
   private:
-    std::promise<os::HANDLE> taken_;
+    std::promise<void> taken_;
     std::promise<void> release_;
-    os::HANDLE handle_ = nullptr;
-    std::thread thread_;
+    std::thread thread_{[this] {
+        os::HANDLE handle = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
+        os::WaitForSingleObject(handle, os::INFINITE);
+        taken_.set_value();
+        release_.get_future().wait();
+        os::ReleaseMutex(handle);
+        os::CloseHandle(handle);
+    }};
 };
 
 enum class Split { Automatic, Selected };
-enum class Holder { None, Holding, Abandoned };
-
-struct Fault {
-    const char* function;
-    std::uint32_t error;
-    std::uint32_t count;
-};
 
 const std::string kRequestText =
     "\tTargets\n\t\t<first>\n\t\t<second>\n\tHints\n\t\texcludedVolumes = \n"
@@ -75,7 +54,7 @@ struct PrepareCase {
     std::uint32_t mode;
     std::vector<Fault> faults;
     const char* unbindable;  // a kernel32 function that cannot be bound, or null
-    Holder holder;
+    bool mutexHeld;          // by another thread
     std::int32_t status;
     std::vector<Report> reports;
     // The last line the host received without a catalogue: the dump's end,
@@ -93,14 +72,13 @@ const Report kNotPlaced = {"MSG_ERROR_AUTOCONFIG", {kRequestText}};
 
 // clang-format off
 const PrepareCase kPrepareCases[] = {
-    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, Holder::None, 3, {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
-    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}}, kDumpEnd, 1},
-    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}}, kDumpEnd, 1},
-    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, Holder::None, 3, {kNameFailed, kNameFailed, kPrepareInvalid}, kDumpEnd, 1},
-    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, Holder::Holding, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
-    {"MutexAbandonedByItsOwner", Split::Automatic, 0, {}, nullptr, Holder::Abandoned, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
-    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5, 1}}, nullptr, Holder::None, 3, {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}}, kPrepareInvalid}, kDumpEnd, 1},
-    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", Holder::None, 6, {}, "WARNING: caught unhandled exception in KIV prepare", 2},
+    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, false, 3, {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
+    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112}}, nullptr, false, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2}}, nullptr, false, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, false, 3, {kNameFailed, kNameFailed, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, true, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5}}, nullptr, false, 3, {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}}, kPrepareInvalid}, kDumpEnd, 1},
+    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", false, 6, {}, "WARNING: caught unhandled exception in KIV prepare", 2},
 };
 // clang-format on
 
@@ -112,17 +90,15 @@ TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
     std::vector<tarn_fi_entry*> list =
         row.split == Split::Automatic
             ? addSources({1, 6}, {kAutoSplit, kAutoSplit})
-            : addSources({1, 6}, {selectedSplit('a'), selectedSplit('b')});
+            : addSources({1, 6}, {selectedSplit("A"), selectedSplit("B")});
     ASSERT_EQ(configure(group_->record(), false, plugintest::kQuiesceSettings), 0);
     takeUserMessages();
     std::optional<MutexHolder> holder;
-    if (row.holder != Holder::None) {
-        holder.emplace(row.holder == Holder::Abandoned);
+    if (row.mutexHeld) {
+        holder.emplace();
     }
     sim::clearFaults();
-    for (const Fault& fault : row.faults) {
-        sim::injectFault(fault.function, fault.error, 0, fault.count);
-    }
+    injectFaults(row.faults);
     if (row.unbindable != nullptr) {
         sim::makeUnbindable("kernel32.dll", row.unbindable);
     }
@@ -152,38 +128,27 @@ TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Failures, PrepareFailureTest, ::testing::ValuesIn(kPrepareCases),
-                         rowName<PrepareCase>);
-
-// The dump lines that name each element's cache file.
-std::vector<std::string> cacheFileLines(const std::vector<HostMessage>& messages) {
-    std::vector<std::string> found;
-    for (const HostMessage& message : plainLinesOf(messages)) {
-        if (message.text.has_value() && message.text->rfind("\tCacheFileName:", 0) == 0) {
-            found.push_back(*message.text);
-        }
-    }
-    return found;
-}
+                         ::testing::PrintToStringParamName());
 
 TEST_F(NodeTest, OnlySourcesAskingForAutomaticPreparationGetPlacedCaches) {
     start();
     std::vector<tarn_fi_entry*> list =
-        addSources({1, 6, 3}, {kAutoSplit, selectedSplit('b'), kAutoSplit});
+        addSources({1, 6, 3}, {kAutoSplit, selectedSplit("B"), kAutoSplit});
 
     ASSERT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 3, 0), 0);
-    std::vector<std::string> caches = cacheFileLines(takeUserMessages());
+    std::vector<std::string> caches = dumpValues(takeUserMessages(), "CacheFileName");
     ASSERT_EQ(caches.size(), 3u);
     // Two targets were placed: the first and third sources get the first and
     // second cache file, numbered in placement order; the second keeps its own.
-    EXPECT_TRUE(caches[0].ends_with("_tarnKivCacheFile_0.KIV\n")) << caches[0];
-    EXPECT_EQ(caches[1], "\tCacheFileName:E:\\selected_b.KIV\n");
-    EXPECT_TRUE(caches[2].ends_with("_tarnKivCacheFile_1.KIV\n")) << caches[2];
+    EXPECT_TRUE(caches[0].ends_with("_tarnKivCacheFile_0.KIV")) << caches[0];
+    EXPECT_EQ(caches[1], "E:\\selected_B.KIV");
+    EXPECT_TRUE(caches[2].ends_with("_tarnKivCacheFile_1.KIV")) << caches[2];
     EXPECT_EQ(sim::callCount("CreateMutexW"), 1u);
 }
 
 TEST_F(NodeTest, ListWithCountZeroPreparesTheEntryAlone) {
     start();
-    std::vector<tarn_fi_entry*> list = addSources({1, 6}, {selectedSplit('a'), kAutoSplit});
+    std::vector<tarn_fi_entry*> list = addSources({1, 6}, {selectedSplit("A"), kAutoSplit});
 
     ASSERT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 0, 0), 0);
     std::vector<HostMessage> lines = plainLinesOf(takeUserMessages());
