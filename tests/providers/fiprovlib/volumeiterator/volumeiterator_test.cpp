@@ -105,9 +105,7 @@ TEST(VolumeIteratorTest, FindVolumePath) {
     struct Row { int volume; bool found; std::u16string path; };
     const Row rows[] = {
         {1, true,  u"C:\\"},
-        // A mount point is found by asking for the volume behind "<holder's
-        // GUID path><mount point>".
-        {2, true,  u"C:\\mnt\\data\\"},
+        // A mount point within a mount point.
         {3, true,  u"C:\\mnt\\data\\inner\\"},
         // Reachable only through a removable letter: only fixed drives count.
         {5, false, u"unchanged"},

@@ -29,14 +29,8 @@ std::string kindOf(const std::u16string& path) {
 }
 
 TEST(CacheFileNameTest, SeparatorsAreSingleAndTheCounterAdvances) {
-    struct Row {
-        const char16_t* root;
-        const char16_t* directory;
-        std::uint32_t counter;
-        const char* expected;
-        std::uint32_t next;
-    };
     // clang-format off
+    struct Row { const char16_t* root; const char16_t* directory; std::uint32_t counter; const char* expected; std::uint32_t next; };
     const Row rows[] = {
         {u"D:",   u"",         7,           "D:\\_tarnKivCacheFile_7.KIV",          8},
         {u"D:\\", u"",         7,           "D:\\_tarnKivCacheFile_7.KIV",          8},
@@ -125,18 +119,9 @@ CacheFileHints hintsOf(std::uint32_t initialMB, std::uint32_t maxMB, std::uint32
 // Sizes and the host's messages. Volume 2 holds the cache; volume 1 is the
 // target when the cache file is not on the snapshotted volume.
 TEST(CacheFileSizesTest, RulesClampsFloorsAndMessages) {
-    struct Row {
-        const char* name;
-        std::uint64_t totalBytes;
-        std::uint64_t freeBytes;
-        CacheFileHints hints;
-        bool onOwnVolume;
-        bool failFreeSpaceQuery;
-        CacheFileSizes expected;
-        std::vector<std::string> messages;
-    };
-    const std::uint64_t tib = 1ull << 40;
     // clang-format off
+    struct Row { const char* name; std::uint64_t totalBytes; std::uint64_t freeBytes; CacheFileHints hints; bool onOwnVolume; bool failFreeSpaceQuery; CacheFileSizes expected; std::vector<std::string> messages; };
+    const std::uint64_t tib = 1ull << 40;
     const Row rows[] = {
         // 1,000 MB used, 30 MB free: the share 100 is capped to 95% of 30 and
         // raised to the floor; the maximum share 3 too.
