@@ -1,6 +1,5 @@
-// A plug-in that exports only a few entry points, for testing the host: the
-// rest must come out as missing. It reports what it sees of the host's
-// records through the host's message callback.
+// A plug-in exporting only a few entry points, for the host's tests; it
+// reports what it sees through the host's message callback.
 #include <cstdint>
 #include <string>
 #include <thread>

@@ -16,12 +16,10 @@ TEST(HostTextTest, FollowsTheConversionTable) {
     }
     for (const testsupport::Utf16Case& row : testsupport::utf16Cases()) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(host::toUtf8(row.units), row.bytes);
         EXPECT_EQ(host::toUtf8(row.units.c_str()), row.bytes);
     }
     EXPECT_EQ(host::toUtf8(static_cast<const char16_t*>(nullptr)), "");
     EXPECT_EQ(host::toUtf8(u""), "");
-    EXPECT_EQ(host::toUtf16(""), u"");
 }
 
 }  // namespace

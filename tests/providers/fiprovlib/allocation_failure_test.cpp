@@ -1,6 +1,5 @@
-// Tracing when memory runs out. This program replaces the non-throwing
-// operator new and new[], which the log writer and the depth registry use, so
-// that a test can make the next such allocations fail.
+// Tracing when memory runs out: the non-throwing operator new and new[] (used
+// by the log writer and the depth registry) fail when a test asks.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -27,10 +26,8 @@ bool failThisAllocation() {
 
 }  // namespace
 
-// The memory itself comes from the throwing operator of the same form, so
-// that the delete or delete[] the caller uses later matches the allocation
-// whatever allocator the program runs with (AddressSanitizer checks that the
-// forms match, and malloc'ed memory freed with delete[] does not).
+// The memory comes from the throwing operator of the same form, so that the
+// caller's later delete or delete[] matches (AddressSanitizer checks forms).
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     if (failThisAllocation()) {
         return nullptr;
@@ -66,8 +63,8 @@ TEST(TracingOutOfMemoryTest, LineIsDroppedWhenItsBufferCannotBeHad) {
     EXPECT_NE(capture.messages()[0].text.find(u"kept"), std::u16string::npos);
 }
 
-// A thread's first trace object needs a registry entry; when that cannot be
-// had, the object throws before it writes anything, and leaves nothing behind.
+// Without a registry entry a thread's first trace object throws before it
+// writes anything, and leaves nothing behind.
 TEST(TracingOutOfMemoryTest, NewThreadWithoutRegistryEntryThrowsWin32Error) {
     LogCapture capture;
     std::thread([] {

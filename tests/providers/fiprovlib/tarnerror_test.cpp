@@ -1,6 +1,4 @@
-// TarnError: status, kind and the catalogue text looked up by its id. The
-// texts of the installed catalogue are checked through the coordinator's
-// error-message entry point.
+// TarnError: status, kind and the catalogue text looked up by its id.
 #include "fiprovlib/TarnError.h"
 
 #include <gtest/gtest.h>
@@ -16,9 +14,8 @@ std::u16string textOf(const char16_t* text) {
     return text != nullptr ? std::u16string(text) : u"<null>";
 }
 
-// The catalogue is made once per process, so a catalogue of test texts can
-// only be used by a fresh process. Its ids have four digits at least; a code
-// of six digits no longer fits the id and is cut to five.
+// A test catalogue needs a fresh process. Ids have four digits at least; a
+// six-digit code is cut to five.
 FIKIV_CHILD_ROLE(testCatalogue) {
     testsupport::ChildChecks checks;
     TarnError fortyTwo(42, u"f", 1, u"fn");

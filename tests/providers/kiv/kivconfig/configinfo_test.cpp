@@ -62,8 +62,6 @@ const InfoRow kInfoRows[] = {
     {"VolumeQuiesce",       Target::kVolume, Select::kQuiesce, 0, u"<null>"},
     {"GroupNoSelector",     Target::kGroup,  Select::kNone,    3, kUntouched},
     {"GroupBothSelectors",  Target::kGroup,  Select::kBoth,    3, kUntouched},
-    {"VolumeNoSelector",    Target::kVolume, Select::kNone,    3, kUntouched},
-    {"VolumeBothSelectors", Target::kVolume, Select::kBoth,    3, kUntouched},
 };
 // clang-format on
 

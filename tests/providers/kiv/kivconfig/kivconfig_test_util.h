@@ -1,6 +1,4 @@
-// Records and documents shared by the configuration tests: the group object's
-// record and a volume's record, requests, settings documents, and taking over
-// the buffers the configuration hands to the host.
+// Records, requests and settings documents shared by the configuration tests.
 #ifndef TESTS_PROVIDERS_KIV_KIVCONFIG_KIVCONFIG_TEST_UTIL_H_
 #define TESTS_PROVIDERS_KIV_KIVCONFIG_KIVCONFIG_TEST_UTIL_H_
 
@@ -33,8 +31,7 @@ inline constexpr auto kRowName = [](const auto& info) { return std::string(info.
 
 using Elements = std::vector<std::pair<std::u16string, std::u16string>>;
 
-// A settings document with one element per (key, value), after a mode
-// element when `mode` is given.
+// A settings document of (key, value) elements, after a mode element if given.
 inline std::u16string document(const Elements& elements, const std::u16string& mode = u"") {
     std::u16string text = u"<SET_CONFIG_INFO_LIST> ";
     if (!mode.empty()) {
@@ -50,10 +47,8 @@ inline std::u16string selectDocument(const Elements& elements) {
     return document(elements, u"TARN_CFS_SELECT_PREP");
 }
 
-// The text of a request made with kUntouched: "<untouched>" when the
-// operation left it, "<null>" when it cleared it, else the text of the
-// buffer handed to the host, which is then freed with the size the host
-// assumes (2 x (length + 1) bytes; the framework library checks it).
+// A request made with kUntouched: "<untouched>" if left, "<null>" if cleared,
+// else the handed-over text, freed with the size the host assumes.
 inline constexpr char16_t kUntouched[] = u"<untouched>";
 
 inline std::u16string handedBack(tarn_config_request& request) {
@@ -71,8 +66,7 @@ inline std::u16string handedBack(tarn_config_request& request) {
 
 }  // namespace kivconfigtest
 
-// Reaches what the host cannot: storing quiesce and cache entries as they are
-// kept, also ones no settings document can carry (values with blanks, a
+// Stores entries no settings document can carry (values with blanks, a
 // prefix alone).
 class KivConfigTestPeer {
   public:
@@ -88,9 +82,8 @@ class KivConfigTestPeer {
 
 namespace kivconfigtest {
 
-// One configuration and the two kinds of records; makes sure the coordinator
-// (which knows the group object) exists, and that every buffer handed to the
-// host was taken with the right size.
+// One configuration, a group and a volume record (the coordinator knows the
+// group object); every buffer handed to the host must be taken, sized right.
 class ConfigFixture : public ::testing::Test {
   protected:
     static void SetUpTestSuite() { KivFiCoordinator::instance(); }
