@@ -92,6 +92,8 @@ class KivConfig {
     bool setAutoSplitConfig(SplitConfig values);
     bool isAutoPrepare() const { return autoPrepare_; }
 
+    const std::vector<ConfigKeyDescriptor>& splitKeys() const { return splitKeys_; }
+    const std::vector<ConfigKeyDescriptor>& quiesceKeys() const { return quiesceKeys_; }
     const std::vector<ConfigKeyDescriptor>& cacheKeys() const { return cacheKeys_; }
     const std::vector<std::u16string>& quiesceEntries() const { return quiesceEntries_; }
     const std::vector<std::u16string>& cacheEntries() const { return cacheEntries_; }
