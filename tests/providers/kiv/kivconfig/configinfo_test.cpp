@@ -7,6 +7,7 @@
 
 #include "kiv/kivconfig/kivconfig.h"
 #include "kivconfig_test_util.h"
+#include "tarn/msgcatalog.h"
 #include "support/row_name.h"
 
 namespace kivconfigtest {
@@ -86,6 +87,32 @@ TEST_P(InfoTest, DocumentIsExactAndReused) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Requests, InfoTest, ::testing::ValuesIn(kInfoRows), kRowName);
+
+// Each key carries the active catalogue's help text under its own id, spelled
+// as the framework knows it ("HELPTEXT" once, "HELPTXT" elsewhere,
+// "EXCLUDEDVOLS"); the directory key has none.
+TEST_F(ConfigFixture, HelpTextsComeFromTheActiveCatalogue) {
+    KivFiCoordinator::instance().initCatalogues(nullptr);
+    tarp_MsgCatalog* catalogue = activeCatalogue();
+    ASSERT_NE(catalogue, nullptr);
+    KivConfig config;
+    const std::pair<const std::vector<ConfigKeyDescriptor>&, std::vector<const char*>> groups[] = {
+        // clang-format off
+        {config.splitKeys(), {"MSG_CFGHELPTEXT_SNAPSHOTVOLUMENAME", "MSG_CFGHELPTXT_CACHEFILENAME", "MSG_CFGHELPTXT_INITIALCACHEFILESIZE", "MSG_CFGHELPTXT_MAXCACHEFILESIZE"}},
+        {config.quiesceKeys(), {"MSG_CFGHELPTXT_QUIESCEWAITTIME", "MSG_CFGHELPTXT_QUIESCETIMEOUT"}},
+        {config.cacheKeys(), {"MSG_CFGHELPTXT_CACHEFILEALLOWEDVOLS", "MSG_CFGHELPTXT_CACHEFILEEXCLUDEDVOLS", "MSG_CFGHELPTXT_CACHEFILEINITSIZEMB", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEMB", "MSG_CFGHELPTXT_CACHEFILEINITSIZEPCT", "MSG_CFGHELPTXT_CACHEFILEMAXSIZEPCT", nullptr}},
+        // clang-format on
+    };
+    for (const auto& [keys, ids] : groups) {
+        ASSERT_EQ(keys.size(), ids.size());
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+            SCOPED_TRACE(ids[i] != nullptr ? ids[i] : "no id");
+            const char16_t* expected = ids[i] != nullptr ? catalogue->getCachedMsg(ids[i], false) : nullptr;
+            EXPECT_EQ(keys[i].helpText, expected);
+            EXPECT_EQ(expected == nullptr, ids[i] == nullptr) << "the catalogue lacks the help text";
+        }
+    }
+}
 
 }  // namespace
 }  // namespace kivconfigtest
