@@ -107,9 +107,11 @@ TEST_F(ConfigFixture, HelpTextsComeFromTheActiveCatalogue) {
         ASSERT_EQ(keys.size(), ids.size());
         for (std::size_t i = 0; i < ids.size(); ++i) {
             SCOPED_TRACE(ids[i] != nullptr ? ids[i] : "no id");
-            const char16_t* expected = ids[i] != nullptr ? catalogue->getCachedMsg(ids[i], false) : nullptr;
+            const char16_t* expected =
+                ids[i] != nullptr ? catalogue->getCachedMsg(ids[i], false) : nullptr;
             EXPECT_EQ(keys[i].helpText, expected);
-            EXPECT_EQ(expected == nullptr, ids[i] == nullptr) << "the catalogue lacks the help text";
+            EXPECT_EQ(expected == nullptr, ids[i] == nullptr)
+                << "the catalogue lacks the help text";
         }
     }
 }
