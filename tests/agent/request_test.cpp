@@ -179,6 +179,14 @@ TEST_F(RequestTest, LogLineNamesPeerCodeNameAndStatusOnOneLine) {
               0u)
         << line;
 
+    // Every code is named, known or not.
+    for (const auto& [code, named] : {std::pair<std::uint32_t, const char*>{3, " code 3 retrieve "},
+                                      {4, " code 4 release "},
+                                      {1, " code 1 unknown "}}) {
+        line = kivagent::formatLogRecord(handle(requestBytes(code, kCallerPid, 0, u"V")).record);
+        EXPECT_NE(line.find(named), std::string::npos) << line;
+    }
+
     std::string shortLine = kivagent::formatLogRecord(handle({9}).record);
     EXPECT_EQ(shortLine.rfind("peer 4242 code - name \"\" status 24: request of 1 bytes", 0), 0u)
         << shortLine;
