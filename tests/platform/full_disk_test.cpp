@@ -87,9 +87,10 @@ bool anyEntryStartsWith(const fs::path& directory, const std::string& prefix) {
     return false;
 }
 
-// A named mutex made on a full file system: ERROR_DISK_FULL, no SIGBUS, and
-// no scratch file left in the mutex directory.
-FIKIV_CHILD_ROLE(mutexOnFullDisk) {
+// On a full file system: a named mutex answers ERROR_DISK_FULL (no SIGBUS)
+// and leaves no scratch file in the mutex directory; the default machine
+// cannot be written, says so, and leaves no temporary file beside its file.
+FIKIV_CHILD_ROLE(fullDisk) {
     const fs::path directory = arguments.at(0);
     if (!mountSmallTmpfs(directory)) {
         return kCannotMount;
@@ -101,6 +102,8 @@ FIKIV_CHILD_ROLE(mutexOnFullDisk) {
     os::HANDLE first = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk-first");
     FIKIV_CHILD_FAIL_IF(checks, first == nullptr);
     os::CloseHandle(first);
+    const fs::path defaultDirectory = directory / ("fikiv-" + std::to_string(getuid())) / "default";
+    fs::create_directories(defaultDirectory);
     fill(directory);
     os::SetLastError(0xdeadbeef);
     FIKIV_CHILD_FAIL_IF(checks,
@@ -109,27 +112,14 @@ FIKIV_CHILD_ROLE(mutexOnFullDisk) {
     const fs::path mutexes = machine.directory() / "machine.state" / "mutex";
     FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, ".new-"));
     FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, "local."));
-    return checks.failures();
-}
 
-// The default machine written to a full runtime directory: a message, and no
-// temporary file left beside the machine file.
-FIKIV_CHILD_ROLE(defaultMachineOnFullDisk) {
-    const fs::path directory = arguments.at(0);
-    if (!mountSmallTmpfs(directory)) {
-        return kCannotMount;
-    }
-    const fs::path machineDirectory = directory / ("fikiv-" + std::to_string(getuid())) / "default";
-    fs::create_directories(machineDirectory);
-    fill(directory);
     setenv("XDG_RUNTIME_DIR", directory.c_str(), 1);
     unsetenv("FIKIV_MACHINE");
     sim::Machine::reset();
-    testsupport::ChildChecks checks;
     std::string error;
     FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull(&error) != nullptr);
     FIKIV_CHILD_FAIL_IF(checks, error.find("cannot write") == std::string::npos);
-    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(machineDirectory, "machine.json.tmp."));
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(defaultDirectory, "machine.json.tmp."));
     return checks.failures();
 }
 
@@ -200,12 +190,8 @@ class FullDiskTest : public ::testing::Test {
     fs::path directory_;
 };
 
-TEST_F(FullDiskTest, NamedMutexAnswersDiskFull) {
-    runChild("mutexOnFullDisk");
-}
-
-TEST_F(FullDiskTest, DefaultMachineLeavesNoTemporaryFile) {
-    runChild("defaultMachineOnFullDisk");
+TEST_F(FullDiskTest, NamedMutexAndDefaultMachineAnswerDiskFull) {
+    runChild("fullDisk");
 }
 
 TEST_F(FullDiskTest, FallbackUnderTmpIsPrivateAndSaidOnce) {

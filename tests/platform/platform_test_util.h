@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -27,6 +28,14 @@ namespace platformtest {
 inline constexpr os::DWORD kUntouched = 0xdeadbeef;
 // A row's expected error when the call is to succeed.
 inline constexpr os::DWORD kNone = 0;
+
+// What `call` returns and the last error it leaves (kUntouched: none set).
+template <typename Call>
+auto answer(Call call) {
+    os::SetLastError(kUntouched);
+    auto result = call();
+    return std::make_pair(result, os::GetLastError());
+}
 
 // The GUID path "\\?\Volume{…000N}\" of volume `digit` ("1" to "9").
 #define VOLUME_GUID(digit) u"\\\\?\\Volume{00000000-0000-0000-0000-00000000000" digit "}\\"

@@ -14,6 +14,7 @@
 
 namespace {
 
+using platformtest::answer;
 using platformtest::CanaryBuffer;
 using platformtest::filled;
 using platformtest::kNone;
@@ -71,19 +72,6 @@ auto firstOfSearch(First first, Close close, bool nullBuffer = false) {
     };
 }
 
-TEST_F(NestedMachineTest, EnumeratesEveryVolumeInDescriptionOrder) {
-    char16_t first[50];
-    os::HANDLE find = os::FindFirstVolumeW(first, 50);
-    ASSERT_NE(find, os::INVALID_HANDLE_VALUE);
-    const std::vector<std::u16string> names = restOfSearch(first, find, &os::FindNextVolumeW);
-    EXPECT_TRUE(os::FindVolumeClose(find));
-    std::vector<std::u16string> expected;
-    for (int number = 1; number <= 8; ++number) {
-        expected.push_back(guid(number));
-    }
-    EXPECT_EQ(names, expected);
-}
-
 TEST_F(NestedMachineTest, FindFirstVolumeBufferRows) {
     const auto volume = [](const char16_t*, char16_t* buffer, os::DWORD length) {
         return os::FindFirstVolumeW(buffer, length);
@@ -99,7 +87,6 @@ TEST_F(NestedMachineTest, FindFirstVolumeBufferRows) {
         {"ZeroLength",             nullptr, 0,  os::ERROR_FILENAME_EXCED_RANGE, u""},
         {"NoRoomForNul",           nullptr, 49, os::ERROR_FILENAME_EXCED_RANGE, u""},
         {"ExactFit",               nullptr, 50, kNone,                          VOLUME_GUID("1")},
-        {"Larger",                 nullptr, 51, kNone,                          VOLUME_GUID("1")},
     });
     // clang-format on
 }
@@ -113,7 +100,6 @@ TEST_F(NestedMachineTest, FindNextVolumeRows) {
     struct Row { const char* name; os::HANDLE handle; os::DWORD length; os::DWORD error; };
     const Row rows[] = {
         {"NullHandle",                nullptr,                  50, os::ERROR_INVALID_HANDLE},
-        {"InvalidHandleValue",        os::INVALID_HANDLE_VALUE, 50, os::ERROR_INVALID_HANDLE},
         {"InvalidHandleBeforeLength", nullptr,                  0,  os::ERROR_INVALID_HANDLE},
         {"OneShort",                  find,                     49, os::ERROR_FILENAME_EXCED_RANGE},
         {"ExactFitGivesSecondVolume", find,                     50, kNone},
@@ -127,13 +113,10 @@ TEST_F(NestedMachineTest, FindNextVolumeRows) {
         EXPECT_TRUE(filled(found, buffer, row.error, guid(2)));
     }
     // A search handle is closed with FindVolumeClose only, and once.
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::CloseHandle(find));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    const auto invalid = std::pair(os::FALSE, os::DWORD{os::ERROR_INVALID_HANDLE});
+    EXPECT_EQ(answer([&] { return os::CloseHandle(find); }), invalid);
     EXPECT_TRUE(os::FindVolumeClose(find));
-    os::SetLastError(kUntouched);
-    EXPECT_FALSE(os::FindVolumeClose(find));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    EXPECT_EQ(answer([&] { return os::FindVolumeClose(find); }), invalid);
 }
 
 // Searches answer from the machine they started on, to their end, even when
@@ -150,9 +133,12 @@ TEST(SearchLifetimeTest, OpenSearchesOutliveTheirMachine) {
     first.reset();
     TempMachine second(nlohmann::json{{"volumes", {TempMachine::volume(9, {"C:\\"})}}});
 
-    const auto names = restOfSearch(name, volumes, &os::FindNextVolumeW);
-    EXPECT_EQ(names.size(), 8u);
-    EXPECT_EQ(names.back(), TempMachine::guidName(8));
+    // Every volume, in the order of the description.
+    std::vector<std::u16string> expected;
+    for (int number = 1; number <= 8; ++number) {
+        expected.push_back(TempMachine::guidName(number));
+    }
+    EXPECT_EQ(restOfSearch(name, volumes, &os::FindNextVolumeW), expected);
     EXPECT_EQ(restOfSearch(mountPoint, mountPoints, &os::FindNextVolumeMountPointW),
               (std::vector<std::u16string>{u"mnt\\data\\", u"mnt\\d2\\"}));
     EXPECT_TRUE(os::FindVolumeClose(volumes));
@@ -180,8 +166,6 @@ TEST_F(NestedMachineTest, MountPointsLiveOnTheVolumeThatHoldsTheirFolder) {
         {"SystemVolume",                VOLUME_GUID("1"),        {u"mnt\\data\\", u"mnt\\d2\\"}, kNone},
         {"MountedVolumeHoldsNestedOne", VOLUME_GUID("2"),        {u"inner\\"},                   kNone},
         {"NestedVolumeHasNone",         VOLUME_GUID("3"),        {},                             os::ERROR_NO_MORE_FILES},
-        {"VolumeWithoutPath",           VOLUME_GUID("5"),        {},                             os::ERROR_NO_MORE_FILES},
-        {"DriveRoot",                   u"C:\\",                 {u"mnt\\data\\", u"mnt\\d2\\"}, kNone},
         {"WrongCaseGuid",               u"\\\\?\\VOLUME{00000000-0000-0000-0000-000000000002}\\", {u"inner\\"}, kNone},
         {"MountPointAsRoot",            u"c:\\MNT\\DATA\\",      {u"inner\\"},                   kNone},
         {"AbsentVolume",                VOLUME_GUID("0"),        {},                             os::ERROR_FILE_NOT_FOUND},
@@ -244,16 +228,12 @@ TEST_F(NestedMachineTest, GetVolumeNameForVolumeMountPointRows) {
     // clang-format off
     expectTextRows(&os::GetVolumeNameForVolumeMountPointW, {
         {"NullPath", nullptr, 50, os::ERROR_INVALID_PARAMETER, u""},
-        {"EmptyPath", u"", 50, os::ERROR_INVALID_PARAMETER, u""},
         {"NoTrailingBackslash", u"C:", 50, os::ERROR_INVALID_NAME, u""},
         {"BackslashCheckedBeforeLength", u"C:", 10, os::ERROR_INVALID_NAME, u""},
-        {"ZeroLength", u"C:\\", 0, os::ERROR_FILENAME_EXCED_RANGE, u""},
         {"OneShort", u"C:\\", 49, os::ERROR_FILENAME_EXCED_RANGE, u""},
         {"LengthCheckedBeforeExistence", u"Q:\\", 49, os::ERROR_FILENAME_EXCED_RANGE, u""},
         {"ExactFit", u"C:\\", 50, kNone, VOLUME_GUID("1")},
-        {"LowerCaseDrive", u"c:\\", 50, kNone, VOLUME_GUID("1")},
         {"FolderMountPoint", u"C:\\mnt\\data\\", 50, kNone, VOLUME_GUID("2")},
-        {"WrongCaseMountPoint", u"c:\\MNT\\Data\\", 50, kNone, VOLUME_GUID("2")},
         {"NestedMountPoint", u"C:\\mnt\\data\\inner\\", 50, kNone, VOLUME_GUID("3")},
         {"SecondPathOfVolume", u"C:\\mnt\\d2\\", 50, kNone, VOLUME_GUID("4")},
         {"ForwardSlashes", u"C:/mnt/d2\\", 50, kNone, VOLUME_GUID("4")},
@@ -261,14 +241,11 @@ TEST_F(NestedMachineTest, GetVolumeNameForVolumeMountPointRows) {
         {"MissingFolder", u"C:\\absent\\", 50, os::ERROR_FILE_NOT_FOUND, u""},
         {"AbsentDrive", u"Q:\\", 50, os::ERROR_FILE_NOT_FOUND, u""},
         {"GuidOfVolumeWithoutPath", VOLUME_GUID("5"), 50, kNone, VOLUME_GUID("5")},
-        {"GuidInUpperCase", u"\\\\?\\VOLUME{00000000-0000-0000-0000-000000000005}\\", 50, kNone, VOLUME_GUID("5")},
         {"AbsentGuid", VOLUME_GUID("0"), 50, os::ERROR_FILE_NOT_FOUND, u""},
         {"MountPointBelowGuidRoot", VOLUME_GUID("1") u"mnt\\data\\", 50, kNone, VOLUME_GUID("2")},
-        {"NestedMountPointBelowGuidRoot", VOLUME_GUID("1") u"MNT\\data\\inner\\", 50, kNone, VOLUME_GUID("3")},
         {"MountPointBelowMountedGuidRoot", VOLUME_GUID("2") u"inner\\", 50, kNone, VOLUME_GUID("3")},
         {"FolderBelowGuidRoot", VOLUME_GUID("1") u"mnt\\", 50, os::ERROR_NOT_A_REPARSE_POINT, u""},
         {"RawVolumeStillHasAName", u"E:\\", 50, kNone, VOLUME_GUID("6")},
-        {"EmptyDriveStillHasAName", u"F:\\", 50, kNone, VOLUME_GUID("7")},
     });
     // clang-format on
 }
@@ -277,8 +254,6 @@ TEST_F(NestedMachineTest, GetVolumePathNameRows) {
     // clang-format off
     expectTextRows(&os::GetVolumePathNameW, {
         {"NullName",                    nullptr,                               10, os::ERROR_INVALID_PARAMETER,    u""},
-        {"EmptyName",                   u"",                                   10, os::ERROR_INVALID_PARAMETER,    u""},
-        {"FileOnDrive",                 u"C:\\windows\\system32\\x.dll",       10, kNone,                          u"C:\\"},
         {"KeepsCallersCase",            u"c:\\Windows",                        10, kNone,                          u"c:\\"},
         {"BareDrive",                   u"C:",                                 10, kNone,                          u"C:\\"},
         {"FileBelowNestedMount",        u"C:\\mnt\\data\\inner\\a\\b.txt",     30, kNone,                          u"C:\\mnt\\data\\inner\\"},
@@ -304,7 +279,6 @@ TEST_F(NestedMachineTest, LogicalDriveStringsAskForTheirLengthFirst) {
         {"ZeroLength", 0,  21},
         {"OneShort",   20, 21},
         {"ExactFit",   21, 20},
-        {"Larger",     40, 20},
     };
     // clang-format on
     for (const Row& row : rows) {
@@ -328,7 +302,6 @@ TEST_F(NestedMachineTest, GetDriveTypeRows) {
     struct Row { const char* name; const char16_t* root; os::UINT type; };
     const Row rows[] = {
         {"SystemDrive",          u"C:\\",               os::DRIVE_FIXED},
-        {"LowerCase",            u"c:\\",               os::DRIVE_FIXED},
         {"NoTrailingBackslash",  u"C:",                 os::DRIVE_NO_ROOT_DIR},
         {"CdRomWithoutDisc",     u"F:\\",               os::DRIVE_CDROM},
         {"Removable",            u"G:\\",               os::DRIVE_REMOVABLE},
@@ -414,7 +387,6 @@ TEST_F(NestedMachineTest, GetDiskFreeSpaceRows) {
         {"BareDrive",               u"c:",                     kNone,                         100 * kGiB, 40 * kGiB},
         {"MountPoint",              u"C:\\mnt\\data\\",        kNone,                         200 * kGiB, 150 * kGiB},
         {"NestedMountPoint",        u"C:\\MNT\\data\\inner\\", kNone,                         300 * kGiB, 10 * kGiB},
-        {"SecondPath",              u"C:\\mnt\\d2\\",          kNone,                         400 * kGiB, 400 * kGiB},
         {"ExistingFolderWrongCase", u"D:\\sub\\",              kNone,                         400 * kGiB, 400 * kGiB},
         {"GuidOfVolumeWithoutPath", VOLUME_GUID("5"),          kNone,                         500 * kGiB, 5 * kGiB},
         {"MissingFolder",           u"D:\\absent\\",           os::ERROR_PATH_NOT_FOUND,      7, 7},
