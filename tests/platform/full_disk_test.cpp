@@ -2,10 +2,8 @@
 // machine's fallback directory under /tmp, where anyone may plant names. The
 // default machine is the simulation's own, so those cases ask sim::Machine.
 //
-// Each case runs in a child process with a mount namespace of its own and a
-// small tmpfs mounted where the case needs it, so nothing is filled or planted
-// outside. Without the right to mount (no root and no user namespaces) the
-// cases are skipped.
+// The case runs in a child process with a mount namespace of its own and a
+// small tmpfs at /tmp, so nothing is filled or planted outside.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -87,46 +85,13 @@ bool anyEntryStartsWith(const fs::path& directory, const std::string& prefix) {
     return false;
 }
 
-// On a full file system: a named mutex answers ERROR_DISK_FULL (no SIGBUS)
-// and leaves no scratch file in the mutex directory; the default machine
-// cannot be written, says so, and leaves no temporary file beside its file.
-FIKIV_CHILD_ROLE(fullDisk) {
-    const fs::path directory = arguments.at(0);
-    if (!mountSmallTmpfs(directory)) {
-        return kCannotMount;
-    }
-    setenv("TMPDIR", directory.c_str(), 1);  // the machine's directory goes on the small tmpfs
-    testsupport::TempMachine machine(platformtest::smallMachine());
-    testsupport::ChildChecks checks;
-    // A first mutex while there is room makes the mutex directory.
-    os::HANDLE first = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk-first");
-    FIKIV_CHILD_FAIL_IF(checks, first == nullptr);
-    os::CloseHandle(first);
-    const fs::path defaultDirectory = directory / ("fikiv-" + std::to_string(getuid())) / "default";
-    fs::create_directories(defaultDirectory);
-    fill(directory);
-    os::SetLastError(0xdeadbeef);
-    FIKIV_CHILD_FAIL_IF(checks,
-                        os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk") != nullptr);
-    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_DISK_FULL);
-    const fs::path mutexes = machine.directory() / "machine.state" / "mutex";
-    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, ".new-"));
-    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, "local."));
-
-    setenv("XDG_RUNTIME_DIR", directory.c_str(), 1);
-    unsetenv("FIKIV_MACHINE");
-    sim::Machine::reset();
-    std::string error;
-    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull(&error) != nullptr);
-    FIKIV_CHILD_FAIL_IF(checks, error.find("cannot write") == std::string::npos);
-    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(defaultDirectory, "machine.json.tmp."));
-    return checks.failures();
-}
-
-// With no runtime directory the default machine goes to /tmp/fikiv-<uid>: a
-// symbolic link planted there is refused, a directory made there is private,
-// and the fallback is said once on stderr.
-FIKIV_CHILD_ROLE(fallbackUnderTmp) {
+// In a tmpfs mounted at /tmp. With no runtime directory the default machine
+// goes to /tmp/fikiv-<uid>: a symbolic link planted there is refused, a
+// directory made there is private, and the fallback is said once on stderr.
+// Then, with /tmp full: a named mutex answers ERROR_DISK_FULL (no SIGBUS) and
+// leaves no scratch file in the mutex directory; the default machine cannot be
+// written, says so, and leaves no temporary file beside its file.
+FIKIV_CHILD_ROLE(smallTmp) {
     if (!mountSmallTmpfs("/tmp")) {
         return kCannotMount;
     }
@@ -154,7 +119,6 @@ FIKIV_CHILD_ROLE(fallbackUnderTmp) {
     struct stat status {};
     FIKIV_CHILD_FAIL_IF(checks, lstat(fallback.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
                                     (status.st_mode & 0777) != 0700);
-
     std::fflush(stderr);
     std::ifstream lines(log);
     int told = 0;
@@ -163,39 +127,41 @@ FIKIV_CHILD_ROLE(fallbackUnderTmp) {
                 std::string::npos;
     }
     FIKIV_CHILD_FAIL_IF(checks, told != 1);
+
+    setenv("TMPDIR", "/tmp", 1);
+    testsupport::TempMachine machine(platformtest::smallMachine());
+    // A first mutex while there is room makes the mutex directory.
+    os::HANDLE first = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk-first");
+    FIKIV_CHILD_FAIL_IF(checks, first == nullptr);
+    os::CloseHandle(first);
+    const fs::path runtime = "/tmp/run";
+    const fs::path defaultDirectory = runtime / ("fikiv-" + std::to_string(getuid())) / "default";
+    fs::create_directories(defaultDirectory);
+    fill("/tmp");
+    os::SetLastError(0xdeadbeef);
+    FIKIV_CHILD_FAIL_IF(checks,
+                        os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk") != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_DISK_FULL);
+    const fs::path mutexes = machine.directory() / "machine.state" / "mutex";
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, ".new-"));
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, "local."));
+
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    unsetenv("FIKIV_MACHINE");
+    sim::Machine::reset();
+    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull(&error) != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, error.find("cannot write") == std::string::npos);
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(defaultDirectory, "machine.json.tmp."));
     return checks.failures();
 }
 
-class FullDiskTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "fikiv-full-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        directory_ = pattern;
+// Skipped without the right to mount a tmpfs.
+TEST(FullDiskTest, DefaultMachineUnderTmpAndFullDisk) {
+    const int result = testsupport::waitChild(testsupport::startChild("smallTmp"));
+    if (result == kCannotMount) {
+        GTEST_SKIP() << "mounting a tmpfs needs root or user namespaces";
     }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(directory_, ignored);
-    }
-
-    // Runs `role` in a child; skips when the child may not mount.
-    void runChild(const std::string& role) {
-        const int result = testsupport::waitChild(testsupport::startChild(role, {directory_}));
-        if (result == kCannotMount) {
-            GTEST_SKIP() << "mounting a tmpfs needs root or user namespaces";
-        }
-        EXPECT_EQ(result, 0) << "failed checks in the child, or 128 + its signal";
-    }
-
-    fs::path directory_;
-};
-
-TEST_F(FullDiskTest, NamedMutexAndDefaultMachineAnswerDiskFull) {
-    runChild("fullDisk");
-}
-
-TEST_F(FullDiskTest, FallbackUnderTmpIsPrivateAndSaidOnce) {
-    runChild("fallbackUnderTmp");
+    EXPECT_EQ(result, 0) << "failed checks in the child, or 128 + its signal";
 }
 
 }  // namespace
