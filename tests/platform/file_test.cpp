@@ -64,7 +64,6 @@ TEST_F(FileTest, GetFileAttributesRows) {
     // clang-format off
     const Row rows[] = {
         {"DriveRoot",                   u"C:\\",                    os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
-        {"Folder",                      u"C:\\Folder",              os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
         {"FileWrongCase",               u"C:\\folder\\report.txt",  os::FILE_ATTRIBUTE_NORMAL,    kUntouched},
         {"MountFolder",                 u"C:\\mnt\\data",           os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
         {"FolderHoldingMountPoint",     u"C:\\mnt",                 os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
@@ -79,6 +78,7 @@ TEST_F(FileTest, GetFileAttributesRows) {
         {"AbsentDrive",                 u"Q:\\x",                   kInvalid, os::ERROR_PATH_NOT_FOUND},
         {"RawVolume",                   u"E:\\x",                   kInvalid, os::ERROR_UNRECOGNIZED_VOLUME},
         {"DriveWithoutDisc",            u"F:\\x",                   kInvalid, os::ERROR_NOT_READY},
+        {"Wildcard",                    u"C:\\Folder\\*",           kInvalid, os::ERROR_INVALID_NAME},
         {"ForbiddenCharacter",          u"C:\\a|b",                 kInvalid, os::ERROR_INVALID_NAME},
         {"Empty",                       u"",                        kInvalid, os::ERROR_PATH_NOT_FOUND},
         {"Null",                        nullptr,                    kInvalid, os::ERROR_INVALID_PARAMETER},
@@ -108,13 +108,12 @@ TEST_F(FileTest, CreateDirectoryRows) {
         {"InsideMountedVolume", u"C:\\mnt\\data\\Cache", kNone,                         VOLUME_GUID("2") u"Cache"},
         {"ExistingWrongCase",   u"C:\\FOLDER",           os::ERROR_ALREADY_EXISTS,      nullptr},
         {"ExistingFile",        u"C:\\plain",            os::ERROR_ALREADY_EXISTS,      nullptr},
-        {"DriveRoot",           u"C:\\",                 os::ERROR_ALREADY_EXISTS,      nullptr},
         {"MountPoint",          u"C:\\mnt\\data\\",      os::ERROR_ALREADY_EXISTS,      nullptr},
         {"TwoLevelsMissing",    u"C:\\x\\y",             os::ERROR_PATH_NOT_FOUND,      nullptr},
         {"ParentIsAFile",       u"C:\\plain\\y",         os::ERROR_PATH_NOT_FOUND,      nullptr},
         {"AbsentDrive",         u"Q:\\x",                os::ERROR_PATH_NOT_FOUND,      nullptr},
-        {"Empty",               u"",                     os::ERROR_PATH_NOT_FOUND,      nullptr},
         {"Null",                nullptr,                 os::ERROR_PATH_NOT_FOUND,      nullptr},
+        {"Wildcard",            u"C:\\a*",               os::ERROR_INVALID_NAME,        nullptr},
         {"ForbiddenCharacter",  u"C:\\a\"b",             os::ERROR_INVALID_NAME,        nullptr},
         {"RawVolume",           u"E:\\x",                os::ERROR_UNRECOGNIZED_VOLUME, nullptr},
     };
@@ -160,7 +159,6 @@ TEST_F(FileTest, FindFileRows) {
     // clang-format off
     const Row rows[] = {
         {"ExactNameGivesSpellingOnDisk", u"c:\\folder\\REPORT.txt",    {u"Report.TXT"},                  os::ERROR_NO_MORE_FILES},
-        {"FolderIsFound",                u"C:\\Folder",                {u"Folder"},                      os::ERROR_NO_MORE_FILES},
         {"MountFolderIsFound",           u"C:\\mnt\\data",             {u"data"},                        os::ERROR_NO_MORE_FILES},
         {"StarListsInNameOrder",         u"C:\\Folder\\*",             {u"cache.kiv", u"Report.TXT", u"Sub"}, os::ERROR_NO_MORE_FILES},
         {"NewFolderJoinedTheOldOne",     u"C:\\*",                     {u"Folder", u"mnt", u"plain"},    os::ERROR_NO_MORE_FILES},
@@ -169,7 +167,6 @@ TEST_F(FileTest, FindFileRows) {
         {"NoMatch",                      u"C:\\Folder\\*.dat",         {},                               os::ERROR_FILE_NOT_FOUND},
         {"MissingFolder",                u"C:\\absent\\x",             {},                               os::ERROR_PATH_NOT_FOUND},
         {"TrailingBackslash",            u"C:\\Folder\\",              {},                               os::ERROR_FILE_NOT_FOUND},
-        {"DriveRoot",                    u"C:\\",                      {},                               os::ERROR_FILE_NOT_FOUND},
         {"Empty",                        u"",                          {},                               os::ERROR_PATH_NOT_FOUND},
     };
     // clang-format on

@@ -88,6 +88,7 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
         {"C1ControlInFileSystem", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"fileSystem\": \"NT\\u009bFS\"}]}", "2: volumes[0].fileSystem: control character U+009B in a file-system name"},
         {"EscapeSequenceInGuidIsNotEchoed", "{\"volumes\": [{\"guid\": \"\\u001b[31m\"}]}", "1: volumes[0].guid: \"\\x1b[31m\" is not a GUID"},
         {"BackingDirectoryLeavesTheMachine", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"disks/../../x\"}]}", "2: volumes[0].backingDirectory: \"disks/../../x\" leads out of the machine's directory"},
+        {"BackingDirectoryIsTheMachinesOwn", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"disks/..\"}]}", "2: volumes[0].backingDirectory: \"disks/..\" leads out of the machine's directory"},
         {"AbsentAbsoluteBackingDirectory", "{\"volumes\": [{\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"/nonexistent/fikiv/disk\"}]}", "2: volumes[0].backingDirectory: \"/nonexistent/fikiv/disk\" is not an existing " "directory"},
         {"SharedBackingDirectory", "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "  \"backingDirectory\": \"disks/c\"},\n" " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\",\n" "  \"backingDirectory\": \"disks/./c/\"}\n]}", "5: volumes[1].backingDirectory: volumes[0] already keeps its files in"},
         {"DeeplyNested", "{\"comment\":\n" + std::string(50000, '[') + std::string(50000, ']') + "}", "2: nesting deeper than 32 levels"},
@@ -105,14 +106,7 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
     }
 }
 
-TEST(MachineFileTest, MissingFileIsNamed) {
-    const std::filesystem::path absent = "/nonexistent/fikiv/machine.json";
-    const std::string message = loadError(absent);
-    EXPECT_NE(message.find(absent.string()), std::string::npos) << message;
-    EXPECT_NE(message.find("No such file"), std::string::npos) << message;
-}
-
-TEST(MachineFileTest, OnlyARegularFileOfBoundedSizeIsRead) {
+TEST(MachineFileTest, OnlyAnExistingRegularFileOfBoundedSizeIsRead) {
     RawMachineFile holder("{}");
     const std::filesystem::path directory = holder.file().parent_path();
     const std::filesystem::path fifo = directory / "fifo.json";
@@ -131,12 +125,13 @@ TEST(MachineFileTest, OnlyARegularFileOfBoundedSizeIsRead) {
         {"EndlessDevice", "/dev/zero", ":1: not a regular file"},
         {"Directory",     directory,   ":1: not a regular file"},
         {"TooLarge",      large,       ":1: 17825792 bytes are more than the 16777216"},
+        {"Missing",       "/nonexistent/fikiv/machine.json", ": cannot be read: No such file"},
     };
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         const std::string message = loadError(row.file);
-        EXPECT_EQ(message.rfind(row.file.string() + row.expected, 0), 0u) << message;
+        EXPECT_NE(message.find(row.file.string() + row.expected), std::string::npos) << message;
     }
 }
 
@@ -218,7 +213,6 @@ TEST(MachineVersionTest, GetVersionExRows) {
     // clang-format off
     struct Row { const char* name; os::DWORD size; bool succeeds; os::DWORD error; };
     const Row rows[] = {
-        {"ZeroSize",       0,   false, os::ERROR_INSUFFICIENT_BUFFER},
         {"OneShort",       275, false, os::ERROR_INSUFFICIENT_BUFFER},
         {"Exact",          276, true,  kUntouched},
         {"ExtendedRecord", 284, true,  kUntouched},

@@ -104,6 +104,7 @@ TEST(EventLogTest, ArgumentsHandlesAndRecordsReadBackInOrder) {
                                 nullptr);
     };
     constexpr os::DWORD kInvalid = os::ERROR_INVALID_PARAMETER;
+    EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(nullptr, u""); }, kInvalid));
     EXPECT_TRUE(fails([] { return os::RegisterEventSourceW(nullptr, nullptr); }, kInvalid));
     EXPECT_TRUE(
         fails([] { return os::RegisterEventSourceW(u"\\\\elsewhere", u"fikiv"); }, kInvalid));

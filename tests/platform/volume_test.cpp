@@ -84,7 +84,6 @@ TEST_F(NestedMachineTest, FindFirstVolumeBufferRows) {
         {"NullBufferEnoughLength", nullptr, 50, os::ERROR_INVALID_PARAMETER,    u""},
     });
     expectTextRows(first, {
-        {"ZeroLength",             nullptr, 0,  os::ERROR_FILENAME_EXCED_RANGE, u""},
         {"NoRoomForNul",           nullptr, 49, os::ERROR_FILENAME_EXCED_RANGE, u""},
         {"ExactFit",               nullptr, 50, kNone,                          VOLUME_GUID("1")},
     });
@@ -198,7 +197,6 @@ TEST_F(NestedMachineTest, MountPointBufferRows) {
     expectTextRows(noBuffer, {{"NullBuffer", VOLUME_GUID("1"), 10, os::ERROR_INVALID_PARAMETER, u""}});
     expectTextRows(first, {
         {"NullRoot",     nullptr,          10, os::ERROR_INVALID_PARAMETER, u""},
-        {"ZeroLength",   VOLUME_GUID("1"), 0,  os::ERROR_MORE_DATA,         u""},
         {"NoRoomForNul", VOLUME_GUID("1"), 9,  os::ERROR_MORE_DATA,         u""},
         {"ExactFit",     VOLUME_GUID("1"), 10, kNone,                       u"mnt\\data\\"},
     });
@@ -239,11 +237,9 @@ TEST_F(NestedMachineTest, GetVolumeNameForVolumeMountPointRows) {
         {"ForwardSlashes", u"C:/mnt/d2\\", 50, kNone, VOLUME_GUID("4")},
         {"FolderThatIsNoMountPoint", u"C:\\mnt\\", 50, os::ERROR_NOT_A_REPARSE_POINT, u""},
         {"MissingFolder", u"C:\\absent\\", 50, os::ERROR_FILE_NOT_FOUND, u""},
-        {"AbsentDrive", u"Q:\\", 50, os::ERROR_FILE_NOT_FOUND, u""},
         {"GuidOfVolumeWithoutPath", VOLUME_GUID("5"), 50, kNone, VOLUME_GUID("5")},
         {"AbsentGuid", VOLUME_GUID("0"), 50, os::ERROR_FILE_NOT_FOUND, u""},
         {"MountPointBelowGuidRoot", VOLUME_GUID("1") u"mnt\\data\\", 50, kNone, VOLUME_GUID("2")},
-        {"MountPointBelowMountedGuidRoot", VOLUME_GUID("2") u"inner\\", 50, kNone, VOLUME_GUID("3")},
         {"FolderBelowGuidRoot", VOLUME_GUID("1") u"mnt\\", 50, os::ERROR_NOT_A_REPARSE_POINT, u""},
         {"RawVolumeStillHasAName", u"E:\\", 50, kNone, VOLUME_GUID("6")},
     });
@@ -258,7 +254,6 @@ TEST_F(NestedMachineTest, GetVolumePathNameRows) {
         {"BareDrive",                   u"C:",                                 10, kNone,                          u"C:\\"},
         {"FileBelowNestedMount",        u"C:\\mnt\\data\\inner\\a\\b.txt",     30, kNone,                          u"C:\\mnt\\data\\inner\\"},
         {"MountFolderWithoutBackslash", u"C:\\mnt\\data",                      30, kNone,                          u"C:\\mnt\\data\\"},
-        {"FolderBesideMountPoint",      u"C:\\mnt\\other\\x",                  30, kNone,                          u"C:\\"},
         {"DotDotLeavesMountPoint",      u"C:\\mnt\\data\\..\\x",               30, kNone,                          u"C:\\"},
         {"ExactFit",                    u"C:\\mnt\\data\\f",                   13, kNone,                          u"C:\\mnt\\data\\"},
         {"OneShort",                    u"C:\\mnt\\data\\f",                   12, os::ERROR_FILENAME_EXCED_RANGE, u""},
@@ -276,7 +271,6 @@ TEST_F(NestedMachineTest, LogicalDriveStringsAskForTheirLengthFirst) {
     // clang-format off
     struct Row { const char* name; os::DWORD length; os::DWORD result; };
     const Row rows[] = {
-        {"ZeroLength", 0,  21},
         {"OneShort",   20, 21},
         {"ExactFit",   21, 20},
     };
@@ -309,7 +303,6 @@ TEST_F(NestedMachineTest, GetDriveTypeRows) {
         {"FolderThatIsNoRoot",   u"C:\\mnt\\",          os::DRIVE_NO_ROOT_DIR},
         {"GuidWithoutBackslash", u"\\\\?\\Volume{00000000-0000-0000-0000-000000000008}", os::DRIVE_REMOVABLE},
         {"DeviceFormOfDrive",    u"\\\\.\\G:\\",        os::DRIVE_REMOVABLE},
-        {"AbsentDrive",          u"Q:\\",               os::DRIVE_NO_ROOT_DIR},
         {"Null",                 nullptr,               os::DRIVE_NO_ROOT_DIR},
     };
     // clang-format on

@@ -88,7 +88,20 @@ class MutexTest : public ::testing::Test {
     }
 };
 
-TEST_F(MutexTest, CreateAndOpenByName) {
+// Tries the mutex from a thread of its own, which never owns it.
+os::DWORD waitFromOtherThread(os::HANDLE mutex, os::DWORD milliseconds, bool release = true) {
+    return std::async(std::launch::async,
+                      [=] {
+                          os::DWORD result = os::WaitForSingleObject(mutex, milliseconds);
+                          if (release && result == os::WAIT_OBJECT_0) {
+                              os::ReleaseMutex(mutex);
+                          }
+                          return result;
+                      })
+        .get();
+}
+
+TEST_F(MutexTest, CreateAndOpenByNameWhileAHandleIsOpen) {
     struct Row {
         const char* label;
         std::u16string name;
@@ -122,35 +135,18 @@ TEST_F(MutexTest, CreateAndOpenByName) {
         EXPECT_EQ(error, row.expectedError);
         open.emplace_back(handle);
     }
-}
-
-TEST_F(MutexTest, ClosingTheLastHandleEndsTheMutex) {
-    std::u16string mutexName = name("fikiv_ipc_lifetime");
-    os::UniqueHandle first(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
-    ASSERT_TRUE(first.valid());
-    os::UniqueHandle second(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
-    EXPECT_EQ(os::GetLastError(), os::ERROR_ALREADY_EXISTS);
-    first.reset();
-    os::UniqueHandle third(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
+    // The mutex lives while any handle to it is open.
+    os::UniqueHandle last(os::CreateMutexW(nullptr, os::FALSE, base.c_str()));
+    open.clear();
+    os::UniqueHandle again(os::CreateMutexW(nullptr, os::FALSE, base.c_str()));
     EXPECT_EQ(os::GetLastError(), os::ERROR_ALREADY_EXISTS) << "one handle was still open";
-    second.reset();
-    third.reset();
-    os::UniqueHandle fresh(os::CreateMutexW(nullptr, os::FALSE, mutexName.c_str()));
-    ASSERT_TRUE(fresh.valid());
+    last.reset();
+    again.reset();
+    // A new mutex created owned is its creator's.
+    os::UniqueHandle fresh(os::CreateMutexW(nullptr, os::TRUE, base.c_str()));
     EXPECT_EQ(os::GetLastError(), os::ERROR_SUCCESS);
-}
-
-// Tries the mutex from a thread of its own, which never owns it.
-os::DWORD waitFromOtherThread(os::HANDLE mutex, os::DWORD milliseconds, bool release = true) {
-    return std::async(std::launch::async,
-                      [=] {
-                          os::DWORD result = os::WaitForSingleObject(mutex, milliseconds);
-                          if (release && result == os::WAIT_OBJECT_0) {
-                              os::ReleaseMutex(mutex);
-                          }
-                          return result;
-                      })
-        .get();
+    EXPECT_EQ(waitFromOtherThread(fresh.get(), 0), os::WAIT_TIMEOUT);
+    EXPECT_EQ(os::ReleaseMutex(fresh.get()), os::TRUE);
 }
 
 TEST_F(MutexTest, OwnershipIsPerThreadAndRecursive) {

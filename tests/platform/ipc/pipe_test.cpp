@@ -75,11 +75,9 @@ FIKIV_CHILD_ROLE(echoServer) {
 // Sends one request to the pipe and exits 0 when a reply came.
 FIKIV_CHILD_ROLE(pipeClient) {
     std::u16string name = testsupport::utf16(arguments.at(0));
-    unsigned char request[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    unsigned char reply[8];
+    unsigned char bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     os::DWORD got = 0;
-    return os::CallNamedPipeW(name.c_str(), request, sizeof(request), reply, sizeof(reply), &got,
-                              os::NMPWAIT_WAIT_FOREVER) == os::TRUE
+    return os::CallNamedPipeW(name.c_str(), bytes, 8, bytes, 8, &got, os::NMPWAIT_WAIT_FOREVER)
                ? 0
                : 1;
 }
@@ -135,7 +133,6 @@ TEST_F(PipeTest, BadNamesFailBeforeAnythingElse) {
     const Row rows[] = {
         {"null", nullptr, os::ERROR_PATH_NOT_FOUND},
         {"no prefix", u"fikiv_pipe", os::ERROR_INVALID_NAME},
-        {"mailslot", u"\\\\.\\mailslot\\fikiv_pipe", os::ERROR_INVALID_NAME},
         {"remote machine", u"\\\\server\\pipe\\fikiv_pipe", os::ERROR_INVALID_NAME},
         {"empty pipe name", u"\\\\.\\pipe\\", os::ERROR_INVALID_NAME},
     };
@@ -244,7 +241,11 @@ TEST_F(PipeTest, BusyServerAnswersPipeBusyUntilAnInstanceIsFree) {
     ASSERT_EQ(os::WriteFile(pipe.get(), buffer, 3, &got, nullptr), os::TRUE);
     EXPECT_EQ(next.get().bytesRead, 3u);
     pipe.reset();
-    EXPECT_EQ(call(name, pattern(4, 0), 4).error, os::ERROR_FILE_NOT_FOUND) << "closed, not served";
+    EXPECT_EQ(answer([&] {
+                  return os::CallNamedPipeW(name.c_str(), buffer, 4, nullptr, 0, nullptr, 0);
+              }),
+              std::pair(os::FALSE, os::DWORD{os::ERROR_FILE_NOT_FOUND}))
+        << "closed, not served; no reply buffer is needed to learn that";
 }
 
 // What the client gets of the server's reply: all of it, the part that fits
@@ -340,7 +341,7 @@ TEST_F(PipeTest, RoundTripWithAServerInAnotherProcessThatIsKilled) {
         SCOPED_TRACE(seed);
         std::vector<unsigned char> request = pattern(kRequestSize, seed);
         ClientResult result = call(name, request, kReplySize, os::NMPWAIT_WAIT_FOREVER);
-        ASSERT_EQ(result.ok, os::TRUE) << result.error;
+        EXPECT_EQ(result.ok, os::TRUE) << result.error;  // no ASSERT: the server is killed below
         EXPECT_EQ(result.bytesRead, kReplySize);
         result.reply.pop_back();
         EXPECT_EQ(result.reply, echoOf(request));

@@ -211,7 +211,6 @@ TEST_F(ProcessTest, OpenProcessOfProcessesThatDoNotExist) {
     const Row rows[] = {
         {"ended and reaped", static_cast<os::DWORD>(gone)},
         {"id 0", 0},
-        {"beyond any id", 0x7FFFFFFF},
         {"negative as pid_t", 0xFFFFFFFE},
     };
     // clang-format on
@@ -236,7 +235,6 @@ TEST(PrivilegeTest, LookupKnowsOnlyTheDebugPrivilege) {
     const Row rows[] = {
         {"debug", nullptr, u"SeDebugPrivilege", 0},
         {"debug in another case", u"", u"SEDEBUGPRIVILEGE", 0},
-        {"backup", nullptr, u"SeBackupPrivilege", os::ERROR_NO_SUCH_PRIVILEGE},
         {"prefix of debug", nullptr, u"SeDebug", os::ERROR_NO_SUCH_PRIVILEGE},
         {"null name", nullptr, nullptr, os::ERROR_INVALID_PARAMETER},
         {"another machine", u"\\\\server", u"SeDebugPrivilege", os::ERROR_NOT_SUPPORTED},
