@@ -34,30 +34,6 @@ std::string freeSpaceCalls(int calls, os::DWORD error) {
     return pattern;
 }
 
-TEST(FaultInjectionTest, FailsTheChosenCallsWithTheChosenCode) {
-    // clang-format off
-    struct Row { const char* name; std::uint32_t skip; std::uint32_t count; const char* pattern; };
-    const Row rows[] = {
-        {"NextCall", 0, 1, "F...."},
-        {"NextTwoAfterOne", 1, 2, ".FF.."},
-        {"Always", 0, sim::kAlways, "FFFFF"},
-        {"NoCall", 0, 0, "....."},
-    };
-    // clang-format on
-    TempMachine machine(platformtest::nestedMachine());
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        sim::clearFaults();
-        // Calls before the injection do not count against it.
-        EXPECT_EQ(freeSpaceCalls(2, 0), "..");
-        sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, row.skip, row.count);
-        EXPECT_EQ(freeSpaceCalls(5, os::ERROR_NOT_READY), row.pattern);
-        EXPECT_EQ(sim::callCount("GetDiskFreeSpaceExW"), 7u);
-    }
-    sim::clearFaults();
-    EXPECT_EQ(sim::callCount("GetDiskFreeSpaceExW"), 0u);
-}
-
 TEST(FaultInjectionTest, FaultsListedInTheMachineFileApplyFromTheStart) {
     nlohmann::json description = platformtest::nestedMachine();
     description["faults"] = {

@@ -184,10 +184,17 @@ TEST(DefaultMachineTest, IsWrittenUnderTheRuntimeDirectoryOnFirstUse) {
     setenv("XDG_RUNTIME_DIR", holder.directory().c_str(), 1);
     sim::Machine::reset();
 
-    CanaryBuffer drives(64);
+    // Six drives of four characters and the final NUL: the call answers the
+    // length it needs, without the final NUL once it fits.
+    EXPECT_EQ(os::GetLogicalDriveStringsW(0, nullptr), 25u);
+    CanaryBuffer oneShort(24);
+    EXPECT_EQ(os::GetLogicalDriveStringsW(oneShort.length(), oneShort.data()), 25u);
+    EXPECT_TRUE(oneShort.untouched());
+    CanaryBuffer drives(25);
     EXPECT_EQ(os::GetLogicalDriveStringsW(drives.length(), drives.data()), 24u);
-    EXPECT_EQ(std::u16string(drives.data(), 24),
-              std::u16string(u"C:\\\0D:\\\0E:\\\0F:\\\0G:\\\0H:\\\0", 24));
+    EXPECT_TRUE(drives.canaryIntact());
+    EXPECT_EQ(std::u16string(drives.data(), 25),
+              std::u16string(u"C:\\\0D:\\\0E:\\\0F:\\\0G:\\\0H:\\\0\0", 25));
     char16_t name[50];
     os::HANDLE find = os::FindFirstVolumeW(name, 50);
     ASSERT_NE(find, os::INVALID_HANDLE_VALUE);

@@ -265,32 +265,6 @@ TEST_F(NestedMachineTest, GetVolumePathNameRows) {
     // clang-format on
 }
 
-TEST_F(NestedMachineTest, LogicalDriveStringsAskForTheirLengthFirst) {
-    // C, D, E, F, G: four characters each and the final NUL.
-    const std::u16string expected(u"C:\\\0D:\\\0E:\\\0F:\\\0G:\\\0\0", 21);
-    // clang-format off
-    struct Row { const char* name; os::DWORD length; os::DWORD result; };
-    const Row rows[] = {
-        {"OneShort",   20, 21},
-        {"ExactFit",   21, 20},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        CanaryBuffer buffer(row.length);
-        os::SetLastError(kUntouched);
-        EXPECT_EQ(os::GetLogicalDriveStringsW(row.length, buffer.data()), row.result);
-        EXPECT_EQ(os::GetLastError(), kUntouched);
-        EXPECT_TRUE(buffer.canaryIntact());
-        if (row.result > row.length) {
-            EXPECT_TRUE(buffer.untouched());
-        } else {
-            EXPECT_EQ(std::u16string(buffer.data(), 21), expected);
-        }
-    }
-    EXPECT_EQ(os::GetLogicalDriveStringsW(0, nullptr), 21u);
-}
-
 TEST_F(NestedMachineTest, GetDriveTypeRows) {
     // clang-format off
     struct Row { const char* name; const char16_t* root; os::UINT type; };

@@ -1,5 +1,5 @@
 // Named mutexes: names and namespaces, lifetime, ownership by thread,
-// time-outs on the real and the virtual clock, abandonment, and several
+// time-outs, abandonment, and several
 // processes creating and sharing one mutex.
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,9 +17,7 @@
 #include "os/handle.h"
 #include "os/sync.h"
 #include "platform/platform_test_util.h"
-#include "sim/clock.h"
 #include "sim/handles.h"
-#include "sim/hooks.h"
 #include "support/child_process.h"
 #include "support/temp_machine.h"
 
@@ -220,34 +218,6 @@ TEST_F(MutexTest, OwnerProcessKilledLeavesItAbandoned) {
     EXPECT_EQ(waitFromOtherThread(mutex.get(), 0), os::WAIT_TIMEOUT) << "the waiter owns it now";
     EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
     EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_OBJECT_0) << "usable again";
-    EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
-}
-
-TEST_F(MutexTest, TimeOutOnTheVirtualClockPassesWithoutBlocking) {
-    os::UniqueHandle mutex(os::CreateMutexW(nullptr, os::FALSE, name("fikiv_ipc_virtual").c_str()));
-    ASSERT_TRUE(mutex.valid());
-    std::promise<void> taken;
-    std::promise<void> letGo;
-    std::thread owner([&] {
-        os::WaitForSingleObject(mutex.get(), os::INFINITE);
-        taken.set_value();
-        letGo.get_future().wait();
-        os::ReleaseMutex(mutex.get());
-    });
-    taken.get_future().wait();
-
-    platformtest::VirtualClock clock;
-    std::uint64_t start = sim::nowMs();
-    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 10000), os::WAIT_TIMEOUT);
-    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 0), os::WAIT_TIMEOUT);
-    EXPECT_EQ(sim::recordedWaits(), std::vector<std::uint32_t>{10000});
-    EXPECT_EQ(sim::nowMs() - start, 10000u);
-
-    letGo.set_value();
-    owner.join();
-    EXPECT_EQ(os::WaitForSingleObject(mutex.get(), 10000), os::WAIT_OBJECT_0);
-    EXPECT_EQ(sim::recordedWaits(), std::vector<std::uint32_t>{10000})
-        << "a free mutex costs no time";
     EXPECT_EQ(os::ReleaseMutex(mutex.get()), os::TRUE);
 }
 

@@ -1,12 +1,10 @@
 // Named pipes: names, a missing or busy server, instance limits, message
-// boundaries on both ends, a server that hangs up, and a server in another
+// boundaries, a server that hangs up, and a server in another
 // process (also one that is killed).
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstring>
 #include <filesystem>
 #include <future>
 #include <string>
@@ -302,30 +300,6 @@ TEST_F(PipeTest, ClientGetsTheReplyThatFits) {
             std::equal(reply.begin(), reply.begin() + row.expectedRead, result.reply.begin()));
         EXPECT_EQ(result.reply[row.bufferSize], 0x11) << "written past the buffer";
     }
-}
-
-TEST_F(PipeTest, ServerReadsALongRequestInPieces) {
-    std::u16string name = pipeName("fikiv_pipe_pieces");
-    os::UniqueHandle pipe(createPipe(name));
-    ASSERT_TRUE(pipe.valid());
-    std::vector<unsigned char> request = pattern(100, 7);
-    auto client = callAsync(name, request, 8);
-    ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
-
-    std::array<unsigned char, 101> buffer;
-    buffer.fill(0x11);
-    os::DWORD got = 0;
-    os::SetLastError(0xdeadbeef);
-    EXPECT_EQ(os::ReadFile(pipe.get(), buffer.data(), 30, &got, nullptr), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_MORE_DATA);
-    EXPECT_EQ(got, 30u);
-    EXPECT_EQ(buffer[30], 0x11);
-    EXPECT_EQ(os::ReadFile(pipe.get(), buffer.data() + 30, 71, &got, nullptr), os::TRUE);
-    EXPECT_EQ(got, 70u) << "the rest of the message, not more";
-    EXPECT_EQ(std::vector<unsigned char>(buffer.begin(), buffer.begin() + 100), request);
-
-    ASSERT_EQ(os::WriteFile(pipe.get(), buffer.data(), 8, &got, nullptr), os::TRUE);
-    EXPECT_EQ(client.get().ok, os::TRUE);
 }
 
 // A killed server leaves its name free for the next one.
