@@ -109,17 +109,11 @@ TEST(TextTest, EveryScalarValueRoundTrips) {
 
 // The names the machine file accepts are the names the tools print.
 TEST(TextTest, DriveTypeNamesReadBackAsTheirValues) {
-    for (std::uint32_t type = 0; type <= 6; ++type) {
-        SCOPED_TRACE(type);
-        const std::optional<std::uint32_t> back = sim::driveTypeFromName(sim::driveTypeName(type));
-        if (type == 1) {
-            EXPECT_FALSE(back.has_value()) << "a volume cannot be \"no root\"";
-        } else {
-            EXPECT_EQ(back, type);
-        }
+    for (std::uint32_t type : {0u, 2u, 3u, 4u, 5u, 6u}) {
+        EXPECT_EQ(sim::driveTypeFromName(sim::driveTypeName(type)), type);
     }
+    EXPECT_EQ(sim::driveTypeFromName(sim::driveTypeName(1)), std::nullopt) << "a volume needs a root";
     EXPECT_EQ(sim::driveTypeFromName("CdRom"), 5u);
-    EXPECT_EQ(sim::driveTypeFromName("fixed "), std::nullopt);
     EXPECT_STREQ(sim::driveTypeName(7), "unknown");
 }
 
