@@ -73,7 +73,9 @@ std::int64_t epochMs(const os::SYSTEMTIME& time) {
 }
 
 TEST(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
-    platformtest::VirtualClock clock;
+    sim::useVirtualClock(true);
+    sim::clearRecordedSleeps();
+    sim::clearRecordedWaits();
     const std::uint64_t calls = sim::callCount("Sleep");
     const os::ULONGLONG ticks = os::GetTickCount64();
     os::SYSTEMTIME before{};
@@ -91,6 +93,7 @@ TEST(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     EXPECT_EQ(after.wDayOfWeek, parts.tm_wday);
+    sim::useVirtualClock(false);
 }
 
 }  // namespace

@@ -27,29 +27,13 @@ using platformtest::CanaryBuffer;
 using platformtest::kUntouched;
 using testsupport::TempMachine;
 
-// A machine file with the given text in a temporary directory.
-class RawMachineFile {
-  public:
-    explicit RawMachineFile(const std::string& text) {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "fikiv-raw-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        directory_ = pattern;
-        file_ = directory_ / "broken.json";
-        std::ofstream(file_) << text;
-    }
-    ~RawMachineFile() {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
-    const std::filesystem::path& file() const { return file_; }
-
-  private:
-    std::filesystem::path directory_;
-    std::filesystem::path file_;
-};
+// `text` written as the file broken.json in `directory`; its path.
+std::filesystem::path writeMachineFile(const std::filesystem::path& directory,
+                                       const std::string& text) {
+    const std::filesystem::path file = directory / "broken.json";
+    std::ofstream(file) << text;
+    return file;
+}
 
 std::string loadError(const std::filesystem::path& file) {
     try {
@@ -96,19 +80,19 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
         {"NumberBeyondDouble", "{\"os\":\n {\"major\": 9e999}}", "2: after field \"major\": malformed JSON: number overflow parsing '9e999'"},
     };
     // clang-format on
+    const TempMachine scratch(nlohmann::json::object());
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        RawMachineFile file(row.text);
-        const std::string message = loadError(file.file());
-        EXPECT_EQ(message.rfind(file.file().string() + ":", 0), 0u) << message;
-        EXPECT_NE(message.find(file.file().string() + ":" + row.expected), std::string::npos)
-            << message;
+        const std::string file = writeMachineFile(scratch.directory(), row.text);
+        const std::string message = loadError(file);
+        EXPECT_EQ(message.rfind(file + ":", 0), 0u) << message;
+        EXPECT_NE(message.find(file + ":" + row.expected), std::string::npos) << message;
     }
 }
 
 TEST(MachineFileTest, OnlyAnExistingRegularFileOfBoundedSizeIsRead) {
-    RawMachineFile holder("{}");
-    const std::filesystem::path directory = holder.file().parent_path();
+    const TempMachine scratch(nlohmann::json::object());
+    const std::filesystem::path directory = scratch.directory();
     const std::filesystem::path fifo = directory / "fifo.json";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     const std::filesystem::path large = directory / "large.json";
@@ -136,9 +120,10 @@ TEST(MachineFileTest, OnlyAnExistingRegularFileOfBoundedSizeIsRead) {
 }
 
 TEST(MachineFileTest, AbsoluteBackingDirectoryIsUsedAsItIs) {
-    RawMachineFile disk("x");  // disk/broken.json is the file C:\broken.json
+    const TempMachine disk(nlohmann::json::object());
+    writeMachineFile(disk.directory(), "x");  // the file C:\broken.json
     nlohmann::json description = platformtest::nestedMachine();
-    description["volumes"][0]["backingDirectory"] = disk.file().parent_path().string();
+    description["volumes"][0]["backingDirectory"] = disk.directory().string();
     TempMachine machine(description);
     EXPECT_NE(os::GetFileAttributesW(u"C:\\BROKEN.json"), os::INVALID_FILE_ATTRIBUTES);
 }
@@ -146,9 +131,8 @@ TEST(MachineFileTest, AbsoluteBackingDirectoryIsUsedAsItIs) {
 // With a broken machine every function fails with a Win32 code, and
 // Machine::current() says why.
 TEST(MachineFileTest, BrokenMachineAnswersNotReady) {
-    RawMachineFile file(R"({"volumes": 3})");
     TempMachine holder(nlohmann::json::object());  // restores FIKIV_MACHINE afterwards
-    setenv("FIKIV_MACHINE", file.file().c_str(), 1);
+    setenv("FIKIV_MACHINE", writeMachineFile(holder.directory(), R"({"volumes": 3})").c_str(), 1);
     sim::Machine::reset();
 
     try {

@@ -1,6 +1,6 @@
 // Helpers of the platform tests: a buffer with canaries after its stated
-// length, the check of a call that fills one, a saved environment variable,
-// the virtual clock, and the machines the tests share.
+// length, the check of a call that fills one, a call's answer, a saved
+// environment variable, and the machines the tests share.
 #ifndef TESTS_PLATFORM_PLATFORM_TEST_UTIL_H_
 #define TESTS_PLATFORM_PLATFORM_TEST_UTIL_H_
 
@@ -17,8 +17,6 @@
 
 #include "os/error.h"
 #include "os/types.h"
-#include "sim/clock.h"
-#include "sim/hooks.h"
 #include "support/temp_machine.h"
 #include "support/wide_text.h"
 
@@ -88,19 +86,6 @@ class SavedVariable {
   private:
     const char* name_;
     std::optional<std::string> value_;
-};
-
-// The virtual clock, with nothing recorded yet, for the life of the object.
-class VirtualClock {
-  public:
-    VirtualClock() {
-        sim::useVirtualClock(true);
-        sim::clearRecordedSleeps();
-        sim::clearRecordedWaits();
-    }
-    ~VirtualClock() { sim::useVirtualClock(false); }
-    VirtualClock(const VirtualClock&) = delete;
-    VirtualClock& operator=(const VirtualClock&) = delete;
 };
 
 // The outcome of a call that writes text into `buffer`, made after
