@@ -1,14 +1,12 @@
-// The platform calls the support library stands on: thread numbers, system
-// message texts, debug output and the machine's event log.
+// The platform calls the support library stands on: system message texts,
+// debug output and the machine's event log.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "os/com.h"
 #include "os/debug.h"
 #include "os/error.h"
 #include "os/eventlog.h"
@@ -21,25 +19,6 @@
 namespace {
 
 using platformtest::kUntouched;
-
-TEST(CoGetCurrentProcessTest, StablePerThreadAndNeverReused) {
-    const os::DWORD mine = os::CoGetCurrentProcess();
-    EXPECT_NE(mine, 0u);
-    EXPECT_EQ(os::CoGetCurrentProcess(), mine);
-    std::set<os::DWORD> seen{mine};
-    // Threads run one after another, so Linux may hand out the same thread id
-    // again; the numbers must still all differ.
-    for (int i = 0; i < 20; ++i) {
-        os::DWORD first = 0;
-        os::DWORD second = 0;
-        std::thread([&] {
-            first = os::CoGetCurrentProcess();
-            second = os::CoGetCurrentProcess();
-        }).join();
-        EXPECT_EQ(first, second);
-        EXPECT_TRUE(seen.insert(first).second) << "number " << first << " reused";
-    }
-}
 
 TEST(FormatMessageWTest, SystemTexts) {
     constexpr os::DWORD kFlags = os::FORMAT_MESSAGE_FROM_SYSTEM |

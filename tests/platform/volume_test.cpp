@@ -153,41 +153,6 @@ TEST(EmptyMachineTest, FindFirstVolumeHasNoMoreFiles) {
     EXPECT_TRUE(filled(found, buffer, os::ERROR_NO_MORE_FILES));
 }
 
-TEST_F(NestedMachineTest, MountPointsLiveOnTheVolumeThatHoldsTheirFolder) {
-    struct Row {
-        const char* name;
-        const char16_t* root;
-        std::vector<std::u16string> expected;
-        os::DWORD error;  // of the first call
-    };
-    // clang-format off
-    const Row rows[] = {
-        {"SystemVolume",                VOLUME_GUID("1"),        {u"mnt\\data\\", u"mnt\\d2\\"}, kNone},
-        {"MountedVolumeHoldsNestedOne", VOLUME_GUID("2"),        {u"inner\\"},                   kNone},
-        {"NestedVolumeHasNone",         VOLUME_GUID("3"),        {},                             os::ERROR_NO_MORE_FILES},
-        {"WrongCaseGuid",               u"\\\\?\\VOLUME{00000000-0000-0000-0000-000000000002}\\", {u"inner\\"}, kNone},
-        {"MountPointAsRoot",            u"c:\\MNT\\DATA\\",      {u"inner\\"},                   kNone},
-        {"AbsentVolume",                VOLUME_GUID("0"),        {},                             os::ERROR_FILE_NOT_FOUND},
-        {"NoTrailingBackslash",         u"\\\\?\\Volume{00000000-0000-0000-0000-000000000001}", {}, os::ERROR_INVALID_NAME},
-        {"FolderThatIsNoRoot",          u"C:\\mnt\\",            {},                             os::ERROR_FILE_NOT_FOUND},
-    };
-    // clang-format on
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        char16_t first[os::MAX_PATH];
-        os::SetLastError(kUntouched);
-        os::HANDLE find = os::FindFirstVolumeMountPointW(row.root, first, os::MAX_PATH);
-        if (row.error != kNone) {
-            EXPECT_EQ(find, os::INVALID_HANDLE_VALUE);
-            EXPECT_EQ(os::GetLastError(), row.error);
-            continue;
-        }
-        ASSERT_NE(find, os::INVALID_HANDLE_VALUE) << os::GetLastError();
-        EXPECT_EQ(restOfSearch(first, find, &os::FindNextVolumeMountPointW), row.expected);
-        EXPECT_TRUE(os::FindVolumeMountPointClose(find));
-    }
-}
-
 TEST_F(NestedMachineTest, MountPointBufferRows) {
     const auto first =
         firstOfSearch(&os::FindFirstVolumeMountPointW, &os::FindVolumeMountPointClose);
@@ -199,6 +164,14 @@ TEST_F(NestedMachineTest, MountPointBufferRows) {
         {"NullRoot",     nullptr,          10, os::ERROR_INVALID_PARAMETER, u""},
         {"NoRoomForNul", VOLUME_GUID("1"), 9,  os::ERROR_MORE_DATA,         u""},
         {"ExactFit",     VOLUME_GUID("1"), 10, kNone,                       u"mnt\\data\\"},
+        // A mount point lives on the volume that holds its folder.
+        {"MountedVolumeHoldsNestedOne", VOLUME_GUID("2"), 10, kNone,        u"inner\\"},
+        {"NestedVolumeHasNone", VOLUME_GUID("3"),  10, os::ERROR_NO_MORE_FILES, u""},
+        {"WrongCaseGuid", u"\\\\?\\VOLUME{00000000-0000-0000-0000-000000000002}\\", 10, kNone, u"inner\\"},
+        {"MountPointAsRoot", u"c:\\MNT\\DATA\\", 10, kNone,               u"inner\\"},
+        {"AbsentVolume",  VOLUME_GUID("0"), 10, os::ERROR_FILE_NOT_FOUND,   u""},
+        {"NoTrailingBackslash", u"\\\\?\\Volume{00000000-0000-0000-0000-000000000001}", 10, os::ERROR_INVALID_NAME, u""},
+        {"FolderThatIsNoRoot", u"C:\\mnt\\",  10, os::ERROR_FILE_NOT_FOUND,   u""},
     });
     // clang-format on
 
