@@ -107,7 +107,6 @@ TEST_F(FileTest, CreateDirectoryRows) {
         {"TrailingBackslash",   u"C:\\Folder\\Sub\\",    kNone,                         VOLUME_GUID("1") u"Folder\\Sub"},
         {"InsideMountedVolume", u"C:\\mnt\\data\\Cache", kNone,                         VOLUME_GUID("2") u"Cache"},
         {"ExistingWrongCase",   u"C:\\FOLDER",           os::ERROR_ALREADY_EXISTS,      nullptr},
-        {"ExistingFile",        u"C:\\plain",            os::ERROR_ALREADY_EXISTS,      nullptr},
         {"MountPoint",          u"C:\\mnt\\data\\",      os::ERROR_ALREADY_EXISTS,      nullptr},
         {"TwoLevelsMissing",    u"C:\\x\\y",             os::ERROR_PATH_NOT_FOUND,      nullptr},
         {"ParentIsAFile",       u"C:\\plain\\y",         os::ERROR_PATH_NOT_FOUND,      nullptr},

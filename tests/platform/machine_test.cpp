@@ -53,7 +53,6 @@ TEST(MachineFileTest, BrokenDescriptionsNameFileLineAndField) {
     // clang-format off
     const Row rows[] = {
         {"SyntaxError", "{\n  \"volumes\": [\n    {\"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "     \"type\": \"fixed\",,\n  ]\n}\n", "4: after field \"type\": malformed JSON: syntax error"},
-        {"UnterminatedText", "{\n  \"os\": {\"major\": 10}\n", "3: after field \"major\": malformed JSON"},
         {"UnknownDriveType", "{\n  \"volumes\": [\n    {\n      \"guid\": \"{00000000-0000-0000-0000-000000000001}\",\n" "      \"type\": \"fixd\"\n    }\n  ]\n}\n", "5: volumes[0].type: unknown drive type \"fixd\""},
         {"FreeAboveTotal", "{\"volumes\": [\n {\"guid\": \"{00000000-0000-0000-0000-000000000001}\"},\n" " {\"guid\": \"{00000000-0000-0000-0000-000000000002}\", \"totalBytes\": 10,\n" "  \"freeBytes\": 11}\n]}\n", "4: volumes[1].freeBytes: 11 free bytes exceed the 10 total bytes"},
         {"MalformedGuid", "{\"volumes\": [{\"guid\": \"{1234}\"}]}", "1: volumes[0].guid: \"{1234}\" is not a GUID"},

@@ -109,7 +109,6 @@ TEST_F(ModuleTest, Kernel32ResolvesTheVolumeFunctions) {
         {"FindFirstVolumeW", reinterpret_cast<os::FARPROC>(&os::FindFirstVolumeW)},
         {"GetDriveTypeW", reinterpret_cast<os::FARPROC>(&os::GetDriveTypeW)},
         {"findfirstvolumew", nullptr},
-        {"FindFirstVolumeA", nullptr},
     };
     // clang-format on
     for (const Row& row : rows) {

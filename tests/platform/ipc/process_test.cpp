@@ -175,7 +175,6 @@ TEST_F(ProcessTest, DuplicateHandleTakesADescriptorOfAnotherProcess) {
     // clang-format off
     const Row rows[] = {
         {"not open in the source", process.get(), sim::handleFromFd(900), self, os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
-        {"no source process", nullptr, remote, self, os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
         {"a token is no process", token, remote, self, os::DUPLICATE_SAME_ACCESS, os::ERROR_INVALID_HANDLE},
         {"into another process", self, copy, process.get(), os::DUPLICATE_SAME_ACCESS, os::ERROR_NOT_SUPPORTED},
         {"closing another process's handle", process.get(), remote, self, os::DUPLICATE_SAME_ACCESS | os::DUPLICATE_CLOSE_SOURCE, os::ERROR_NOT_SUPPORTED},
