@@ -1,7 +1,6 @@
 // Volume functions against a machine with nested mount points.
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -111,37 +110,17 @@ TEST_F(NestedMachineTest, FindNextVolumeRows) {
         const bool found = os::FindNextVolumeW(row.handle, buffer.data(), row.length);
         EXPECT_TRUE(filled(found, buffer, row.error, guid(2)));
     }
+    // The rest of the search, in the order of the description, to its end.
+    std::vector<std::u16string> expected;
+    for (int number = 2; number <= 8; ++number) {
+        expected.push_back(guid(number));
+    }
+    EXPECT_EQ(restOfSearch(guid(2), find, &os::FindNextVolumeW), expected);
     // A search handle is closed with FindVolumeClose only, and once.
     const auto invalid = std::pair(os::FALSE, os::DWORD{os::ERROR_INVALID_HANDLE});
     EXPECT_EQ(answer([&] { return os::CloseHandle(find); }), invalid);
     EXPECT_TRUE(os::FindVolumeClose(find));
     EXPECT_EQ(answer([&] { return os::FindVolumeClose(find); }), invalid);
-}
-
-// Searches answer from the machine they started on, to their end, even when
-// the process moves to another machine meanwhile.
-TEST(SearchLifetimeTest, OpenSearchesOutliveTheirMachine) {
-    auto first = std::make_unique<TempMachine>(platformtest::nestedMachine());
-    char16_t name[50];
-    os::HANDLE volumes = os::FindFirstVolumeW(name, 50);
-    ASSERT_NE(volumes, os::INVALID_HANDLE_VALUE);
-    char16_t mountPoint[os::MAX_PATH];
-    os::HANDLE mountPoints =
-        os::FindFirstVolumeMountPointW(TempMachine::guidName(1).c_str(), mountPoint, os::MAX_PATH);
-    ASSERT_NE(mountPoints, os::INVALID_HANDLE_VALUE);
-    first.reset();
-    TempMachine second(nlohmann::json{{"volumes", {TempMachine::volume(9, {"C:\\"})}}});
-
-    // Every volume, in the order of the description.
-    std::vector<std::u16string> expected;
-    for (int number = 1; number <= 8; ++number) {
-        expected.push_back(TempMachine::guidName(number));
-    }
-    EXPECT_EQ(restOfSearch(name, volumes, &os::FindNextVolumeW), expected);
-    EXPECT_EQ(restOfSearch(mountPoint, mountPoints, &os::FindNextVolumeMountPointW),
-              (std::vector<std::u16string>{u"mnt\\data\\", u"mnt\\d2\\"}));
-    EXPECT_TRUE(os::FindVolumeClose(volumes));
-    EXPECT_TRUE(os::FindVolumeMountPointClose(mountPoints));
 }
 
 TEST(EmptyMachineTest, FindFirstVolumeHasNoMoreFiles) {
