@@ -182,8 +182,15 @@ TEST(DefaultMachineTest, IsWrittenUnderTheRuntimeDirectoryOnFirstUse) {
               holder.directory() / ("fikiv-" + std::to_string(getuid())) / "default" / "machine.json");
 }
 
-TEST(MachineVersionTest, GetVersionExRows) {
-    TempMachine machine(nlohmann::json{{"os", {{"major", 4}, {"minor", 1}, {"build", 1381}}}});
+TEST(MachineVersionTest, GetVersionExRowsOnAMachineWithoutVolumes) {
+    TempMachine machine(nlohmann::json{{"os", {{"major", 4}, {"minor", 1}, {"build", 1381}}},
+                                       {"volumes", nlohmann::json::array()}});
+    // No volume to find, and nothing written.
+    CanaryBuffer name(50);
+    os::SetLastError(kUntouched);
+    const bool found = os::FindFirstVolumeW(name.data(), 50) != os::INVALID_HANDLE_VALUE;
+    EXPECT_TRUE(platformtest::filled(found, name, os::ERROR_NO_MORE_FILES));
+
     // clang-format off
     struct Row { const char* name; os::DWORD size; bool succeeds; os::DWORD error; };
     const Row rows[] = {

@@ -123,15 +123,6 @@ TEST_F(NestedMachineTest, FindNextVolumeRows) {
     EXPECT_EQ(answer([&] { return os::FindVolumeClose(find); }), invalid);
 }
 
-TEST(EmptyMachineTest, FindFirstVolumeHasNoMoreFiles) {
-    TempMachine machine(nlohmann::json{{"volumes", nlohmann::json::array()}});
-    CanaryBuffer buffer(50);
-    os::SetLastError(kUntouched);
-    const bool found =
-        os::FindFirstVolumeW(buffer.data(), buffer.length()) != os::INVALID_HANDLE_VALUE;
-    EXPECT_TRUE(filled(found, buffer, os::ERROR_NO_MORE_FILES));
-}
-
 TEST_F(NestedMachineTest, MountPointBufferRows) {
     const auto first =
         firstOfSearch(&os::FindFirstVolumeMountPointW, &os::FindVolumeMountPointClose);
