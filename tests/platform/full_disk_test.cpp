@@ -1,9 +1,6 @@
-// The machine's files on a file system that is full, and the default
-// machine's fallback directory under /tmp, where anyone may plant names. The
-// default machine is the simulation's own, so those cases ask sim::Machine.
-//
-// The case runs in a child process with a mount namespace of its own and a
-// small tmpfs at /tmp, so nothing is filled or planted outside.
+// The default machine's fallback directory under /tmp, where anyone may plant
+// names, and the machine's files on a full file system, in a child process
+// with a mount namespace and a small tmpfs of its own at /tmp.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>

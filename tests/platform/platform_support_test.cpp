@@ -20,7 +20,7 @@ namespace {
 
 using platformtest::kUntouched;
 
-TEST(FormatMessageWTest, SystemTexts) {
+TEST(SystemTextTest, FormatMessageAndDebugOutput) {
     constexpr os::DWORD kFlags = os::FORMAT_MESSAGE_FROM_SYSTEM |
                                  os::FORMAT_MESSAGE_ALLOCATE_BUFFER |
                                  os::FORMAT_MESSAGE_IGNORE_INSERTS;
@@ -60,9 +60,9 @@ TEST(FormatMessageWTest, SystemTexts) {
         EXPECT_EQ(std::u16string(text), row.expectedText);
         EXPECT_EQ(os::LocalFree(text), nullptr);
     }
-}
 
-TEST(OutputDebugStringWTest, RecordsUtf8AndKeepsLastError) {
+    // Debug output is recorded as UTF-8; a null text is ignored; the last
+    // error stays.
     sim::clearDebugOutput();
     os::SetLastError(kUntouched);
     os::OutputDebugStringW(u"caf\u00E9 \U0001F600");
