@@ -64,7 +64,6 @@ TEST_F(FileTest, GetFileAttributesRows) {
     // clang-format off
     const Row rows[] = {
         {"DriveRoot",                   u"C:\\",                    os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
-        {"FileWrongCase",               u"C:\\folder\\report.txt",  os::FILE_ATTRIBUTE_NORMAL,    kUntouched},
         {"FolderHoldingMountPoint",     u"C:\\mnt",                 os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
         {"DoubledSeparatorsAndDots",    u"C:\\\\Folder\\.\\\\Report.TXT", os::FILE_ATTRIBUTE_NORMAL,  kUntouched},
         {"DotDotStopsAtRoot",           u"C:\\..\\..\\Folder",      os::FILE_ATTRIBUTE_DIRECTORY, kUntouched},
