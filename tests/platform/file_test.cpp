@@ -2,7 +2,6 @@
 // through descriptor handles.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -145,7 +144,7 @@ std::vector<std::u16string> findAll(const char16_t* pattern, os::DWORD* error) {
     return names;
 }
 
-TEST_F(FileTest, FindFileRows) {
+TEST_F(FileTest, FindFileRowsAndWhatTheyTellOfAFile) {
     ASSERT_TRUE(os::CreateDirectoryW(u"C:\\FOLDER\\Sub", nullptr));
     struct Row {
         const char* name;
@@ -173,9 +172,8 @@ TEST_F(FileTest, FindFileRows) {
         EXPECT_EQ(findAll(row.pattern, &error), row.names);
         EXPECT_EQ(error, row.error);
     }
-}
 
-TEST_F(FileTest, FindDataDescribesTheFile) {
+    // What a search tells of the file it found.
     os::WIN32_FIND_DATAW data{};
     os::HANDLE find = os::FindFirstFileW(u"C:\\Folder\\Report.TXT", &data);
     ASSERT_NE(find, os::INVALID_HANDLE_VALUE);

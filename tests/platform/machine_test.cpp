@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
 
 #include "os/error.h"
@@ -134,12 +133,9 @@ TEST(MachineFileTest, BrokenMachineAnswersNotReady) {
     setenv("FIKIV_MACHINE", writeMachineFile(holder.directory(), R"({"volumes": 3})").c_str(), 1);
     sim::Machine::reset();
 
-    try {
-        sim::Machine::current();
-        ADD_FAILURE() << "the broken machine was loaded";
-    } catch (const sim::MachineError& error) {
-        EXPECT_THAT(error.what(), ::testing::HasSubstr("volumes: expected a list of volumes"));
-    }
+    EXPECT_THAT([] { sim::Machine::current(); },
+                ::testing::ThrowsMessage<sim::MachineError>(
+                    ::testing::HasSubstr("volumes: expected a list of volumes")));
 
     CanaryBuffer buffer(50);
     os::OSVERSIONINFOW version{};

@@ -27,18 +27,6 @@ class NestedMachineTest : public ::testing::Test {
     static std::u16string guid(int number) { return TempMachine::guidName(number); }
 };
 
-// Names a search gives after the first one, to its end.
-template <typename Next>
-std::vector<std::u16string> restOfSearch(std::u16string first, os::HANDLE find, Next next) {
-    std::vector<std::u16string> names{std::move(first)};
-    char16_t name[os::MAX_PATH];
-    while (next(find, name, os::MAX_PATH)) {
-        names.emplace_back(name);
-    }
-    EXPECT_EQ(os::GetLastError(), os::ERROR_NO_MORE_FILES);
-    return names;
-}
-
 // A row of a function that writes a name for `input` into a buffer of
 // `length` characters.
 struct TextRow {
@@ -111,11 +99,13 @@ TEST_F(NestedMachineTest, FindNextVolumeRows) {
         EXPECT_TRUE(filled(found, buffer, row.error, guid(2)));
     }
     // The rest of the search, in the order of the description, to its end.
-    std::vector<std::u16string> expected;
-    for (int number = 2; number <= 8; ++number) {
-        expected.push_back(guid(number));
+    std::vector<std::u16string> rest;
+    for (char16_t name[50]; os::FindNextVolumeW(find, name, 50);) {
+        rest.emplace_back(name);
     }
-    EXPECT_EQ(restOfSearch(guid(2), find, &os::FindNextVolumeW), expected);
+    EXPECT_EQ(os::GetLastError(), os::ERROR_NO_MORE_FILES);
+    EXPECT_EQ(rest, (std::vector<std::u16string>{guid(3), guid(4), guid(5), guid(6), guid(7),
+                                                 guid(8)}));
     // A search handle is closed with FindVolumeClose only, and once.
     const auto invalid = std::pair(os::FALSE, os::DWORD{os::ERROR_INVALID_HANDLE});
     EXPECT_EQ(answer([&] { return os::CloseHandle(find); }), invalid);
