@@ -152,7 +152,6 @@ FIKIV_CHILD_ROLE(smallTmp) {
     return checks.failures();
 }
 
-// Skipped without the right to mount a tmpfs.
 TEST(FullDiskTest, DefaultMachineUnderTmpAndFullDisk) {
     const int result = testsupport::waitChild(testsupport::startChild("smallTmp"));
     if (result == kCannotMount) {

@@ -1,6 +1,5 @@
 // Named mutexes: names and namespaces, lifetime, ownership by thread,
-// time-outs, abandonment, and several
-// processes creating and sharing one mutex.
+// time-outs, abandonment, and several processes creating and sharing one.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>

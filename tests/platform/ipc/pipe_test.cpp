@@ -1,6 +1,5 @@
 // Named pipes: names, a missing or busy server, instance limits, message
-// boundaries, a server that hangs up, and a server in another
-// process (also one that is killed).
+// boundaries, a server that hangs up, and a killed server in another process.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
