@@ -34,40 +34,6 @@ std::string freeSpaceCalls(int calls, os::DWORD error) {
     return pattern;
 }
 
-TEST(FaultInjectionTest, FailsTheChosenCallsWithTheChosenCode) {
-    // clang-format off
-    struct Row { const char* name; std::uint32_t skip; std::uint32_t count; const char* pattern; };
-    const Row rows[] = {
-        {"NextCall", 0, 1, "F...."},
-        {"ThirdCall", 2, 1, "..F.."},
-        {"NextTwoAfterOne", 1, 2, ".FF.."},
-        {"Always", 0, sim::kAlways, "FFFFF"},
-        {"NoCall", 0, 0, "....."},
-    };
-    // clang-format on
-    TempMachine machine(platformtest::nestedMachine());
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        sim::clearFaults();
-        // Calls before the injection do not count against it.
-        EXPECT_EQ(freeSpaceCalls(2, 0), "..");
-        sim::injectFault("GetDiskFreeSpaceExW", os::ERROR_NOT_READY, row.skip, row.count);
-        EXPECT_EQ(freeSpaceCalls(5, os::ERROR_NOT_READY), row.pattern);
-        EXPECT_EQ(sim::callCount("GetDiskFreeSpaceExW"), 7u);
-    }
-    sim::clearFaults();
-    EXPECT_EQ(sim::callCount("GetDiskFreeSpaceExW"), 0u);
-}
-
-TEST(FaultInjectionTest, FaultsOfOtherFunctionsDoNotInterfere) {
-    TempMachine machine(platformtest::nestedMachine());
-    sim::injectFault("GetDriveTypeW", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
-    EXPECT_EQ(freeSpaceCalls(2, 0), "..");
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::GetDriveTypeW(u"C:\\"), os::DRIVE_UNKNOWN);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_ACCESS_DENIED);
-}
-
 TEST(FaultInjectionTest, FaultsListedInTheMachineFileApplyFromTheStart) {
     nlohmann::json description = platformtest::nestedMachine();
     description["faults"] = {
@@ -81,16 +47,18 @@ TEST(FaultInjectionTest, FaultsListedInTheMachineFileApplyFromTheStart) {
     os::HMODULE kernel32 = os::GetModuleHandleW(u"kernel32.dll");
     ASSERT_NE(kernel32, nullptr);
     EXPECT_NE(os::GetProcAddress(kernel32, "FindFirstVolumeW"), nullptr);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::GetProcAddress(kernel32, "FindNextVolumeW"), nullptr);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_PROC_NOT_FOUND);
-    os::SetLastError(kUntouched);
-    EXPECT_EQ(os::LoadLibraryW(u"KIVAPI.DLL"), nullptr);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_MOD_NOT_FOUND);
+    EXPECT_EQ(platformtest::answer([&] { return os::GetProcAddress(kernel32, "FindNextVolumeW"); }),
+              std::pair(os::FARPROC{nullptr}, os::DWORD{os::ERROR_PROC_NOT_FOUND}));
+    EXPECT_EQ(platformtest::answer([] { return os::LoadLibraryW(u"KIVAPI.DLL"); }),
+              std::pair(os::HMODULE{nullptr}, os::DWORD{os::ERROR_MOD_NOT_FOUND}));
 
+    // A fault of one function leaves the others alone.
     sim::clearFaults();
+    sim::injectFault("GetDriveTypeW", os::ERROR_ACCESS_DENIED, 0, sim::kAlways);
     EXPECT_EQ(freeSpaceCalls(2, 0), "..");
     EXPECT_NE(os::GetProcAddress(kernel32, "FindNextVolumeW"), nullptr);
+    EXPECT_EQ(platformtest::answer([] { return os::GetDriveTypeW(u"C:\\"); }),
+              std::pair(os::UINT{os::DRIVE_UNKNOWN}, os::DWORD{os::ERROR_ACCESS_DENIED}));
 }
 
 std::int64_t epochMs(const os::SYSTEMTIME& time) {
@@ -105,7 +73,9 @@ std::int64_t epochMs(const os::SYSTEMTIME& time) {
 }
 
 TEST(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
-    platformtest::VirtualClock clock;
+    sim::useVirtualClock(true);
+    sim::clearRecordedSleeps();
+    sim::clearRecordedWaits();
     const std::uint64_t calls = sim::callCount("Sleep");
     const os::ULONGLONG ticks = os::GetTickCount64();
     os::SYSTEMTIME before{};
@@ -123,6 +93,7 @@ TEST(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     EXPECT_EQ(after.wDayOfWeek, parts.tm_wday);
+    sim::useVirtualClock(false);
 }
 
 }  // namespace

@@ -1,11 +1,6 @@
-// The machine's files on a file system that is full, and the default
-// machine's fallback directory under /tmp, where anyone may plant names. The
-// default machine is the simulation's own, so those cases ask sim::Machine.
-//
-// Each case runs in a child process with a mount namespace of its own and a
-// small tmpfs mounted where the case needs it, so nothing is filled or planted
-// outside. Without the right to mount (no root and no user namespaces) the
-// cases are skipped.
+// The default machine's fallback directory under /tmp, where anyone may plant
+// names, and the machine's files on a full file system, in a child process
+// with a mount namespace and a small tmpfs of its own at /tmp.
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -87,56 +82,13 @@ bool anyEntryStartsWith(const fs::path& directory, const std::string& prefix) {
     return false;
 }
 
-// A named mutex made on a full file system: ERROR_DISK_FULL, no SIGBUS, and
-// no scratch file left in the mutex directory.
-FIKIV_CHILD_ROLE(mutexOnFullDisk) {
-    const fs::path directory = arguments.at(0);
-    if (!mountSmallTmpfs(directory)) {
-        return kCannotMount;
-    }
-    setenv("TMPDIR", directory.c_str(), 1);  // the machine's directory goes on the small tmpfs
-    testsupport::TempMachine machine(platformtest::smallMachine());
-    testsupport::ChildChecks checks;
-    // A first mutex while there is room makes the mutex directory.
-    os::HANDLE first = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk-first");
-    FIKIV_CHILD_FAIL_IF(checks, first == nullptr);
-    os::CloseHandle(first);
-    fill(directory);
-    os::SetLastError(0xdeadbeef);
-    FIKIV_CHILD_FAIL_IF(checks,
-                        os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk") != nullptr);
-    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_DISK_FULL);
-    const fs::path mutexes = machine.directory() / "machine.state" / "mutex";
-    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, ".new-"));
-    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, "local."));
-    return checks.failures();
-}
-
-// The default machine written to a full runtime directory: a message, and no
-// temporary file left beside the machine file.
-FIKIV_CHILD_ROLE(defaultMachineOnFullDisk) {
-    const fs::path directory = arguments.at(0);
-    if (!mountSmallTmpfs(directory)) {
-        return kCannotMount;
-    }
-    const fs::path machineDirectory = directory / ("fikiv-" + std::to_string(getuid())) / "default";
-    fs::create_directories(machineDirectory);
-    fill(directory);
-    setenv("XDG_RUNTIME_DIR", directory.c_str(), 1);
-    unsetenv("FIKIV_MACHINE");
-    sim::Machine::reset();
-    testsupport::ChildChecks checks;
-    std::string error;
-    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull(&error) != nullptr);
-    FIKIV_CHILD_FAIL_IF(checks, error.find("cannot write") == std::string::npos);
-    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(machineDirectory, "machine.json.tmp."));
-    return checks.failures();
-}
-
-// With no runtime directory the default machine goes to /tmp/fikiv-<uid>: a
-// symbolic link planted there is refused, a directory made there is private,
-// and the fallback is said once on stderr.
-FIKIV_CHILD_ROLE(fallbackUnderTmp) {
+// In a tmpfs mounted at /tmp. With no runtime directory the default machine
+// goes to /tmp/fikiv-<uid>: a symbolic link planted there is refused, a
+// directory made there is private, and the fallback is said once on stderr.
+// Then, with /tmp full: a named mutex answers ERROR_DISK_FULL (no SIGBUS) and
+// leaves no scratch file in the mutex directory; the default machine cannot be
+// written, says so, and leaves no temporary file beside its file.
+FIKIV_CHILD_ROLE(smallTmp) {
     if (!mountSmallTmpfs("/tmp")) {
         return kCannotMount;
     }
@@ -164,7 +116,6 @@ FIKIV_CHILD_ROLE(fallbackUnderTmp) {
     struct stat status {};
     FIKIV_CHILD_FAIL_IF(checks, lstat(fallback.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) ||
                                     (status.st_mode & 0777) != 0700);
-
     std::fflush(stderr);
     std::ifstream lines(log);
     int told = 0;
@@ -173,43 +124,40 @@ FIKIV_CHILD_ROLE(fallbackUnderTmp) {
                 std::string::npos;
     }
     FIKIV_CHILD_FAIL_IF(checks, told != 1);
+
+    setenv("TMPDIR", "/tmp", 1);
+    testsupport::TempMachine machine(platformtest::smallMachine());
+    // A first mutex while there is room makes the mutex directory.
+    os::HANDLE first = os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk-first");
+    FIKIV_CHILD_FAIL_IF(checks, first == nullptr);
+    os::CloseHandle(first);
+    const fs::path runtime = "/tmp/run";
+    const fs::path defaultDirectory = runtime / ("fikiv-" + std::to_string(getuid())) / "default";
+    fs::create_directories(defaultDirectory);
+    fill("/tmp");
+    os::SetLastError(0xdeadbeef);
+    FIKIV_CHILD_FAIL_IF(checks,
+                        os::CreateMutexW(nullptr, os::FALSE, u"Local\\fikiv-full-disk") != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, os::GetLastError() != os::ERROR_DISK_FULL);
+    const fs::path mutexes = machine.directory() / "machine.state" / "mutex";
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, ".new-"));
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(mutexes, "local."));
+
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    unsetenv("FIKIV_MACHINE");
+    sim::Machine::reset();
+    FIKIV_CHILD_FAIL_IF(checks, sim::Machine::currentOrNull(&error) != nullptr);
+    FIKIV_CHILD_FAIL_IF(checks, error.find("cannot write") == std::string::npos);
+    FIKIV_CHILD_FAIL_IF(checks, anyEntryStartsWith(defaultDirectory, "machine.json.tmp."));
     return checks.failures();
 }
 
-class FullDiskTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "fikiv-full-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        directory_ = pattern;
+TEST(FullDiskTest, DefaultMachineUnderTmpAndFullDisk) {
+    const int result = testsupport::waitChild(testsupport::startChild("smallTmp"));
+    if (result == kCannotMount) {
+        GTEST_SKIP() << "mounting a tmpfs needs root or user namespaces";
     }
-    void TearDown() override {
-        std::error_code ignored;
-        fs::remove_all(directory_, ignored);
-    }
-
-    // Runs `role` in a child; skips when the child may not mount.
-    void runChild(const std::string& role) {
-        const int result = testsupport::waitChild(testsupport::startChild(role, {directory_}));
-        if (result == kCannotMount) {
-            GTEST_SKIP() << "mounting a tmpfs needs root or user namespaces";
-        }
-        EXPECT_EQ(result, 0) << "failed checks in the child, or 128 + its signal";
-    }
-
-    fs::path directory_;
-};
-
-TEST_F(FullDiskTest, NamedMutexAnswersDiskFull) {
-    runChild("mutexOnFullDisk");
-}
-
-TEST_F(FullDiskTest, DefaultMachineLeavesNoTemporaryFile) {
-    runChild("defaultMachineOnFullDisk");
-}
-
-TEST_F(FullDiskTest, FallbackUnderTmpIsPrivateAndSaidOnce) {
-    runChild("fallbackUnderTmp");
+    EXPECT_EQ(result, 0) << "failed checks in the child, or 128 + its signal";
 }
 
 }  // namespace

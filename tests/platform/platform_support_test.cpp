@@ -1,14 +1,12 @@
-// The platform calls the support library stands on: thread numbers, system
-// message texts, debug output and the machine's event log.
+// The platform calls the support library stands on: system message texts,
+// debug output and the machine's event log.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "os/com.h"
 #include "os/debug.h"
 #include "os/error.h"
 #include "os/eventlog.h"
@@ -22,26 +20,7 @@ namespace {
 
 using platformtest::kUntouched;
 
-TEST(CoGetCurrentProcessTest, StablePerThreadAndNeverReused) {
-    const os::DWORD mine = os::CoGetCurrentProcess();
-    EXPECT_NE(mine, 0u);
-    EXPECT_EQ(os::CoGetCurrentProcess(), mine);
-    std::set<os::DWORD> seen{mine};
-    // Threads run one after another, so Linux may hand out the same thread id
-    // again; the numbers must still all differ.
-    for (int i = 0; i < 20; ++i) {
-        os::DWORD first = 0;
-        os::DWORD second = 0;
-        std::thread([&] {
-            first = os::CoGetCurrentProcess();
-            second = os::CoGetCurrentProcess();
-        }).join();
-        EXPECT_EQ(first, second);
-        EXPECT_TRUE(seen.insert(first).second) << "number " << first << " reused";
-    }
-}
-
-TEST(FormatMessageWTest, SystemTexts) {
+TEST(SystemTextTest, FormatMessageAndDebugOutput) {
     constexpr os::DWORD kFlags = os::FORMAT_MESSAGE_FROM_SYSTEM |
                                  os::FORMAT_MESSAGE_ALLOCATE_BUFFER |
                                  os::FORMAT_MESSAGE_IGNORE_INSERTS;
@@ -81,9 +60,9 @@ TEST(FormatMessageWTest, SystemTexts) {
         EXPECT_EQ(std::u16string(text), row.expectedText);
         EXPECT_EQ(os::LocalFree(text), nullptr);
     }
-}
 
-TEST(OutputDebugStringWTest, RecordsUtf8AndKeepsLastError) {
+    // Debug output is recorded as UTF-8; a null text is ignored; the last
+    // error stays.
     sim::clearDebugOutput();
     os::SetLastError(kUntouched);
     os::OutputDebugStringW(u"caf\u00E9 \U0001F600");
@@ -92,11 +71,11 @@ TEST(OutputDebugStringWTest, RecordsUtf8AndKeepsLastError) {
     EXPECT_EQ(sim::debugOutput(), std::vector<std::string>{"caf\xC3\xA9 \xF0\x9F\x98\x80"});
 }
 
-TEST(EventLogTest, ArgumentsAndHandles) {
+TEST(EventLogTest, ArgumentsHandlesAndRecordsReadBackInOrder) {
     testsupport::TempMachine machine(platformtest::smallMachine());
     const auto fails = [](auto call, os::DWORD error) {
-        os::SetLastError(kUntouched);
-        return !call() && os::GetLastError() == error;
+        const auto [result, lastError] = platformtest::answer(call);
+        return !result && lastError == error;
     };
     const char16_t* text[] = {u"x"};
     const auto report = [&text](os::HANDLE source) {
@@ -116,11 +95,9 @@ TEST(EventLogTest, ArgumentsAndHandles) {
     EXPECT_TRUE(fails([&] { return report(source); }, os::ERROR_INVALID_HANDLE));
     EXPECT_EQ(os::DeregisterEventSource(source), os::FALSE);
     EXPECT_TRUE(sim::readEventLog().empty());
-}
 
-TEST(EventLogTest, RecordsReadBackInOrder) {
-    testsupport::TempMachine machine(platformtest::smallMachine());
-    os::HANDLE source = os::RegisterEventSourceW(nullptr, u"fikiv \u00E9");
+    // What is reported reads back in order.
+    source = os::RegisterEventSourceW(nullptr, u"fikiv \u00E9");
     ASSERT_NE(source, nullptr);
     const char16_t* two[] = {u"first \"quoted\"\n", u"second"};
     EXPECT_EQ(

@@ -1,6 +1,6 @@
 // Helpers of the platform tests: a buffer with canaries after its stated
-// length, the check of a call that fills one, a saved environment variable,
-// the virtual clock, and the machines the tests share.
+// length, the check of a call that fills one, a call's answer, a saved
+// environment variable, and the machines the tests share.
 #ifndef TESTS_PLATFORM_PLATFORM_TEST_UTIL_H_
 #define TESTS_PLATFORM_PLATFORM_TEST_UTIL_H_
 
@@ -10,14 +10,13 @@
 #include <cstdlib>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "os/error.h"
 #include "os/types.h"
-#include "sim/clock.h"
-#include "sim/hooks.h"
 #include "support/temp_machine.h"
 #include "support/wide_text.h"
 
@@ -27,6 +26,14 @@ namespace platformtest {
 inline constexpr os::DWORD kUntouched = 0xdeadbeef;
 // A row's expected error when the call is to succeed.
 inline constexpr os::DWORD kNone = 0;
+
+// What `call` returns and the last error it leaves (kUntouched: none set).
+template <typename Call>
+auto answer(Call call) {
+    os::SetLastError(kUntouched);
+    auto result = call();
+    return std::make_pair(result, os::GetLastError());
+}
 
 // The GUID path "\\?\Volume{…000N}\" of volume `digit` ("1" to "9").
 #define VOLUME_GUID(digit) u"\\\\?\\Volume{00000000-0000-0000-0000-00000000000" digit "}\\"
@@ -79,19 +86,6 @@ class SavedVariable {
   private:
     const char* name_;
     std::optional<std::string> value_;
-};
-
-// The virtual clock, with nothing recorded yet, for the life of the object.
-class VirtualClock {
-  public:
-    VirtualClock() {
-        sim::useVirtualClock(true);
-        sim::clearRecordedSleeps();
-        sim::clearRecordedWaits();
-    }
-    ~VirtualClock() { sim::useVirtualClock(false); }
-    VirtualClock(const VirtualClock&) = delete;
-    VirtualClock& operator=(const VirtualClock&) = delete;
 };
 
 // The outcome of a call that writes text into `buffer`, made after

@@ -1,16 +1,12 @@
 // Named pipes: names, a missing or busy server, instance limits, message
-// boundaries on both ends, a server that hangs up, and a server in another
-// process (also one that is killed).
+// boundaries, a server that hangs up, and a killed server in another process.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstring>
 #include <filesystem>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "os/error.h"
@@ -24,6 +20,7 @@
 
 namespace {
 
+using platformtest::answer;
 using testsupport::ChildChecks;
 using testsupport::publishFile;
 using testsupport::TempMachine;
@@ -48,8 +45,8 @@ std::vector<unsigned char> echoOf(const std::vector<unsigned char>& request) {
     return reply;
 }
 
-// Serves `count` requests of exactly kRequestSize bytes on the pipe, one
-// client at a time, then stops serving.
+// Serves requests of exactly kRequestSize bytes on the pipe, one client at a
+// time, until a check fails or it is killed.
 FIKIV_CHILD_ROLE(echoServer) {
     ChildChecks checks;
     os::UniqueHandle pipe(createPipe(testsupport::utf16(arguments.at(0))));
@@ -57,7 +54,7 @@ FIKIV_CHILD_ROLE(echoServer) {
         return checks.failures();
     }
     publishFile(arguments.at(1), "serving");
-    for (int i = std::stoi(arguments.at(2)); i > 0; --i) {
+    while (checks.failures() == 0) {
         std::vector<unsigned char> request(1024);
         os::DWORD got = 0;
         FIKIV_CHILD_FAIL_IF(checks, !os::ConnectNamedPipe(pipe.get(), nullptr));
@@ -71,26 +68,12 @@ FIKIV_CHILD_ROLE(echoServer) {
     return checks.failures();
 }
 
-// Serves nothing; waits to be killed while it holds the pipe.
-FIKIV_CHILD_ROLE(pipeHoldUntilKilled) {
-    os::HANDLE pipe = createPipe(testsupport::utf16(arguments.at(0)));
-    if (pipe == os::INVALID_HANDLE_VALUE) {
-        return 1;
-    }
-    publishFile(arguments.at(1), "serving");
-    for (;;) {
-        pause();
-    }
-}
-
 // Sends one request to the pipe and exits 0 when a reply came.
 FIKIV_CHILD_ROLE(pipeClient) {
     std::u16string name = testsupport::utf16(arguments.at(0));
-    unsigned char request[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    unsigned char reply[8];
+    unsigned char bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     os::DWORD got = 0;
-    return os::CallNamedPipeW(name.c_str(), request, sizeof(request), reply, sizeof(reply), &got,
-                              os::NMPWAIT_WAIT_FOREVER) == os::TRUE
+    return os::CallNamedPipeW(name.c_str(), bytes, 8, bytes, 8, &got, os::NMPWAIT_WAIT_FOREVER)
                ? 0
                : 1;
 }
@@ -146,24 +129,20 @@ TEST_F(PipeTest, BadNamesFailBeforeAnythingElse) {
     const Row rows[] = {
         {"null", nullptr, os::ERROR_PATH_NOT_FOUND},
         {"no prefix", u"fikiv_pipe", os::ERROR_INVALID_NAME},
-        {"mailslot", u"\\\\.\\mailslot\\fikiv_pipe", os::ERROR_INVALID_NAME},
-        {"remote machine", u"\\\\server\\pipe\\fikiv_pipe", os::ERROR_INVALID_NAME},
         {"empty pipe name", u"\\\\.\\pipe\\", os::ERROR_INVALID_NAME},
     };
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
-        unsigned char request[4] = {};
-        unsigned char reply[4];
+        unsigned char bytes[4] = {};
         os::DWORD read = 0;
-        os::SetLastError(0xdeadbeef);
-        EXPECT_EQ(os::CallNamedPipeW(row.name, request, 4, reply, 4, &read, 0), os::FALSE);
-        EXPECT_EQ(os::GetLastError(), row.expectedError);
-        os::SetLastError(0xdeadbeef);
-        EXPECT_EQ(os::CreateNamedPipeW(row.name, os::PIPE_ACCESS_DUPLEX, os::PIPE_TYPE_MESSAGE, 1,
-                                       0, 0, 0, nullptr),
-                  os::INVALID_HANDLE_VALUE);
-        EXPECT_EQ(os::GetLastError(), row.expectedError);
+        EXPECT_EQ(answer([&] { return os::CallNamedPipeW(row.name, bytes, 4, bytes, 4, &read, 0); }),
+                  std::pair(os::FALSE, row.expectedError));
+        EXPECT_EQ(answer([&] {
+                      return os::CreateNamedPipeW(row.name, os::PIPE_ACCESS_DUPLEX,
+                                                  os::PIPE_TYPE_MESSAGE, 1, 0, 0, 0, nullptr);
+                  }),
+                  std::pair(os::INVALID_HANDLE_VALUE, row.expectedError));
     }
 }
 
@@ -184,25 +163,22 @@ TEST_F(PipeTest, InstanceLimits) {
     std::vector<os::UniqueHandle> instances;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.label);
-        os::SetLastError(0xdeadbeef);
-        os::HANDLE instance = createPipe(name, row.maxInstances);
+        const auto [instance, error] = answer([&] { return createPipe(name, row.maxInstances); });
         EXPECT_EQ(instance != os::INVALID_HANDLE_VALUE, row.expectHandle);
-        if (!row.expectHandle) {
-            EXPECT_EQ(os::GetLastError(), row.expectedError);
-            continue;
+        EXPECT_EQ(error, row.expectHandle ? platformtest::kUntouched : row.expectedError);
+        if (row.expectHandle) {
+            instances.emplace_back(instance);
         }
-        instances.emplace_back(instance);
     }
     // Two instances serve two clients at the same time.
     auto serve = [](os::HANDLE instance) {
         return std::async(std::launch::async, [instance] {
             unsigned char request[64];
             os::DWORD got = 0;
-            bool ok = os::ConnectNamedPipe(instance, nullptr) &&
-                      os::ReadFile(instance, request, sizeof(request), &got, nullptr) &&
-                      os::WriteFile(instance, request, got, &got, nullptr) &&
-                      os::DisconnectNamedPipe(instance);
-            return ok;
+            return os::ConnectNamedPipe(instance, nullptr) &&
+                   os::ReadFile(instance, request, sizeof(request), &got, nullptr) &&
+                   os::WriteFile(instance, request, got, &got, nullptr) &&
+                   os::DisconnectNamedPipe(instance);
         });
     };
     auto firstServer = serve(first.get());
@@ -220,18 +196,17 @@ TEST_F(PipeTest, BusyServerAnswersPipeBusyUntilAnInstanceIsFree) {
     os::UniqueHandle pipe(createPipe(name));
     ASSERT_TRUE(pipe.valid());
 
-    os::SetLastError(0xdeadbeef);
     os::DWORD got = 0;
     unsigned char buffer[kRequestSize];
-    EXPECT_EQ(os::ReadFile(pipe.get(), buffer, sizeof(buffer), &got, nullptr), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
-    EXPECT_EQ(os::DisconnectNamedPipe(pipe.get()), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
+    const auto notConnected = std::pair(os::FALSE, os::DWORD{os::ERROR_PIPE_NOT_CONNECTED});
+    EXPECT_EQ(answer([&] { return os::ReadFile(pipe.get(), buffer, kRequestSize, &got, nullptr); }),
+              notConnected);
+    EXPECT_EQ(answer([&] { return os::DisconnectNamedPipe(pipe.get()); }), notConnected);
 
     auto first = callAsync(name, pattern(kRequestSize, 1), kReplySize);
     ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
-    EXPECT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_CONNECTED);
+    EXPECT_EQ(answer([&] { return os::ConnectNamedPipe(pipe.get(), nullptr); }),
+              std::pair(os::FALSE, os::DWORD{os::ERROR_PIPE_CONNECTED}));
     ASSERT_EQ(os::ReadFile(pipe.get(), buffer, sizeof(buffer), &got, nullptr), os::TRUE);
 
     // The only instance is serving the first client. The first caller below
@@ -260,6 +235,12 @@ TEST_F(PipeTest, BusyServerAnswersPipeBusyUntilAnInstanceIsFree) {
     EXPECT_EQ(std::vector<unsigned char>(buffer, buffer + got), pattern(kRequestSize, 5));
     ASSERT_EQ(os::WriteFile(pipe.get(), buffer, 3, &got, nullptr), os::TRUE);
     EXPECT_EQ(next.get().bytesRead, 3u);
+    pipe.reset();
+    EXPECT_EQ(answer([&] {
+                  return os::CallNamedPipeW(name.c_str(), buffer, 4, nullptr, 0, nullptr, 0);
+              }),
+              std::pair(os::FALSE, os::DWORD{os::ERROR_FILE_NOT_FOUND}))
+        << "closed, not served; no reply buffer is needed to learn that";
 }
 
 // What the client gets of the server's reply: all of it, the part that fits
@@ -278,9 +259,6 @@ TEST_F(PipeTest, ClientGetsTheReplyThatFits) {
     const Row rows[] = {
         {"exact fit", 100, 100, os::TRUE, 0, 100},
         {"one short", 100, 99, os::FALSE, os::ERROR_MORE_DATA, 99},
-        {"much shorter", kReplySize, 10, os::FALSE, os::ERROR_MORE_DATA, 10},
-        {"zero-size buffer", 100, 0, os::FALSE, os::ERROR_MORE_DATA, 0},
-        {"larger buffer", 100, kReplySize, os::TRUE, 0, 100},
         {"empty reply", 0, 10, os::TRUE, 0, 0},
         {"server hangs up", kHangUp, kReplySize, os::FALSE, os::ERROR_BROKEN_PIPE, 0},
     };
@@ -320,64 +298,26 @@ TEST_F(PipeTest, ClientGetsTheReplyThatFits) {
     }
 }
 
-TEST_F(PipeTest, ServerReadsALongRequestInPieces) {
-    std::u16string name = pipeName("fikiv_pipe_pieces");
-    os::UniqueHandle pipe(createPipe(name));
-    ASSERT_TRUE(pipe.valid());
-    std::vector<unsigned char> request = pattern(100, 7);
-    auto client = callAsync(name, request, 8);
-    ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
-
-    std::array<unsigned char, 101> buffer;
-    buffer.fill(0x11);
-    os::DWORD got = 0;
-    os::SetLastError(0xdeadbeef);
-    EXPECT_EQ(os::ReadFile(pipe.get(), buffer.data(), 30, &got, nullptr), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_MORE_DATA);
-    EXPECT_EQ(got, 30u);
-    EXPECT_EQ(buffer[30], 0x11);
-    EXPECT_EQ(os::ReadFile(pipe.get(), buffer.data() + 30, 71, &got, nullptr), os::TRUE);
-    EXPECT_EQ(got, 70u) << "the rest of the message, not more";
-    EXPECT_EQ(std::vector<unsigned char>(buffer.begin(), buffer.begin() + 100), request);
-
-    ASSERT_EQ(os::WriteFile(pipe.get(), buffer.data(), 8, &got, nullptr), os::TRUE);
-    EXPECT_EQ(client.get().ok, os::TRUE);
-}
-
-TEST_F(PipeTest, RoundTripWithAServerInAnotherProcess) {
-    constexpr int kRequests = 3;
+// A killed server leaves its name free for the next one.
+TEST_F(PipeTest, RoundTripWithAServerInAnotherProcessThatIsKilled) {
     std::u16string name = pipeName("fikiv_pipe_echo");
     std::filesystem::path ready = machine_.directory() / "serving";
-    pid_t server = testsupport::startChild(
-        "echoServer", {testsupport::utf8(name), ready.string(), std::to_string(kRequests)});
+    pid_t server = testsupport::startChild("echoServer", {testsupport::utf8(name), ready.string()});
     ASSERT_TRUE(waitForFile(ready));
-
-    os::SetLastError(0xdeadbeef);
-    EXPECT_EQ(createPipe(name), os::INVALID_HANDLE_VALUE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_ACCESS_DENIED) << "another process serves the name";
-
-    for (int i = 0; i < kRequests; ++i) {
-        SCOPED_TRACE(i);
-        std::vector<unsigned char> request = pattern(kRequestSize, static_cast<unsigned char>(i));
+    EXPECT_EQ(answer([&] { return createPipe(name); }),
+              std::pair(os::INVALID_HANDLE_VALUE, os::DWORD{os::ERROR_ACCESS_DENIED}))
+        << "another process serves the name";
+    for (unsigned char seed = 0; seed < 3; ++seed) {
+        SCOPED_TRACE(seed);
+        std::vector<unsigned char> request = pattern(kRequestSize, seed);
         ClientResult result = call(name, request, kReplySize, os::NMPWAIT_WAIT_FOREVER);
-        ASSERT_EQ(result.ok, os::TRUE) << result.error;
+        EXPECT_EQ(result.ok, os::TRUE) << result.error;  // no ASSERT: the server is killed below
         EXPECT_EQ(result.bytesRead, kReplySize);
         result.reply.pop_back();
         EXPECT_EQ(result.reply, echoOf(request));
     }
-    EXPECT_EQ(testsupport::waitChild(server), 0);
-    EXPECT_EQ(call(name, pattern(4, 0), 4).error, os::ERROR_FILE_NOT_FOUND);
-}
-
-TEST_F(PipeTest, KilledServerLeavesTheNameFree) {
-    std::u16string name = pipeName("fikiv_pipe_killed");
-    std::filesystem::path ready = machine_.directory() / "serving";
-    pid_t server =
-        testsupport::startChild("pipeHoldUntilKilled", {testsupport::utf8(name), ready.string()});
-    ASSERT_TRUE(waitForFile(ready));
     kill(server, SIGKILL);
     testsupport::waitChild(server);
-
     EXPECT_EQ(call(name, pattern(4, 0), 4).error, os::ERROR_FILE_NOT_FOUND);
     os::UniqueHandle pipe(createPipe(name));
     EXPECT_TRUE(pipe.valid()) << "error " << os::GetLastError();
@@ -390,13 +330,14 @@ TEST_F(PipeTest, ServerLearnsWhichProcessAndUserItServes) {
 
     os::ULONG processId = 0xdeadbeef;
     sim::PipeClientCredentials credentials;
-    EXPECT_EQ(os::GetNamedPipeClientProcessId(pipe.get(), &processId), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
+    const auto processOf = [&processId](os::HANDLE server) {
+        return answer([&] { return os::GetNamedPipeClientProcessId(server, &processId); });
+    };
+    EXPECT_EQ(processOf(pipe.get()), std::pair(os::FALSE, os::DWORD{os::ERROR_PIPE_NOT_CONNECTED}));
     EXPECT_EQ(sim::getPipeClientCredentials(pipe.get(), &credentials),
               os::ERROR_PIPE_NOT_CONNECTED);
-    EXPECT_EQ(os::GetNamedPipeClientProcessId(reinterpret_cast<os::HANDLE>(0x7ffffff0), &processId),
-              os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_INVALID_HANDLE);
+    EXPECT_EQ(processOf(reinterpret_cast<os::HANDLE>(0x7ffffff0)),
+              std::pair(os::FALSE, os::DWORD{os::ERROR_INVALID_HANDLE}));
 
     pid_t client = testsupport::startChild("pipeClient", {testsupport::utf8(name)});
     ASSERT_EQ(os::ConnectNamedPipe(pipe.get(), nullptr), os::TRUE);
@@ -413,8 +354,7 @@ TEST_F(PipeTest, ServerLearnsWhichProcessAndUserItServes) {
     ASSERT_EQ(os::WriteFile(pipe.get(), request, got, &got, nullptr), os::TRUE);
     EXPECT_EQ(testsupport::waitChild(client), 0);
     ASSERT_EQ(os::DisconnectNamedPipe(pipe.get()), os::TRUE);
-    EXPECT_EQ(os::GetNamedPipeClientProcessId(pipe.get(), &processId), os::FALSE);
-    EXPECT_EQ(os::GetLastError(), os::ERROR_PIPE_NOT_CONNECTED);
+    EXPECT_EQ(processOf(pipe.get()), std::pair(os::FALSE, os::DWORD{os::ERROR_PIPE_NOT_CONNECTED}));
 }
 
 }  // namespace
