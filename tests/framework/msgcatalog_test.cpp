@@ -116,6 +116,12 @@ TEST(MsgCatalogTest, EveryUseOfAPluginMessageReadsWholeInEveryLocale) {
             EXPECT_NE(message.find(part), std::u16string::npos) << utf8(message);
         }
     }
+    {
+        // A default locale without a bundle of its own: ICU falls back to root.
+        ScopedDefaultLocale english("en_US");
+        tarp_MsgCatalog french("libfikiv", "fr", false);
+        EXPECT_EQ(utf8(formatted(french, rows[0])), utf8(rows[0].root));
+    }
     EXPECT_EQ(
         utf8(formatted(german, rows[0])),
         "Der Snapshot-Treiber kann den Datenträger E:\\ nicht öffnen (KIV_Open antwortete 4101).");

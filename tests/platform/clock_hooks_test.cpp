@@ -93,6 +93,8 @@ TEST(VirtualClockTest, SleepIsRecordedAndMovesTimeAtOnce) {
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     EXPECT_EQ(after.wDayOfWeek, parts.tm_wday);
+    sim::useVirtualClock(true);  // already on: the time reached is kept
+    EXPECT_EQ(os::GetTickCount64() - ticks, 86401000u);
     sim::useVirtualClock(false);
 }
 

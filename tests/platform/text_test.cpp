@@ -97,12 +97,32 @@ TEST(TextTest, EveryScalarValueRoundTrips) {
     EXPECT_TRUE(back == all);
 }
 
+// How the machine compares folder paths: trailing backslashes off, or one on.
+TEST(TextTest, TrailingBackslashes) {
+    // clang-format off
+    const std::u16string_view rows[][3] = {  // path, without, with
+        {u"",         u"",         u"\\"},
+        {u"\\",       u"",         u"\\"},
+        {u"C:",       u"C:",       u"C:\\"},
+        {u"C:\\\\\\", u"C:",       u"C:\\\\\\"},
+        {u"C:\\a\\b",  u"C:\\a\\b",  u"C:\\a\\b\\"},
+    };
+    // clang-format on
+    for (const auto& [path, without, with] : rows) {
+        SCOPED_TRACE(sim::toUtf8(path));
+        EXPECT_EQ(sim::withoutTrailingBackslashes(path), without);
+        EXPECT_EQ(sim::withTrailingBackslash(path), with);
+        EXPECT_EQ(sim::withoutTrailingBackslashes(sim::toUtf8(path)), sim::toUtf8(without));
+    }
+}
+
 // The names the machine file accepts are the names the tools print.
 TEST(TextTest, DriveTypeNamesReadBackAsTheirValues) {
     for (std::uint32_t type : {0u, 2u, 3u, 4u, 5u, 6u}) {
         EXPECT_EQ(sim::driveTypeFromName(sim::driveTypeName(type)), type);
     }
-    EXPECT_EQ(sim::driveTypeFromName(sim::driveTypeName(1)), std::nullopt) << "a volume needs a root";
+    EXPECT_EQ(sim::driveTypeFromName(sim::driveTypeName(1)), std::nullopt)
+        << "a volume needs a root";
     EXPECT_EQ(sim::driveTypeFromName("CdRom"), 5u);
     EXPECT_STREQ(sim::driveTypeName(7), "unknown");
 }

@@ -69,6 +69,7 @@ const SetRow kSetRows[] = {
     {"VolumeSelected",                  Target::kVolume, Select::kSplit,   kSplitDoc.c_str(),      0, {{}, {}, kSplitEntries, false}},
     {"VolumeAutomatic",                 Target::kVolume, Select::kSplit,   kAutoText.c_str(),      0, {{}, {}, {}, true}},
     {"VolumeBothModesChoosesAutomatic", Target::kVolume, Select::kSplit,   kBothModes.c_str(),     0, {{}, {}, {}, true}},
+    {"VolumeNullText",                  Target::kVolume, Select::kSplit,   nullptr,                3, {}},
     {"VolumeNoMode",                    Target::kVolume, Select::kSplit,   kNoMode.c_str(),        3, {}},
     {"VolumeModeIsCaseSensitive",       Target::kVolume, Select::kSplit,   kLowerCaseMode.c_str(), 3, {}},
     {"VolumeSelectedBrokenDocument",    Target::kVolume, Select::kSplit,   kNoListEnd.c_str(),     3, {}},

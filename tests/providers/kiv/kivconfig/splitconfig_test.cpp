@@ -116,8 +116,9 @@ FIKIV_PRINT_ROW_NAME(AutoRow)
 const AutoRow kAutoRows[] = {
     {"LongNameAndLimits", {"\\\\?\\Volume{5}", "E:\\kiv\\_tarnKivCacheFile_3.KIV", 0, 4294967295u}, {u"cacheFileName=E:\\kiv\\_tarnKivCacheFile_3.KIV", u"initialCacheFileSize=0", u"maximumCacheFileSize=4294967295", u"snapshotVolumeName=\\\\?\\Volume{5}"}, true},
     {"Utf8Names",    {"\xc3\xa9", "\xe6\x97\xa5", 7, 8},                             {u"cacheFileName=\u65e5", u"initialCacheFileSize=7", u"maximumCacheFileSize=8", u"snapshotVolumeName=\u00e9"}, true},
-    // An empty name leaves its entry without a value: invalid.
+    // An empty name leaves its entry without a value: invalid, whichever it is.
     {"EmptyVolumeName", {"", "F", 1, 2},                                             {u"cacheFileName=F", u"initialCacheFileSize=1", u"maximumCacheFileSize=2", u"snapshotVolumeName="}, false},
+    {"EmptyCacheFileName", {"V", "", 1, 2},                                          {u"cacheFileName=", u"initialCacheFileSize=1", u"maximumCacheFileSize=2", u"snapshotVolumeName=V"}, false},
 };
 // clang-format on
 

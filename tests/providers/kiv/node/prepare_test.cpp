@@ -19,25 +19,39 @@ using plugintest::guidWithoutBackslash;
 constexpr std::int32_t kInvalidParameter = 87;
 
 // The machine-wide provider mutex, held by another thread for as long as the
-// object lives.
+// object lives, or left abandoned by a thread that ended holding it (the
+// handle stays open: a mutex whose last handle is closed no longer exists).
+enum class Holder { kNone, kHolding, kAbandoned };
+
 class MutexHolder {
   public:
-    MutexHolder() { taken_.get_future().wait(); }
+    explicit MutexHolder(Holder kind) : abandon_(kind == Holder::kAbandoned) {
+        taken_.get_future().wait();
+        if (abandon_) {
+            thread_.join();
+        }
+    }
     ~MutexHolder() {
-        release_.set_value();
-        thread_.join();
+        if (!abandon_) {
+            release_.set_value();
+            thread_.join();
+        }
+        os::CloseHandle(handle_);
     }
 
   private:
+    const bool abandon_;
+    os::HANDLE handle_ = nullptr;
     std::promise<void> taken_;
     std::promise<void> release_;
     std::thread thread_{[this] {
-        os::HANDLE handle = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
-        os::WaitForSingleObject(handle, os::INFINITE);
+        handle_ = os::CreateMutexW(nullptr, os::FALSE, u"Global\\tarn_kiv_mutex");
+        os::WaitForSingleObject(handle_, os::INFINITE);
         taken_.set_value();
-        release_.get_future().wait();
-        os::ReleaseMutex(handle);
-        os::CloseHandle(handle);
+        if (!abandon_) {
+            release_.get_future().wait();
+            os::ReleaseMutex(handle_);
+        }
     }};
 };
 
@@ -54,7 +68,7 @@ struct PrepareCase {
     std::uint32_t mode;
     std::vector<Fault> faults;
     const char* unbindable;  // a kernel32 function that cannot be bound, or null
-    bool mutexHeld;          // by another thread
+    Holder mutex;            // another thread's hold on the provider mutex
     std::int32_t status;
     std::vector<Report> reports;
     // The last line the host received without a catalogue: the dump's end,
@@ -72,13 +86,14 @@ const Report kNotPlaced = {"MSG_ERROR_AUTOCONFIG", {kRequestText}};
 
 // clang-format off
 const PrepareCase kPrepareCases[] = {
-    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, false, 3, {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
-    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112}}, nullptr, false, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}}, kDumpEnd, 1},
-    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2}}, nullptr, false, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}}, kDumpEnd, 1},
-    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, false, 3, {kNameFailed, kNameFailed, kPrepareInvalid}, kDumpEnd, 1},
-    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, true, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
-    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5}}, nullptr, false, 3, {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}}, kPrepareInvalid}, kDumpEnd, 1},
-    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", false, 6, {}, "WARNING: caught unhandled exception in KIV prepare", 2},
+    {"ModeTwoIsRefusedBeforeAnythingElse", Split::Automatic, 2, {}, nullptr, Holder::kNone, 3, {{"MSG_ERROR_INVAL", {"KIV_Prepare", "KIV_INVAL_ARGS"}}}, nullptr, 0},
+    {"DriverRefusesThePreparation", Split::Automatic, 0, {{"KIV_Prepare", 112}}, nullptr, Holder::kNone, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Prepare", 112, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"SourceThatCannotBeOpenedIsStillHandedOn", Split::Selected, 0, {{"KIV_Open", 2}}, nullptr, Holder::kNone, 3, {{"MSG_ERROR_KIVAPI", {"KIV_Open", 2, "<first>"}}, {"MSG_ERROR_KIVAPI", {"KIV_Prepare", kInvalidHandle, "KIV_Prepare"}}}, kDumpEnd, 1},
+    {"NameGenerationFailing", Split::Automatic, 0, {{"KIV_GenerateVolumeName", 31, sim::kAlways}}, nullptr, Holder::kNone, 3, {kNameFailed, kNameFailed, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexHeldByAnotherOwner", Split::Automatic, 0, {}, nullptr, Holder::kHolding, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexAbandonedByItsOwner", Split::Automatic, 0, {}, nullptr, Holder::kAbandoned, 3, {kNotPlaced, kPrepareInvalid}, kDumpEnd, 1},
+    {"MutexCannotBeCreated", Split::Automatic, 0, {{"CreateMutexW", 5}}, nullptr, Holder::kNone, 3, {{"MSG_ERROR_AUTOCONFIG", {"Error occured in CreateMutex, GetLastError() is: 5"}}, kPrepareInvalid}, kDumpEnd, 1},
+    {"DumpCannotNameAVolumePath", Split::Selected, 0, {}, "GetVolumeNameForVolumeMountPointW", Holder::kNone, 6, {}, "WARNING: caught unhandled exception in KIV prepare", 2},
 };
 // clang-format on
 
@@ -94,8 +109,8 @@ TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
     ASSERT_EQ(configure(group_->record(), false, plugintest::kQuiesceSettings), 0);
     takeUserMessages();
     std::optional<MutexHolder> holder;
-    if (row.mutexHeld) {
-        holder.emplace();
+    if (row.mutex != Holder::kNone) {
+        holder.emplace(row.mutex);
     }
     sim::clearFaults();
     injectFaults(row.faults);
