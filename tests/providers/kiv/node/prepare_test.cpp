@@ -118,7 +118,12 @@ TEST_P(PrepareFailureTest, ReportsAndAnswersAsDocumented) {
         sim::makeUnbindable("kernel32.dll", row.unbindable);
     }
 
+    sim::clearRecordedWaits();
     EXPECT_EQ(plugin_.prepare(list[0], nullptr, list.data(), 2, row.mode), row.status);
+    // A held mutex is waited for 10 seconds; an abandoned one is taken at once.
+    EXPECT_EQ(sim::recordedWaits(), row.mutex == Holder::kHolding
+                                        ? std::vector<std::uint32_t>{10000}
+                                        : std::vector<std::uint32_t>{});
 
     std::vector<HostMessage> messages = takeUserMessages();
     const std::vector<std::string> expected = expectedReports(
