@@ -8,9 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -26,6 +24,7 @@
 #include "sim/machine.h"
 #include "support/agent_client.h"
 #include "support/child_process.h"
+#include "support/shell.h"
 #include "support/temp_machine.h"
 #include "support/wide_text.h"
 #include "request_bytes.h"
@@ -67,28 +66,8 @@ os::DWORD registerPath(const fs::path& path, const std::u16string& name) {
     return status;
 }
 
-struct CommandResult {
-    int exitCode = -1;
-    std::string output;  // stdout and stderr
-};
-
-CommandResult runAgentCommand(const std::string& arguments) {
-    CommandResult result;
-    const std::string command = std::string(KIVAGENT_PATH) + " " + arguments + " 2>&1";
-    if (FILE* pipe = popen(command.c_str(), "r")) {
-        std::array<char, 512> buffer;
-        while (std::size_t got = std::fread(buffer.data(), 1, buffer.size(), pipe)) {
-            result.output.append(buffer.data(), got);
-        }
-        const int status = pclose(pipe);
-        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    return result;
-}
-
-std::string readText(const fs::path& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+testsupport::CommandRun runAgentCommand(const std::string& arguments) {
+    return testsupport::runCommand(std::string(KIVAGENT_PATH) + " " + arguments + " 2>&1");
 }
 
 // Where descriptor handle `handle` of process `pid` leads, or "" when it is
@@ -129,12 +108,12 @@ class AgentProcessTest : public ::testing::Test {
     }
 
     fs::path state() const { return sim::Machine::current().stateDirectory(); }
-    std::string agentLog() const { return readText(kivagent::logFilePath(state())); }
+    std::string agentLog() const { return testsupport::readFile(kivagent::logFilePath(state())); }
     std::size_t heldCount() const { return kivagent::readAgentStatus(state()).held.size(); }
 
     // Starts a detached agent; it serves when this returns.
     pid_t startDaemon(const std::string& arguments = "") {
-        CommandResult started = runAgentCommand("--daemon " + arguments);
+        testsupport::CommandRun started = runAgentCommand("--daemon " + arguments);
         EXPECT_EQ(started.exitCode, 0) << started.output;
         EXPECT_NE(started.output.find("kivagent: serving"), std::string::npos) << started.output;
         kivagent::AgentStatus status = kivagent::readAgentStatus(state());
@@ -195,7 +174,7 @@ TEST_F(AgentProcessTest, HandleRegisteredByOneProcessIsTakenBackByAnother) {
          {"status 24: request of 5000 bytes", "status 5: request names process"}) {
         EXPECT_NE(log.find(logged), std::string::npos) << logged << "\n" << log;
     }
-    CommandResult status = runAgentCommand("--status");
+    testsupport::CommandRun status = runAgentCommand("--status");
     EXPECT_EQ(status.exitCode, 0);
     EXPECT_NE(status.output.find("holding 1 handle\n  " + testsupport::utf8(name)),
               std::string::npos)
@@ -269,7 +248,7 @@ TEST_F(AgentProcessTest, StopSignalClosesEveryHandleAndStopsServing) {
         ASSERT_EQ(waitpid(agent, &status, 0), agent);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
-        const std::string log = readText(errors);
+        const std::string log = testsupport::readFile(errors);
         EXPECT_NE(log.find("held for \"\\\\?\\Snap1:\""), std::string::npos) << log;
         EXPECT_NE(log.find("held for \"\\\\?\\Snap2:\""), std::string::npos) << log;
         EXPECT_NE(log.find("stopped; closed 2 handles"), std::string::npos) << log;
@@ -288,7 +267,7 @@ TEST_F(AgentProcessTest, OneAgentPerMachineAndADeadOneBlocksNothing) {
     pid_t first = startDaemon();
     for (const char* arguments : {"--daemon", ""}) {
         SCOPED_TRACE(arguments);
-        CommandResult second = runAgentCommand(arguments);
+        testsupport::CommandRun second = runAgentCommand(arguments);
         EXPECT_EQ(second.exitCode, 1);
         EXPECT_NE(second.output.find("an agent is already running for this machine (pid " +
                                      std::to_string(first) + ")"),
@@ -301,14 +280,14 @@ TEST_F(AgentProcessTest, OneAgentPerMachineAndADeadOneBlocksNothing) {
     ASSERT_EQ(kill(first, SIGKILL), 0);
     ASSERT_TRUE(eventually([first] { return kill(first, 0) != 0 && errno == ESRCH; }));
     EXPECT_TRUE(fs::exists(kivagent::pidFilePath(state()))) << "left behind by the killed agent";
-    CommandResult status = runAgentCommand("--status");
+    testsupport::CommandRun status = runAgentCommand("--status");
     EXPECT_EQ(status.exitCode, 1);
     EXPECT_EQ(status.output, "kivagent: not running\n");
 
     pid_t next = startDaemon();
     EXPECT_NE(next, first);
     EXPECT_EQ(runAgentCommand("--stop").exitCode, 0);
-    CommandResult again = runAgentCommand("--stop");
+    testsupport::CommandRun again = runAgentCommand("--stop");
     EXPECT_EQ(again.exitCode, 1);
     EXPECT_NE(again.output.find("no agent is running"), std::string::npos) << again.output;
 }
@@ -333,7 +312,7 @@ TEST_F(AgentProcessTest, CommandLine) {
     // clang-format on
     for (const Row& row : rows) {
         SCOPED_TRACE(row.arguments);
-        CommandResult result = runAgentCommand(row.arguments);
+        testsupport::CommandRun result = runAgentCommand(row.arguments);
         EXPECT_EQ(result.exitCode, row.exitCode) << result.output;
         EXPECT_NE(result.output.find(row.shown), std::string::npos) << result.output;
     }

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -29,6 +28,7 @@
 #include "sim/hooks.h"
 #include "support/child_process.h"
 #include "support/leftovers.h"
+#include "support/shell.h"
 #include "support/temp_machine.h"
 
 namespace {
@@ -52,28 +52,12 @@ nlohmann::json e2eMachine() {
                     })}};
 }
 
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-struct CommandRun {
-    int exitCode = -1;
-    std::string output;
-};
+using testsupport::CommandRun;
+using testsupport::readFile;
 
 // Runs a command line through the shell; stdout and stderr together.
 CommandRun runCommand(const std::string& command) {
-    CommandRun run;
-    if (FILE* pipe = popen((command + " 2>&1").c_str(), "r")) {
-        char buffer[1024];
-        while (std::size_t read = fread(buffer, 1, sizeof(buffer), pipe)) {
-            run.output.append(buffer, read);
-        }
-        const int status = pclose(pipe);
-        run.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    return run;
+    return testsupport::runCommand(command + " 2>&1");
 }
 
 std::string agentOption() {

@@ -1,19 +1,17 @@
 // fihost as a user meets it: exit codes 0, 1 and 2, one clear line on stderr
 // for what went wrong, results on stdout, --json carrying the facts of the
 // text, unwritable output as a failure, and settings files for snapshot.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <utility>
-#include <iterator>
 #include <string>
 #include <vector>
 
+#include "support/shell.h"
 #include "support/temp_machine.h"
 
 namespace {
@@ -31,19 +29,11 @@ FihostResult runFihost(const std::string& arguments) {
     FihostResult result;
     const std::filesystem::path errors =
         std::filesystem::temp_directory_path() / ("fihost-stderr-" + std::to_string(::getpid()));
-    const std::string command = FIHOST_PATH " " + arguments + " 2>'" + errors.string() + "'";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    char buffer[4096];
-    for (std::size_t read = 0; (read = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-        result.out.append(buffer, read);
-    }
-    const int status = pclose(pipe);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    std::ifstream in(errors);
-    result.err.assign(std::istreambuf_iterator<char>(in), {});
+    const testsupport::CommandRun run =
+        testsupport::runCommand(FIHOST_PATH " " + arguments + " 2>'" + errors.string() + "'");
+    result.exitCode = run.exitCode;
+    result.out = run.output;
+    result.err = testsupport::readFile(errors);
     std::filesystem::remove(errors);
     return result;
 }

@@ -23,6 +23,7 @@
 #include "sim/hooks.h"
 #include "sim/machine.h"
 #include "support/child_process.h"
+#include "support/shell.h"
 #include "support/temp_machine.h"
 #include "support/text_cases.h"
 #include "support/wide_text.h"
@@ -114,11 +115,6 @@ KivHandle prepareOne(const std::string& snapshotName, const char* cacheFile,
 
 std::filesystem::path driverDirectory() {
     return sim::Machine::current().stateDirectory() / "driver";
-}
-
-std::string fileText(const std::filesystem::path& file) {
-    std::ifstream in(file);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 using testsupport::waitForFile;
@@ -311,7 +307,7 @@ TEST_F(KivDriverTest, PrepareRefusesBadArguments) {
     }
     EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"E:\\c.KIV")));
     EXPECT_FALSE(std::filesystem::exists(hostPathOf(u"F:\\c.KIV")));
-    EXPECT_EQ(fileText(hostPathOf(u"E:\\mine.txt")), "user data");
+    EXPECT_EQ(testsupport::readFile(hostPathOf(u"E:\\mine.txt")), "user data");
     KIV_Close(&api(), &source);
 }
 
@@ -372,7 +368,7 @@ TEST_F(KivDriverTest, GeneratedNamesAreUniqueOnTheMachine) {
     const std::filesystem::path file = machine_.directory() / "name";
     EXPECT_EQ(generatedName(), "\\\\?\\GLOBALROOT\\Device\\KivSnapshot1");
     ASSERT_EQ(runChild("generateName", {file.string()}), 0);
-    EXPECT_EQ(fileText(file), "\\\\?\\GLOBALROOT\\Device\\KivSnapshot2");
+    EXPECT_EQ(testsupport::readFile(file), "\\\\?\\GLOBALROOT\\Device\\KivSnapshot2");
     EXPECT_EQ(generatedName(), "\\\\?\\GLOBALROOT\\Device\\KivSnapshot3");
 }
 
@@ -446,7 +442,7 @@ TEST_F(KivDriverTest, SnapshotShowsTheVolumeAsItWasWhenMadeUntilDestroyed) {
 
     KivHandle snapshot = openVolume(name);
     ASSERT_TRUE(isValidKivHandle(snapshot));
-    EXPECT_EQ(fileText(folderOf(snapshot) / "dir" / "report.txt"), "before");
+    EXPECT_EQ(testsupport::readFile(folderOf(snapshot) / "dir" / "report.txt"), "before");
     EXPECT_FALSE(std::filesystem::exists(folderOf(snapshot) / "later.txt"));
     EXPECT_FALSE(std::filesystem::exists(folderOf(snapshot) / "_tarnKivCacheFile_0.KIV"));
 
@@ -556,7 +552,7 @@ TEST(KivDriverStateTest, DamagedStateFileIsReportedAndLeftAlone) {
         EXPECT_EQ(runChild("useDamagedState"), 0);
 
         if (row.text != nullptr) {
-            EXPECT_EQ(fileText(file), row.text);
+            EXPECT_EQ(testsupport::readFile(file), row.text);
         }
         const std::vector<sim::EventRecord> events = sim::readEventLog();
         ASSERT_EQ(events.size(), 1u);
@@ -575,7 +571,7 @@ TEST_F(KivDriverTest, ReadingCallsTakeNoLockAndWriteNothing) {
     EXPECT_FALSE(std::filesystem::exists(driverDirectory()));
 
     const std::string name = createSnapshot();
-    const std::string state = fileText(driverDirectory() / "state.json");
+    const std::string state = testsupport::readFile(driverDirectory() / "state.json");
 
     // Another holder of the lock: a process in the middle of a long change.
     const int lock = open((driverDirectory() / "lock").c_str(), O_RDWR | O_CLOEXEC);
@@ -583,7 +579,7 @@ TEST_F(KivDriverTest, ReadingCallsTakeNoLockAndWriteNothing) {
     ASSERT_EQ(flock(lock, LOCK_EX), 0);
     EXPECT_EQ(runChild("describeVolumes", {"C:", name, "E:"}), 0);
     close(lock);
-    EXPECT_EQ(fileText(driverDirectory() / "state.json"), state);
+    EXPECT_EQ(testsupport::readFile(driverDirectory() / "state.json"), state);
 }
 
 }  // namespace

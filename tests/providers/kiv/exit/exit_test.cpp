@@ -11,8 +11,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -21,6 +19,7 @@
 #include "host/host_node.h"
 #include "host/plugin_host.h"
 #include "support/child_process.h"
+#include "support/shell.h"
 #include "support/temp_machine.h"
 
 // The host's context, the plug-in and the node records outlive the role: the
@@ -106,11 +105,6 @@ FIKIV_CHILD_ROLE(leavePlugin) {
     return 0;
 }
 
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class PluginExitTest : public ::testing::TestWithParam<std::string> {};
 
 // Whichever way the host leaves, the coordinator is deleted while tracing
@@ -136,9 +130,10 @@ TEST_P(PluginExitTest, TearsDownInOrderAndCleanly) {
                "' --child=leavePlugin " + GetParam() + " >'" + out.string() + "' 2>'" +
                err.string() + "'";
     const int status = std::system(command.c_str());
-    const std::string output = readFile(out);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << readFile(err) << output;
-    EXPECT_EQ(readFile(err), "");
+    const std::string output = testsupport::readFile(out);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << testsupport::readFile(err) << output;
+    EXPECT_EQ(testsupport::readFile(err), "");
 
     // The teardown's frames in output order: the coordinator's encloses its
     // three nodes' (the group's, and the two volumes', which close their
